@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# Installs the Debian packages Quellix needs to build, test and run. Sourced by run.sh and
+# test.sh; does nothing when everything is present.
+set -euo pipefail
+
+QUELLIX_PACKAGES=(
+  build-essential cmake ninja-build pkg-config git
+  clang clang-format libclang-rt-14-dev
+  qt6-base-dev qt6-svg-dev qt6-tools-dev
+  libpulse-dev nlohmann-json3-dev libsystemd-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus sox
+)
+
+quellix_missing_packages() {
+  local missing=()
+  for package in "${QUELLIX_PACKAGES[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
+      missing+=("$package")
+    fi
+  done
+  echo "${missing[@]:-}"
+}
+
+quellix_install_packages() {
+  local missing
+  missing=$(quellix_missing_packages)
+  [ -z "$missing" ] && return 0
+  echo "Installing: $missing"
+  local sudo=()
+  if [ "$(id -u)" -ne 0 ]; then
+    if command -v sudo >/dev/null; then
+      sudo=(sudo)
+    else
+      echo "Missing packages ($missing) and no way to install them: run as root." >&2
+      return 1
+    fi
+  fi
+  # shellcheck disable=SC2086
+  "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q
+  # shellcheck disable=SC2086
+  "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends $missing
+}

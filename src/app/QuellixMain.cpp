@@ -1,0 +1,75 @@
+#include "app/QuellixMain.h"
+
+#include <QCoreApplication>
+#include <algorithm>
+
+#include "app/SpikeRunner.h"
+#include "platform/hal/BackendSelection.h"
+#include "platform/linux/JournalLogSink.h"
+#include "platform/qt/QtMainQueue.h"
+#include "support/BuildInfo.h"
+#include "support/Logger.h"
+
+namespace quellix::QuellixMain {
+namespace {
+
+// The argument right after the first occurrence of `flag`, when there is one.
+const std::string* argumentAfter(const std::vector<std::string>& arguments, const char* flag) {
+  const auto found = std::find(arguments.begin(), arguments.end(), flag);
+  if (found == arguments.end() || std::next(found) == arguments.end()) {
+    return nullptr;
+  }
+  return &*std::next(found);
+}
+
+bool contains(const std::vector<std::string>& arguments, const char* flag) {
+  return std::find(arguments.begin(), arguments.end(), flag) != arguments.end();
+}
+
+}  // namespace
+
+Invocation dispatch(const std::vector<std::string>& arguments) {
+  if (const auto* target = argumentAfter(arguments, "--spike")) {
+    return {Mode::spike, *target};
+  }
+  if (contains(arguments, "--list")) {
+    return {Mode::list, {}};
+  }
+  if (contains(arguments, "--taps")) {
+    return {Mode::taps, {}};
+  }
+  if (const auto* volume = argumentAfter(arguments, "--volset")) {
+    return {Mode::volset, *volume};
+  }
+  return {Mode::application, {}};
+}
+
+int main(int argc, char** argv) {
+  Logger::installSink(makeSystemLogSink());
+  const Invocation invocation = dispatch(std::vector<std::string>(argv, argv + argc));
+
+  QCoreApplication application(argc, argv);
+  QCoreApplication::setApplicationName("Quellix");
+  QtMainQueue queue;
+  installBackendFromEnvironment(queue);
+
+  const SpikeRunner::Context context{SpikeRunner::logPath, queue};
+  switch (invocation.mode) {
+    case Mode::spike:
+      return SpikeRunner::run(context, invocation.argument);
+    case Mode::list:
+      return SpikeRunner::list(context);
+    case Mode::taps:
+      return SpikeRunner::taps(context);
+    case Mode::volset:
+      return SpikeRunner::setVolume(context, invocation.argument);
+    case Mode::application:
+      break;
+  }
+  Logger("AppState")
+      .info(std::string("Quellix ") + build::kVersion +
+            ": the menu-bar application is not built yet");
+  return 0;
+}
+
+}  // namespace quellix::QuellixMain

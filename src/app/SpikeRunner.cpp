@@ -1,0 +1,103 @@
+#include "app/SpikeRunner.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "platform/hal/AudioHardware.h"
+#include "support/DefaultsStore.h"
+#include "support/Logger.h"
+#include "support/TextError.h"
+
+namespace quellix::SpikeRunner {
+namespace {
+
+constexpr int kSuccess = 0;
+constexpr int kFailure = 1;
+
+bool appendToExistingFile(const std::filesystem::path& path, std::string_view line) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+  if (fd < 0) {
+    return false;
+  }
+  std::size_t written = 0;
+  while (written < line.size()) {
+    const ssize_t result = ::write(fd, line.data() + written, line.size() - written);
+    if (result < 0 && errno == EINTR) {
+      continue;
+    }
+    if (result <= 0) {
+      break;
+    }
+    written += static_cast<std::size_t>(result);
+  }
+  ::close(fd);
+  return true;
+}
+
+std::string joinIDs(const std::vector<AudioObjectID>& ids) {
+  std::string text = "[";
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    text += (i == 0 ? "" : ", ") + std::to_string(ids[i]);
+  }
+  return text + "]";
+}
+
+int notBuiltYet(const Context& context, std::string_view mode) {
+  log(context, std::string(mode) + " is not built yet");
+  return kFailure;
+}
+
+}  // namespace
+
+void log(const Context& context, std::string_view message) {
+  Logger("Spike").info(message);
+  std::string line(message);
+  line += '\n';
+  if (appendToExistingFile(context.logFile, line)) {
+    return;
+  }
+  try {
+    writeFileAtomically(context.logFile, line);
+  } catch (const TextError&) {
+    // The line survives in the system log.
+  }
+}
+
+int taps(const Context& context) {
+  const AudioObjectPropertyAddress address{kAudioHardwarePropertyTapList,
+                                           kAudioObjectPropertyScopeGlobal,
+                                           kAudioObjectPropertyElementMain};
+  UInt32 size = 0;
+  OSStatus status =
+      AudioObjectGetPropertyDataSize(kAudioObjectSystemObject, &address, 0, nullptr, &size);
+  if (status != kAudioHardwareNoError) {
+    log(context, "TapList size error: " + std::to_string(status));
+    return kFailure;
+  }
+  std::vector<AudioObjectID> ids(size / sizeof(AudioObjectID), 0);
+  UInt32 dataSize = static_cast<UInt32>(ids.size() * sizeof(AudioObjectID));
+  status = AudioObjectGetPropertyData(kAudioObjectSystemObject, &address, 0, nullptr, &dataSize,
+                                      ids.data());
+  if (status != kAudioHardwareNoError) {
+    log(context, "TapList read error: " + std::to_string(status));
+    return kFailure;
+  }
+  log(context, "Taps im System: " + std::to_string(ids.size()) + " " + joinIDs(ids));
+  return kSuccess;
+}
+
+int list(const Context& context) {
+  return notBuiltYet(context, "The list mode (--list)");
+}
+
+int run(const Context& context, const std::string&) {
+  return notBuiltYet(context, "The tap diagnosis (--spike)");
+}
+
+int setVolume(const Context& context, const std::string&) {
+  return notBuiltYet(context, "The volume-set mode (--volset)");
+}
+
+}  // namespace quellix::SpikeRunner

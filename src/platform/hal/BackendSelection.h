@@ -1,0 +1,15 @@
+#pragma once
+
+#include <memory>
+
+#include "platform/hal/AudioBackend.h"
+
+namespace quellix {
+
+class MainQueue;
+
+// Chooses the backend the program runs on: QUELLIX_AUDIO_BACKEND=sim gives the simulator
+// (one output device, no processes); anything else the sound server. Installs and returns it.
+std::shared_ptr<AudioBackend> installBackendFromEnvironment(MainQueue& queue);
+
+}  // namespace quellix

@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Sets up a fresh Debian 12 machine and runs the whole test suite:
+# format check, debug build (GCC) with every test, ASan+UBSan build (Clang) with the unit
+# tests, and a TSan build (Clang) of the audio-path tests.
+set -euo pipefail
+cd "$(dirname "$0")"
+source scripts/setup.sh
+quellix_install_packages
+
+jobs=$(nproc)
+
+echo "== clang-format"
+git ls-files -- '*.h' '*.cpp' | xargs clang-format --dry-run --Werror
+
+echo "== debug build (GCC), all tests"
+cmake --preset debug >/dev/null
+cmake --build --preset debug -j "$jobs"
+ctest --preset debug -j "$jobs"
+
+echo "== ASan+UBSan build (Clang), unit tests"
+cmake --preset asan >/dev/null
+cmake --build --preset asan -j "$jobs"
+ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+  ctest --preset asan -j "$jobs" -L unit
+
+if [ -n "$(grep -l 'LABELS tsan' tests/CMakeLists.txt || true)" ]; then
+  echo "== TSan build (Clang), audio-path tests"
+  cmake --preset tsan >/dev/null
+  cmake --build --preset tsan -j "$jobs" --target tsan_tests
+  TSAN_OPTIONS=halt_on_error=1 ctest --preset tsan -L tsan
+fi

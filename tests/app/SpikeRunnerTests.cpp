@@ -1,0 +1,64 @@
+#include "app/SpikeRunner.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "TestSupport.h"
+
+namespace quellix {
+namespace {
+
+using Call = SimAudioBackend::Call;
+
+class SpikeRunnerTest : public testing::SimTest {
+ protected:
+  std::string logFile() const {
+    std::ifstream file(context.logFile);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+  }
+
+  testing::TemporaryDirectory directory;
+  SpikeRunner::Context context{directory.path() / "spike.log", queue};
+};
+
+TEST_F(SpikeRunnerTest, TheLogFileIsCreatedOnFirstUseAndOnlyAppendedTo) {
+  SpikeRunner::log(context, "first");
+  SpikeRunner::log(context, "zweite Zeile — ü");
+  EXPECT_EQ(logFile(), "first\nzweite Zeile — ü\n");
+  EXPECT_EQ(logs->messages("Spike"), (std::vector<std::string>{"first", "zweite Zeile — ü"}));
+}
+
+TEST_F(SpikeRunnerTest, AnUnwritableLogFileLosesTheLineOnlyThere) {
+  SpikeRunner::Context nowhere{directory.path() / "missing-dir" / "x" / "spike.log", queue};
+  std::filesystem::create_directories(directory.path() / "missing-dir");
+  std::ofstream(directory.path() / "missing-dir" / "x") << "a file, not a folder";
+  SpikeRunner::log(nowhere, "still logged");
+  EXPECT_EQ(logs->messages("Spike"), std::vector<std::string>{"still logged"});
+}
+
+TEST_F(SpikeRunnerTest, TapListReportsCountAndIdentifiers) {
+  EXPECT_EQ(SpikeRunner::taps(context), 0);
+  const AudioObjectID a = sim->addProcess({.pid = 1});
+  AudioObjectID tapA = 0;
+  AudioObjectID tapB = 0;
+  auto description = CATapDescription::stereoMixdownOfProcesses({a});
+  ASSERT_EQ(AudioHardwareCreateProcessTap(&description, &tapA), 0);
+  ASSERT_EQ(AudioHardwareCreateProcessTap(&description, &tapB), 0);
+  EXPECT_EQ(SpikeRunner::taps(context), 0);
+  EXPECT_EQ(logFile(), "Taps im System: 0 []\nTaps im System: 2 [" + std::to_string(tapA) + ", " +
+                           std::to_string(tapB) + "]\n");
+}
+
+TEST_F(SpikeRunnerTest, TapListFailuresEndWithStatusOne) {
+  sim->failProperty(1, kAudioHardwarePropertyTapList, Call::getPropertyDataSize, -10);
+  EXPECT_EQ(SpikeRunner::taps(context), 1);
+  sim->clearFaults();
+  sim->failProperty(1, kAudioHardwarePropertyTapList, Call::getPropertyData,
+                    kAudioHardwareNotRunningError);
+  EXPECT_EQ(SpikeRunner::taps(context), 1);
+  EXPECT_EQ(logFile(), "TapList size error: -10\nTapList read error: 1937010544\n");
+}
+
+}  // namespace
+}  // namespace quellix
