@@ -6,8 +6,10 @@
 #include <cerrno>
 
 #include "platform/hal/AudioHardware.h"
+#include "services/SystemVolumeController.h"
 #include "support/DefaultsStore.h"
 #include "support/Logger.h"
+#include "support/Parsing.h"
 #include "support/TextError.h"
 
 namespace quellix::SpikeRunner {
@@ -42,6 +44,10 @@ std::string joinIDs(const std::vector<AudioObjectID>& ids) {
     text += (i == 0 ? "" : ", ") + std::to_string(ids[i]);
   }
   return text + "]";
+}
+
+long long truncatedPercent(double volume) {
+  return static_cast<long long>(volume * 100.0);
 }
 
 int notBuiltYet(const Context& context, std::string_view mode) {
@@ -96,8 +102,19 @@ int run(const Context& context, const std::string&) {
   return notBuiltYet(context, "The tap diagnosis (--spike)");
 }
 
-int setVolume(const Context& context, const std::string&) {
-  return notBuiltYet(context, "The volume-set mode (--volset)");
+int setVolume(const Context& context, const std::string& volume) {
+  const auto percent = parseStrictDouble(volume);
+  if (!percent || !(*percent >= 0.0 && *percent <= 100.0)) {
+    log(context, "--volset erwartet 0–100");
+    return kFailure;
+  }
+  const auto controller = SystemVolumeController::create(context.queue);
+  const double before = controller->volume().get();
+  controller->setVolume(*percent / 100.0);
+  log(context, "Volume: " + std::to_string(truncatedPercent(before)) + " % → " +
+                   std::to_string(truncatedPercent(controller->volume().get())) +
+                   " % (adjustable=" + (controller->isAdjustable().get() ? "true" : "false") + ")");
+  return kSuccess;
 }
 
 }  // namespace quellix::SpikeRunner

@@ -62,3 +62,43 @@ TEST_F(SpikeRunnerTest, TapListFailuresEndWithStatusOne) {
 
 }  // namespace
 }  // namespace quellix
+
+namespace quellix {
+namespace {
+
+class VolumeSetTest : public testing::SimTest {
+ protected:
+  testing::TemporaryDirectory directory;
+  SpikeRunner::Context context{directory.path() / "spike.log", queue};
+};
+
+TEST_F(VolumeSetTest, SetsTheDefaultOutputAndReportsTruncatedPercentages) {
+  const AudioObjectID device = addDefaultOutput();
+  sim->setDeviceVolume(device, 0.499f);
+  EXPECT_EQ(SpikeRunner::setVolume(context, "30"), 0);
+  EXPECT_FLOAT_EQ(sim->device(device)->volume, 0.3f);
+  EXPECT_EQ(SpikeRunner::setVolume(context, "100"), 0);
+  EXPECT_EQ(SpikeRunner::setVolume(context, "0"), 0);
+  EXPECT_EQ(logs->messages("Spike"),
+            (std::vector<std::string>{"Volume: 49 % → 30 % (adjustable=true)",
+                                      "Volume: 30 % → 100 % (adjustable=true)",
+                                      "Volume: 100 % → 0 % (adjustable=true)"}));
+}
+
+TEST_F(VolumeSetTest, RejectsWhatIsNotANumberFromZeroToHundred) {
+  addDefaultOutput();
+  for (const char* bad : {"100.5", "-1", " 5", "abc", "nan", "", "5 "}) {
+    EXPECT_EQ(SpikeRunner::setVolume(context, bad), 1) << bad;
+  }
+  EXPECT_EQ(sim->callCount(SimAudioBackend::Call::setPropertyData), 0u);
+  EXPECT_EQ(logs->messages("Spike"), std::vector<std::string>(7, "--volset erwartet 0–100"));
+}
+
+TEST_F(VolumeSetTest, WithoutADefaultOutputItStillEndsWithStatusZero) {
+  EXPECT_EQ(SpikeRunner::setVolume(context, "50"), 0);
+  EXPECT_EQ(logs->messages("Spike"),
+            std::vector<std::string>{"Volume: 0 % → 0 % (adjustable=false)"});
+}
+
+}  // namespace
+}  // namespace quellix
