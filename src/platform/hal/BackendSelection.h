@@ -9,7 +9,8 @@ namespace quellix {
 class MainQueue;
 
 // Chooses the backend the program runs on: QUELLIX_AUDIO_BACKEND=sim gives the simulator
-// (one output device, no processes); anything else the sound server. Installs and returns it.
+// (one output device, no processes); anything else the sound server through libpulse. Installs and
+// returns it.
 std::shared_ptr<AudioBackend> installBackendFromEnvironment(MainQueue& queue);
 
 }  // namespace quellix

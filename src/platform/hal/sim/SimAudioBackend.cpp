@@ -11,26 +11,6 @@ namespace {
 constexpr UInt32 kTapChannels = 2;
 constexpr Float64 kFallbackSampleRate = 48000.0;
 
-template <typename T>
-std::vector<unsigned char> bytesOf(const T& value) {
-  std::vector<unsigned char> bytes(sizeof(T));
-  std::memcpy(bytes.data(), &value, sizeof(T));
-  return bytes;
-}
-
-std::vector<unsigned char> bytesOfList(const std::vector<AudioObjectID>& ids) {
-  std::vector<unsigned char> bytes(ids.size() * sizeof(AudioObjectID));
-  if (!ids.empty()) {
-    std::memcpy(bytes.data(), ids.data(), bytes.size());
-  }
-  return bytes;
-}
-
-bool isListSelector(AudioObjectPropertySelector selector) {
-  return selector == kAudioHardwarePropertyProcessObjectList ||
-         selector == kAudioHardwarePropertyDevices || selector == kAudioHardwarePropertyTapList;
-}
-
 std::string stringMember(const CFDictionary& dictionary, const char* key) {
   const auto found = dictionary.find(key);
   return found != dictionary.end() && found->is_string() ? found->get<std::string>()
@@ -164,9 +144,7 @@ std::size_t SimAudioBackend::callCount(Call call) const {
 
 std::size_t SimAudioBackend::listenerCount(AudioObjectID object,
                                            const AudioObjectPropertyAddress& address) const {
-  std::lock_guard lock(mutex_);
-  const auto found = listeners_.find({object, address.mSelector, address.mScope, address.mElement});
-  return found == listeners_.end() ? 0 : found->second.size();
+  return listeners_.count(object, address);
 }
 
 std::vector<SimAudioBackend::TapState> SimAudioBackend::taps() const {
@@ -237,15 +215,12 @@ std::optional<AudioObjectID> SimAudioBackend::deviceWithUID(const std::string& u
   return std::nullopt;
 }
 
-std::optional<SimAudioBackend::PropertyValue> SimAudioBackend::propertyValue(
+std::optional<PropertyValue> SimAudioBackend::propertyValue(
     AudioObjectID object, const AudioObjectPropertyAddress& address, OSStatus& status) const {
   status = kAudioHardwareUnknownPropertyError;
   const auto selector = address.mSelector;
   const bool global = address.mScope == kAudioObjectPropertyScopeGlobal;
   const bool output = address.mScope == kAudioDevicePropertyScopeOutput;
-  auto text = [](const std::string& value) {
-    return PropertyValue{bytesOf(CFStringCreate(value)), true};
-  };
 
   if (object == kAudioObjectSystemObject) {
     if (!global) {
@@ -256,20 +231,20 @@ std::optional<SimAudioBackend::PropertyValue> SimAudioBackend::propertyValue(
       for (const auto& entry : processes_) {
         ids.push_back(entry.first);
       }
-      return PropertyValue{bytesOfList(ids)};
+      return PropertyValue::list(ids);
     }
     if (selector == kAudioHardwarePropertyDevices) {
-      return PropertyValue{bytesOfList(deviceList())};
+      return PropertyValue::list(deviceList());
     }
     if (selector == kAudioHardwarePropertyTapList) {
       std::vector<AudioObjectID> ids;
       for (const auto& entry : taps_) {
         ids.push_back(entry.first);
       }
-      return PropertyValue{bytesOfList(ids)};
+      return PropertyValue::list(ids);
     }
     if (selector == kAudioHardwarePropertyDefaultOutputDevice) {
-      return PropertyValue{bytesOf(defaultOutput_)};
+      return PropertyValue::of(defaultOutput_);
     }
     return std::nullopt;
   }
@@ -280,14 +255,14 @@ std::optional<SimAudioBackend::PropertyValue> SimAudioBackend::propertyValue(
       return std::nullopt;
     }
     if (selector == kAudioProcessPropertyPID)
-      return PropertyValue{bytesOf(p.pid)};
+      return PropertyValue::of(p.pid);
     if (selector == kAudioProcessPropertyBundleID)
-      return text(p.bundleID);
+      return PropertyValue::text(p.bundleID);
     if (selector == kAudioProcessPropertyIsRunning) {
-      return PropertyValue{bytesOf(static_cast<UInt32>(p.running ? 1 : 0))};
+      return PropertyValue::of(static_cast<UInt32>(p.running ? 1 : 0));
     }
     if (selector == kAudioProcessPropertyIsRunningOutput) {
-      return PropertyValue{bytesOf(static_cast<UInt32>(p.runningOutput ? 1 : 0))};
+      return PropertyValue::of(static_cast<UInt32>(p.runningOutput ? 1 : 0));
     }
     return std::nullopt;
   }
@@ -295,26 +270,26 @@ std::optional<SimAudioBackend::PropertyValue> SimAudioBackend::propertyValue(
   if (const auto device = devices_.find(object); device != devices_.end()) {
     const Device& d = device->second;
     if (global && selector == kAudioDevicePropertyDeviceUID)
-      return text(d.uid);
+      return PropertyValue::text(d.uid);
     if (global && selector == kAudioDevicePropertyNominalSampleRate && d.sampleRate) {
-      return PropertyValue{bytesOf(*d.sampleRate)};
+      return PropertyValue::of(*d.sampleRate);
     }
     if (output && selector == kAudioHardwareServiceDeviceProperty_VirtualMainVolume &&
         d.hasVolume) {
-      return PropertyValue{bytesOf(d.volume)};
+      return PropertyValue::of(d.volume);
     }
     if (output && selector == kAudioDevicePropertyMute)
-      return PropertyValue{bytesOf(d.muteValue)};
+      return PropertyValue::of(d.muteValue);
     return std::nullopt;
   }
 
   if (const auto aggregate = aggregates_.find(object); aggregate != aggregates_.end()) {
     if (global && selector == kAudioDevicePropertyDeviceUID)
-      return text(aggregate->second.uid);
+      return PropertyValue::text(aggregate->second.uid);
     if (global && selector == kAudioDevicePropertyNominalSampleRate) {
       const auto main = deviceWithUID(aggregate->second.mainSubDeviceUID);
       const auto rate = main ? devices_.at(*main).sampleRate : std::nullopt;
-      return PropertyValue{bytesOf(rate.value_or(kFallbackSampleRate))};
+      return PropertyValue::of(rate.value_or(kFallbackSampleRate));
     }
     return std::nullopt;
   }
@@ -334,7 +309,7 @@ std::optional<SimAudioBackend::PropertyValue> SimAudioBackend::propertyValue(
                                                kTapChannels,
                                                32,
                                                0};
-      return PropertyValue{bytesOf(format)};
+      return PropertyValue::of(format);
     }
     return std::nullopt;
   }
@@ -355,14 +330,8 @@ OSStatus SimAudioBackend::getPropertyDataSize(AudioObjectID object,
   if (!value) {
     return status;
   }
-  if (value->isText) {
-    CFStringRef ref = nullptr;
-    std::memcpy(&ref, value->bytes.data(), sizeof ref);
-    CFRelease(ref);
-  }
   const auto overridden = reportedSizes_.find({object, address.mSelector});
-  outSize = overridden != reportedSizes_.end() ? overridden->second
-                                               : static_cast<UInt32>(value->bytes.size());
+  outSize = overridden != reportedSizes_.end() ? overridden->second : value->size();
   return kAudioHardwareNoError;
 }
 
@@ -378,27 +347,7 @@ OSStatus SimAudioBackend::getPropertyData(AudioObjectID object,
   if (!value) {
     return status;
   }
-  const auto size = static_cast<UInt32>(value->bytes.size());
-  if (isListSelector(address.mSelector)) {
-    // Lists deliver as many whole elements as fit.
-    const UInt32 fitting = std::min(ioSize, size) / sizeof(AudioObjectID) * sizeof(AudioObjectID);
-    if (fitting > 0) {
-      std::memcpy(outData, value->bytes.data(), fitting);
-    }
-    ioSize = fitting;
-    return kAudioHardwareNoError;
-  }
-  if (ioSize < size) {
-    if (value->isText) {
-      CFStringRef ref = nullptr;
-      std::memcpy(&ref, value->bytes.data(), sizeof ref);
-      CFRelease(ref);
-    }
-    return kAudioHardwareBadPropertySizeError;
-  }
-  std::memcpy(outData, value->bytes.data(), size);
-  ioSize = size;
-  return kAudioHardwareNoError;
+  return value->deliver(ioSize, outData);
 }
 
 OSStatus SimAudioBackend::setPropertyData(AudioObjectID object,
@@ -442,13 +391,7 @@ OSStatus SimAudioBackend::setPropertyData(AudioObjectID object,
 bool SimAudioBackend::hasProperty(AudioObjectID object, const AudioObjectPropertyAddress& address) {
   std::lock_guard lock(mutex_);
   OSStatus status = kAudioHardwareNoError;
-  auto value = propertyValue(object, address, status);
-  if (value && value->isText) {
-    CFStringRef ref = nullptr;
-    std::memcpy(&ref, value->bytes.data(), sizeof ref);
-    CFRelease(ref);
-  }
-  return value.has_value();
+  return propertyValue(object, address, status).has_value();
 }
 
 OSStatus SimAudioBackend::addPropertyListener(AudioObjectID object,
@@ -465,8 +408,7 @@ OSStatus SimAudioBackend::addPropertyListener(AudioObjectID object,
   if (!known) {
     return kAudioHardwareBadObjectError;
   }
-  listeners_[{object, address.mSelector, address.mScope, address.mElement}].push_back(
-      {queue, std::move(listener)});
+  listeners_.add(object, address, queue, std::move(listener));
   return kAudioHardwareNoError;
 }
 
@@ -478,35 +420,13 @@ OSStatus SimAudioBackend::removePropertyListener(AudioObjectID object,
   if (auto fault = injectedFault(Call::removePropertyListener, object, address.mSelector)) {
     return *fault;
   }
-  auto found = listeners_.find({object, address.mSelector, address.mScope, address.mElement});
-  if (found == listeners_.end()) {
-    return kAudioHardwareIllegalOperationError;
-  }
-  auto& registrations = found->second;
-  const auto match = std::find_if(registrations.begin(), registrations.end(), [&](const auto& r) {
-    return r.queue == queue && r.listener == listener;
-  });
-  if (match == registrations.end()) {
-    return kAudioHardwareIllegalOperationError;
-  }
-  registrations.erase(match);
-  if (registrations.empty()) {
-    listeners_.erase(found);
-  }
-  return kAudioHardwareNoError;
+  return listeners_.remove(object, address, queue, listener) ? kAudioHardwareNoError
+                                                             : kAudioHardwareIllegalOperationError;
 }
 
 void SimAudioBackend::fire(AudioObjectID object, AudioObjectPropertySelector selector,
                            AudioObjectPropertyScope scope) {
-  const AudioObjectPropertyAddress address{selector, scope, kAudioObjectPropertyElementMain};
-  const auto found = listeners_.find({object, selector, scope, address.mElement});
-  if (found == listeners_.end()) {
-    return;
-  }
-  for (const auto& registration : found->second) {
-    registration.queue->post(
-        [listener = registration.listener, address] { (*listener)(1, &address); });
-  }
+  listeners_.fire(object, {selector, scope, kAudioObjectPropertyElementMain});
 }
 
 OSStatus SimAudioBackend::createProcessTap(const CATapDescription& description,

@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "platform/hal/AudioBackend.h"
+#include "platform/hal/ListenerRegistry.h"
+#include "platform/hal/PropertyValue.h"
 
 namespace quellix {
 
@@ -137,18 +139,6 @@ class SimAudioBackend final : public AudioBackend {
     std::vector<AudioObjectID> taps;
     std::map<AudioDeviceIOProcID, IOProc> ioProcs;
   };
-  struct Registration {
-    MainQueue* queue;
-    AudioObjectPropertyListenerBlock listener;
-  };
-  using ListenerKey = std::tuple<AudioObjectID, AudioObjectPropertySelector,
-                                 AudioObjectPropertyScope, AudioObjectPropertyElement>;
-  // The value of a property as bytes, and whether it is a text handed out retained.
-  struct PropertyValue {
-    std::vector<unsigned char> bytes;
-    bool isText = false;
-  };
-
   AudioObjectID nextObjectID();
   std::optional<OSStatus> injectedFault(Call call, AudioObjectID object,
                                         AudioObjectPropertySelector selector);
@@ -170,7 +160,7 @@ class SimAudioBackend final : public AudioBackend {
   std::map<AudioObjectID, CATapDescription> taps_;
   std::map<AudioObjectID, Aggregate> aggregates_;
   AudioObjectID defaultOutput_ = kAudioObjectUnknown;
-  std::map<ListenerKey, std::vector<Registration>> listeners_;
+  ListenerRegistry listeners_;
   std::map<Call, OSStatus> callFaults_;
   std::map<std::tuple<AudioObjectID, AudioObjectPropertySelector, Call>, OSStatus> propertyFaults_;
   std::map<std::pair<AudioObjectID, AudioObjectPropertySelector>, UInt32> reportedSizes_;

@@ -1,0 +1,733 @@
+#include "platform/hal/pulse/PulseBackend.h"
+
+#include <pulse/pulseaudio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "platform/hal/PropertyValue.h"
+#include "support/BuildInfo.h"
+
+namespace quellix {
+namespace {
+
+using pulse::AudioSnapshot;
+
+constexpr AudioObjectPropertyAddress kVolumeAddress{
+    kAudioHardwareServiceDeviceProperty_VirtualMainVolume, kAudioDevicePropertyScopeOutput,
+    kAudioObjectPropertyElementMain};
+constexpr AudioObjectPropertyAddress kMuteAddress{
+    kAudioDevicePropertyMute, kAudioDevicePropertyScopeOutput, kAudioObjectPropertyElementMain};
+// The initial view: sinks, sink inputs, source outputs, clients and the server's defaults.
+constexpr int kInitialListReplies = 5;
+
+class MainloopLock {
+ public:
+  explicit MainloopLock(pa_threaded_mainloop* mainloop) : mainloop_(mainloop) {
+    pa_threaded_mainloop_lock(mainloop_);
+  }
+  ~MainloopLock() { pa_threaded_mainloop_unlock(mainloop_); }
+  MainloopLock(const MainloopLock&) = delete;
+  MainloopLock& operator=(const MainloopLock&) = delete;
+
+ private:
+  pa_threaded_mainloop* mainloop_;
+};
+
+pulse::Properties copyProperties(const pa_proplist* list) {
+  pulse::Properties properties;
+  if (list == nullptr) {
+    return properties;
+  }
+  void* state = nullptr;
+  while (const char* key = pa_proplist_iterate(list, &state)) {
+    if (const char* value = pa_proplist_gets(list, key)) {
+      properties.emplace(key, value);
+    }
+  }
+  return properties;
+}
+
+pulse::SinkInfo copySink(const pa_sink_info& info) {
+  pulse::SinkInfo sink;
+  sink.index = info.index;
+  sink.name = info.name != nullptr ? info.name : "";
+  sink.sampleRate = info.sample_spec.rate;
+  sink.channelVolumes.assign(info.volume.values, info.volume.values + info.volume.channels);
+  sink.mute = info.mute != 0;
+  sink.ownerModule = info.owner_module;
+  sink.properties = copyProperties(info.proplist);
+  return sink;
+}
+
+template <typename Info>
+pulse::StreamInfo copyStream(const Info& info, std::uint32_t device) {
+  pulse::StreamInfo stream;
+  stream.index = info.index;
+  stream.client = info.client;
+  stream.device = device;
+  stream.corked = info.corked != 0;
+  stream.ownerModule = info.owner_module;
+  stream.properties = copyProperties(info.proplist);
+  return stream;
+}
+
+PulseBackend* backendOf(void* userdata) {
+  return static_cast<PulseBackend*>(userdata);
+}
+
+// The channel volumes that keep the sink's balance and average to `volume`.
+pa_cvolume scaledVolume(const std::vector<std::uint32_t>& channels, Float32 volume) {
+  pa_cvolume result;
+  pa_cvolume_init(&result);
+  const auto count =
+      static_cast<std::uint8_t>(std::clamp<std::size_t>(channels.size(), 1, PA_CHANNELS_MAX));
+  result.channels = count;
+  const double target = std::clamp<double>(volume, 0.0, 1.0) * PA_VOLUME_NORM;
+  double average = 0;
+  for (std::size_t i = 0; i < channels.size() && i < count; ++i) {
+    average += channels[i];
+  }
+  average /= count;
+  for (std::uint8_t i = 0; i < count; ++i) {
+    const double value =
+        average > 0 && i < channels.size() ? channels[i] * target / average : target;
+    result.values[i] =
+        static_cast<pa_volume_t>(std::clamp<double>(std::lround(value), 0, PA_VOLUME_MAX));
+  }
+  return result;
+}
+
+}  // namespace
+
+struct PulseBackend::Completion {
+  std::mutex mutex;
+  std::condition_variable condition;
+  bool done = false;
+  bool success = false;
+
+  void finish(bool succeeded) {
+    {
+      std::lock_guard lock(mutex);
+      if (done) {
+        return;
+      }
+      done = true;
+      success = succeeded;
+    }
+    condition.notify_all();
+  }
+};
+
+std::shared_ptr<PulseBackend> PulseBackend::create(Options options) {
+  std::shared_ptr<PulseBackend> backend(new PulseBackend(std::move(options)));
+  backend->startMainloop();
+  if (!backend->waitForFirstSync()) {
+    backend->logger_.error(
+        "The sound server is not reachable; audio calls fail until it is, and Quellix keeps "
+        "trying to connect");
+  }
+  return backend;
+}
+
+PulseBackend::PulseBackend(Options options)
+    : options_(std::move(options)), snapshot_(std::make_shared<const AudioSnapshot>()) {}
+
+PulseBackend::~PulseBackend() {
+  if (mainloop_ == nullptr) {
+    return;
+  }
+  // With the thread stopped no callback can run any more; then the context can go.
+  pa_threaded_mainloop_stop(mainloop_);
+  dropContext();
+  if (retryEvent_ != nullptr) {
+    pa_threaded_mainloop_get_api(mainloop_)->time_free(retryEvent_);
+  }
+  pa_threaded_mainloop_free(mainloop_);
+}
+
+void PulseBackend::startMainloop() {
+  mainloop_ = pa_threaded_mainloop_new();
+  pa_threaded_mainloop_set_name(mainloop_, "quellix-pulse");
+  MainloopLock lock(mainloop_);
+  pa_threaded_mainloop_start(mainloop_);
+  connect();
+}
+
+bool PulseBackend::waitForFirstSync() {
+  std::unique_lock lock(syncMutex_);
+  return syncCondition_.wait_for(lock, options_.startupWait, [&] { return firstSyncDone_; });
+}
+
+bool PulseBackend::isConnected() const {
+  return snapshot()->connected;
+}
+
+std::shared_ptr<const AudioSnapshot> PulseBackend::snapshot() const {
+  std::lock_guard lock(snapshotMutex_);
+  return snapshot_;
+}
+
+void PulseBackend::connect() {
+  pa_proplist* properties = pa_proplist_new();
+  pa_proplist_sets(properties, PA_PROP_APPLICATION_NAME, "Quellix");
+  pa_proplist_sets(properties, PA_PROP_APPLICATION_ID, build::kBundleIdentifier);
+  context_ =
+      pa_context_new_with_proplist(pa_threaded_mainloop_get_api(mainloop_), "Quellix", properties);
+  pa_proplist_free(properties);
+  pa_context_set_state_callback(context_, &PulseBackend::contextStateCallback, this);
+  const char* server = options_.server.empty() ? nullptr : options_.server.c_str();
+  // NOFAIL waits for a server that announces itself; the retry timer covers one that doesn't.
+  if (pa_context_connect(
+          context_, server,
+          static_cast<pa_context_flags_t>(PA_CONTEXT_NOFAIL | PA_CONTEXT_NOAUTOSPAWN),
+          nullptr) < 0) {
+    dropContext();
+  }
+  armRetry(options_.retryInterval);
+}
+
+void PulseBackend::dropContext() {
+  if (context_ == nullptr) {
+    return;
+  }
+  pa_context_set_state_callback(context_, nullptr, nullptr);
+  pa_context_set_subscribe_callback(context_, nullptr, nullptr);
+  pa_context_disconnect(context_);
+  pa_context_unref(context_);
+  context_ = nullptr;
+}
+
+void PulseBackend::armRetry(std::chrono::milliseconds delay) {
+  timeval when{};
+  pa_gettimeofday(&when);
+  pa_timeval_add(&when, static_cast<pa_usec_t>(delay.count()) * PA_USEC_PER_MSEC);
+  pa_mainloop_api* api = pa_threaded_mainloop_get_api(mainloop_);
+  if (retryEvent_ == nullptr) {
+    retryEvent_ = api->time_new(api, &when, &PulseBackend::retryCallback, this);
+  } else {
+    api->time_restart(retryEvent_, &when);
+  }
+}
+
+void PulseBackend::retryCallback(pa_mainloop_api*, pa_time_event*, const struct timeval*,
+                                 void* userdata) {
+  PulseBackend* self = backendOf(userdata);
+  if (self->ready_) {
+    return;
+  }
+  self->dropContext();
+  self->connect();
+}
+
+void PulseBackend::contextStateCallback(pa_context* context, void* userdata) {
+  backendOf(userdata)->onContextState(context);
+}
+
+void PulseBackend::onContextState(pa_context* context) {
+  if (context != context_) {
+    return;
+  }
+  switch (pa_context_get_state(context)) {
+    case PA_CONTEXT_READY: {
+      ready_ = true;
+      model_.setOwnClient(pa_context_get_index(context), static_cast<SInt32>(::getpid()));
+      pa_context_set_subscribe_callback(context, &PulseBackend::subscriptionCallback, this);
+      const auto mask = static_cast<pa_subscription_mask_t>(
+          PA_SUBSCRIPTION_MASK_SINK | PA_SUBSCRIPTION_MASK_SINK_INPUT |
+          PA_SUBSCRIPTION_MASK_SOURCE_OUTPUT | PA_SUBSCRIPTION_MASK_CLIENT |
+          PA_SUBSCRIPTION_MASK_SERVER);
+      pa_operation_unref(pa_context_subscribe(context, mask, nullptr, nullptr));
+      requestEverything();
+      const char* server = pa_context_get_server(context);
+      logger_.info(std::string(wasConnected_ ? "Reconnected" : "Connected") +
+                   " to the sound server at " + (server != nullptr ? server : "?"));
+      wasConnected_ = true;
+      break;
+    }
+    case PA_CONTEXT_FAILED:
+    case PA_CONTEXT_TERMINATED:
+      if (ready_) {
+        logger_.error(std::string("Lost the sound server (") +
+                      pa_strerror(pa_context_errno(context)) + "); reconnecting");
+      }
+      ready_ = false;
+      pendingListReplies_ = 0;
+      failPendingOperations();
+      model_.reset();
+      publish();
+      // Not from inside the context's own callback: the retry drops and replaces it.
+      armRetry(std::chrono::milliseconds(100));
+      break;
+    default:
+      break;
+  }
+}
+
+void PulseBackend::requestEverything() {
+  pendingListReplies_ = kInitialListReplies;
+  pa_operation_unref(
+      pa_context_get_sink_info_list(context_, &PulseBackend::sinkListCallback, this));
+  pa_operation_unref(
+      pa_context_get_sink_input_info_list(context_, &PulseBackend::sinkInputListCallback, this));
+  pa_operation_unref(pa_context_get_source_output_info_list(
+      context_, &PulseBackend::sourceOutputListCallback, this));
+  pa_operation_unref(
+      pa_context_get_client_info_list(context_, &PulseBackend::clientListCallback, this));
+  pa_operation_unref(pa_context_get_server_info(context_, &PulseBackend::serverInfoCallback, this));
+}
+
+void PulseBackend::listReplyFinished() {
+  if (pendingListReplies_ <= 0 || --pendingListReplies_ > 0) {
+    return;
+  }
+  publish();
+  {
+    std::lock_guard lock(syncMutex_);
+    firstSyncDone_ = true;
+  }
+  syncCondition_.notify_all();
+}
+
+void PulseBackend::publish() {
+  if (pendingListReplies_ > 0) {
+    return;  // the first view is published whole
+  }
+  auto next = std::make_shared<const AudioSnapshot>(model_.snapshot(ready_));
+  std::shared_ptr<const AudioSnapshot> previous;
+  {
+    std::lock_guard lock(snapshotMutex_);
+    previous = std::exchange(snapshot_, next);
+  }
+  for (const auto& change : pulse::changesBetween(*previous, *next)) {
+    listeners_.fire(change.object, change.address);
+  }
+}
+
+void PulseBackend::subscriptionCallback(pa_context* context, pa_subscription_event_type_t eventType,
+                                        std::uint32_t index, void* userdata) {
+  backendOf(userdata)->onSubscription(context, static_cast<unsigned>(eventType), index);
+}
+
+void PulseBackend::onSubscription(pa_context* context, unsigned eventType, std::uint32_t index) {
+  if (context != context_) {
+    return;
+  }
+  const unsigned facility = eventType & PA_SUBSCRIPTION_EVENT_FACILITY_MASK;
+  const unsigned type = eventType & PA_SUBSCRIPTION_EVENT_TYPE_MASK;
+  const bool removed = type == PA_SUBSCRIPTION_EVENT_REMOVE;
+  const bool announced = type == PA_SUBSCRIPTION_EVENT_NEW;
+  using Kind = pulse::PulseModel::Kind;
+  switch (facility) {
+    case PA_SUBSCRIPTION_EVENT_SINK:
+      if (removed) {
+        model_.removeSink(index);
+        publish();
+        return;
+      }
+      if (announced)
+        model_.announce(Kind::sink, index);
+      pa_operation_unref(
+          pa_context_get_sink_info_by_index(context, index, &PulseBackend::sinkCallback, this));
+      return;
+    case PA_SUBSCRIPTION_EVENT_SINK_INPUT:
+      if (removed) {
+        model_.removeSinkInput(index);
+        publish();
+        return;
+      }
+      if (announced)
+        model_.announce(Kind::sinkInput, index);
+      pa_operation_unref(
+          pa_context_get_sink_input_info(context, index, &PulseBackend::sinkInputCallback, this));
+      return;
+    case PA_SUBSCRIPTION_EVENT_SOURCE_OUTPUT:
+      if (removed) {
+        model_.removeSourceOutput(index);
+        publish();
+        return;
+      }
+      if (announced)
+        model_.announce(Kind::sourceOutput, index);
+      pa_operation_unref(pa_context_get_source_output_info(
+          context, index, &PulseBackend::sourceOutputCallback, this));
+      return;
+    case PA_SUBSCRIPTION_EVENT_CLIENT:
+      if (removed) {
+        model_.removeClient(index);
+        publish();
+        return;
+      }
+      if (announced)
+        model_.announce(Kind::client, index);
+      pa_operation_unref(
+          pa_context_get_client_info(context, index, &PulseBackend::clientCallback, this));
+      return;
+    case PA_SUBSCRIPTION_EVENT_SERVER:
+      pa_operation_unref(
+          pa_context_get_server_info(context, &PulseBackend::serverInfoCallback, this));
+      return;
+    default:
+      return;
+  }
+}
+
+// Info replies: copy the record while the pointer is valid, apply it, publish.
+void PulseBackend::sinkCallback(pa_context* context, const pa_sink_info* info, int eol,
+                                void* userdata) {
+  PulseBackend* self = backendOf(userdata);
+  if (context == self->context_ && eol == 0 && info != nullptr) {
+    self->model_.applySink(copySink(*info));
+    self->publish();
+  }
+}
+
+void PulseBackend::sinkListCallback(pa_context* context, const pa_sink_info* info, int eol,
+                                    void* userdata) {
+  PulseBackend* self = backendOf(userdata);
+  if (context != self->context_) {
+    return;
+  }
+  if (eol != 0) {
+    self->listReplyFinished();
+  } else if (info != nullptr) {
+    self->model_.applySink(copySink(*info));
+  }
+}
+
+void PulseBackend::sinkInputCallback(pa_context* context, const pa_sink_input_info* info, int eol,
+                                     void* userdata) {
+  PulseBackend* self = backendOf(userdata);
+  if (context == self->context_ && eol == 0 && info != nullptr) {
+    self->model_.applySinkInput(copyStream(*info, info->sink));
+    self->publish();
+  }
+}
+
+void PulseBackend::sinkInputListCallback(pa_context* context, const pa_sink_input_info* info,
+                                         int eol, void* userdata) {
+  PulseBackend* self = backendOf(userdata);
+  if (context != self->context_) {
+    return;
+  }
+  if (eol != 0) {
+    self->listReplyFinished();
+  } else if (info != nullptr) {
+    self->model_.applySinkInput(copyStream(*info, info->sink));
+  }
+}
+
+void PulseBackend::sourceOutputCallback(pa_context* context, const pa_source_output_info* info,
+                                        int eol, void* userdata) {
+  PulseBackend* self = backendOf(userdata);
+  if (context == self->context_ && eol == 0 && info != nullptr) {
+    self->model_.applySourceOutput(copyStream(*info, info->source));
+    self->publish();
+  }
+}
+
+void PulseBackend::sourceOutputListCallback(pa_context* context, const pa_source_output_info* info,
+                                            int eol, void* userdata) {
+  PulseBackend* self = backendOf(userdata);
+  if (context != self->context_) {
+    return;
+  }
+  if (eol != 0) {
+    self->listReplyFinished();
+  } else if (info != nullptr) {
+    self->model_.applySourceOutput(copyStream(*info, info->source));
+  }
+}
+
+void PulseBackend::clientCallback(pa_context* context, const pa_client_info* info, int eol,
+                                  void* userdata) {
+  PulseBackend* self = backendOf(userdata);
+  if (context == self->context_ && eol == 0 && info != nullptr) {
+    self->model_.applyClient({info->index, copyProperties(info->proplist)});
+    self->publish();
+  }
+}
+
+void PulseBackend::clientListCallback(pa_context* context, const pa_client_info* info, int eol,
+                                      void* userdata) {
+  PulseBackend* self = backendOf(userdata);
+  if (context != self->context_) {
+    return;
+  }
+  if (eol != 0) {
+    self->listReplyFinished();
+  } else if (info != nullptr) {
+    self->model_.applyClient({info->index, copyProperties(info->proplist)});
+  }
+}
+
+void PulseBackend::serverInfoCallback(pa_context* context, const pa_server_info* info,
+                                      void* userdata) {
+  PulseBackend* self = backendOf(userdata);
+  if (context != self->context_) {
+    return;
+  }
+  if (info != nullptr) {
+    self->model_.setDefaultSinkName(info->default_sink_name != nullptr ? info->default_sink_name
+                                                                       : "");
+  }
+  if (self->pendingListReplies_ > 0) {
+    self->listReplyFinished();
+  } else {
+    self->publish();
+  }
+}
+
+void PulseBackend::operationCallback(pa_context*, int success, void* userdata) {
+  auto* completion = static_cast<std::shared_ptr<Completion>*>(userdata);
+  (*completion)->finish(success != 0);
+  delete completion;
+}
+
+void PulseBackend::failPendingOperations() {
+  for (const auto& weak : pendingOperations_) {
+    if (auto completion = weak.lock()) {
+      completion->finish(false);
+    }
+  }
+  pendingOperations_.clear();
+}
+
+OSStatus PulseBackend::runOperation(const StartOperation& start) {
+  auto completion = std::make_shared<Completion>();
+  auto* userdata = new std::shared_ptr<Completion>(completion);
+  pa_operation* operation = nullptr;
+  {
+    MainloopLock lock(mainloop_);
+    if (!ready_ || context_ == nullptr) {
+      delete userdata;
+      return kAudioHardwareNotRunningError;
+    }
+    operation = start(context_, &PulseBackend::operationCallback, userdata);
+    if (operation == nullptr) {
+      delete userdata;
+      return kAudioHardwareUnspecifiedError;
+    }
+    std::erase_if(pendingOperations_, [](const auto& weak) { return weak.expired(); });
+    pendingOperations_.push_back(completion);
+  }
+  bool finished = false;
+  bool succeeded = false;
+  {
+    std::unique_lock lock(completion->mutex);
+    finished = completion->condition.wait_for(lock, options_.operationTimeout,
+                                              [&] { return completion->done; });
+    succeeded = completion->success;
+  }
+  {
+    MainloopLock lock(mainloop_);
+    // Under the lock the callback has either run (and freed its userdata) or never will.
+    if (pa_operation_get_state(operation) != PA_OPERATION_DONE) {
+      pa_operation_cancel(operation);
+      delete userdata;
+    }
+    pa_operation_unref(operation);
+  }
+  if (!finished) {
+    return kAudioHardwareNotRunningError;
+  }
+  return succeeded ? kAudioHardwareNoError : kAudioHardwareUnspecifiedError;
+}
+
+std::optional<PropertyValue> PulseBackend::propertyValue(AudioObjectID object,
+                                                         const AudioObjectPropertyAddress& address,
+                                                         OSStatus& status) const {
+  const auto current = snapshot();
+  const auto selector = address.mSelector;
+  const bool global = address.mScope == kAudioObjectPropertyScopeGlobal;
+  const bool output = address.mScope == kAudioDevicePropertyScopeOutput;
+  status = kAudioHardwareUnknownPropertyError;
+
+  if (object == kAudioObjectSystemObject) {
+    if (!current->connected) {
+      status = kAudioHardwareNotRunningError;
+      return std::nullopt;
+    }
+    if (!global) {
+      return std::nullopt;
+    }
+    if (selector == kAudioHardwarePropertyProcessObjectList) {
+      std::vector<AudioObjectID> ids;
+      for (const auto& process : current->processes) {
+        ids.push_back(process.id);
+      }
+      return PropertyValue::list(ids);
+    }
+    if (selector == kAudioHardwarePropertyDevices) {
+      std::vector<AudioObjectID> ids;
+      for (const auto& device : current->devices) {
+        ids.push_back(device.id);
+      }
+      return PropertyValue::list(ids);
+    }
+    if (selector == kAudioHardwarePropertyTapList) {
+      return PropertyValue::list({});
+    }
+    if (selector == kAudioHardwarePropertyDefaultOutputDevice) {
+      return PropertyValue::of(current->defaultOutput);
+    }
+    return std::nullopt;
+  }
+
+  if (const auto* process = current->process(object)) {
+    if (!global) {
+      return std::nullopt;
+    }
+    if (selector == kAudioProcessPropertyPID)
+      return PropertyValue::of(process->pid);
+    if (selector == kAudioProcessPropertyBundleID)
+      return PropertyValue::text(process->bundleID);
+    if (selector == kAudioProcessPropertyIsRunning) {
+      return PropertyValue::of(static_cast<UInt32>(process->running ? 1 : 0));
+    }
+    if (selector == kAudioProcessPropertyIsRunningOutput) {
+      return PropertyValue::of(static_cast<UInt32>(process->runningOutput ? 1 : 0));
+    }
+    return std::nullopt;
+  }
+
+  if (const auto* device = current->device(object)) {
+    if (global && selector == kAudioDevicePropertyDeviceUID) {
+      return PropertyValue::text(device->uid);
+    }
+    if (global && selector == kAudioDevicePropertyNominalSampleRate) {
+      return PropertyValue::of(device->sampleRate);
+    }
+    if (output && selector == kAudioHardwareServiceDeviceProperty_VirtualMainVolume) {
+      return PropertyValue::of(device->volume);
+    }
+    if (output && selector == kAudioDevicePropertyMute) {
+      return PropertyValue::of(static_cast<UInt32>(device->mute ? 1 : 0));
+    }
+    return std::nullopt;
+  }
+
+  status = current->connected ? kAudioHardwareBadObjectError : kAudioHardwareNotRunningError;
+  return std::nullopt;
+}
+
+OSStatus PulseBackend::getPropertyDataSize(AudioObjectID object,
+                                           const AudioObjectPropertyAddress& address, UInt32,
+                                           const void*, UInt32& outSize) {
+  OSStatus status = kAudioHardwareNoError;
+  const auto value = propertyValue(object, address, status);
+  if (!value) {
+    return status;
+  }
+  outSize = value->size();
+  return kAudioHardwareNoError;
+}
+
+OSStatus PulseBackend::getPropertyData(AudioObjectID object,
+                                       const AudioObjectPropertyAddress& address, UInt32,
+                                       const void*, UInt32& ioSize, void* outData) {
+  OSStatus status = kAudioHardwareNoError;
+  auto value = propertyValue(object, address, status);
+  if (!value) {
+    return status;
+  }
+  return value->deliver(ioSize, outData);
+}
+
+bool PulseBackend::hasProperty(AudioObjectID object, const AudioObjectPropertyAddress& address) {
+  OSStatus status = kAudioHardwareNoError;
+  return propertyValue(object, address, status).has_value();
+}
+
+OSStatus PulseBackend::setPropertyData(AudioObjectID object,
+                                       const AudioObjectPropertyAddress& address, UInt32,
+                                       const void*, UInt32 size, const void* data) {
+  const auto current = snapshot();
+  const auto* device = current->device(object);
+  if (device == nullptr) {
+    if (!current->connected) {
+      return kAudioHardwareNotRunningError;
+    }
+    return current->process(object) != nullptr || object == kAudioObjectSystemObject
+               ? kAudioHardwareUnknownPropertyError
+               : kAudioHardwareBadObjectError;
+  }
+  const std::uint32_t sinkIndex = device->sinkIndex;
+  if (address == kVolumeAddress) {
+    if (size != sizeof(Float32)) {
+      return kAudioHardwareBadPropertySizeError;
+    }
+    Float32 volume = 0;
+    std::memcpy(&volume, data, sizeof volume);
+    const pa_cvolume channels = scaledVolume(device->channelVolumes, volume);
+    return runOperation([&](pa_context* context, auto callback, void* userdata) {
+      return pa_context_set_sink_volume_by_index(context, sinkIndex, &channels, callback, userdata);
+    });
+  }
+  if (address == kMuteAddress) {
+    if (size != sizeof(UInt32)) {
+      return kAudioHardwareBadPropertySizeError;
+    }
+    UInt32 mute = 0;
+    std::memcpy(&mute, data, sizeof mute);
+    return runOperation([&](pa_context* context, auto callback, void* userdata) {
+      return pa_context_set_sink_mute_by_index(context, sinkIndex, mute != 0 ? 1 : 0, callback,
+                                               userdata);
+    });
+  }
+  return kAudioHardwareUnknownPropertyError;
+}
+
+OSStatus PulseBackend::addPropertyListener(AudioObjectID object,
+                                           const AudioObjectPropertyAddress& address,
+                                           MainQueue* queue,
+                                           AudioObjectPropertyListenerBlock listener) {
+  // The system object takes listeners even while the server is away: they fire once it is back.
+  if (object != kAudioObjectSystemObject) {
+    const auto current = snapshot();
+    if (current->process(object) == nullptr && current->device(object) == nullptr) {
+      return current->connected ? kAudioHardwareBadObjectError : kAudioHardwareNotRunningError;
+    }
+  }
+  listeners_.add(object, address, queue, std::move(listener));
+  return kAudioHardwareNoError;
+}
+
+OSStatus PulseBackend::removePropertyListener(AudioObjectID object,
+                                              const AudioObjectPropertyAddress& address,
+                                              MainQueue* queue,
+                                              const AudioObjectPropertyListenerBlock& listener) {
+  return listeners_.remove(object, address, queue, listener) ? kAudioHardwareNoError
+                                                             : kAudioHardwareIllegalOperationError;
+}
+
+// Taps, aggregate devices and IO procedures are not available on this backend yet.
+OSStatus PulseBackend::createProcessTap(const CATapDescription&, AudioObjectID&) {
+  return kAudioHardwareUnsupportedOperationError;
+}
+OSStatus PulseBackend::destroyProcessTap(AudioObjectID) {
+  return kAudioHardwareBadObjectError;
+}
+OSStatus PulseBackend::createAggregateDevice(const CFDictionary&, AudioObjectID&) {
+  return kAudioHardwareUnsupportedOperationError;
+}
+OSStatus PulseBackend::destroyAggregateDevice(AudioObjectID) {
+  return kAudioHardwareBadDeviceError;
+}
+OSStatus PulseBackend::createIOProcID(AudioObjectID, MainQueue*, AudioDeviceIOBlock,
+                                      AudioDeviceIOProcID&) {
+  return kAudioHardwareBadDeviceError;
+}
+OSStatus PulseBackend::startDevice(AudioObjectID, AudioDeviceIOProcID) {
+  return kAudioHardwareBadDeviceError;
+}
+OSStatus PulseBackend::stopDevice(AudioObjectID, AudioDeviceIOProcID) {
+  return kAudioHardwareBadDeviceError;
+}
+OSStatus PulseBackend::destroyIOProcID(AudioObjectID, AudioDeviceIOProcID) {
+  return kAudioHardwareBadDeviceError;
+}
+
+}  // namespace quellix

@@ -1,0 +1,155 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/hal/AudioBackend.h"
+#include "platform/hal/ListenerRegistry.h"
+#include "platform/hal/PropertyValue.h"
+#include "platform/hal/pulse/PulseModel.h"
+#include "support/Logger.h"
+
+#include <pulse/def.h>
+
+struct pa_context;
+struct pa_operation;
+struct pa_threaded_mainloop;
+struct pa_time_event;
+struct pa_mainloop_api;
+struct pa_sink_info;
+struct pa_sink_input_info;
+struct pa_source_output_info;
+struct pa_client_info;
+struct pa_server_info;
+struct timeval;
+
+namespace quellix {
+
+// The audio hardware layer on a sound server that speaks the PulseAudio protocol (PulseAudio,
+// or PipeWire through pipewire-pulse). One context on a threaded main loop keeps a model of
+// the server current from its events; reads are answered from that model without a round
+// trip, and writes wait for the server with a time-out. A lost server is reconnected to by
+// itself.
+class PulseBackend final : public AudioBackend {
+ public:
+  struct Options {
+    std::string server;  // empty: the usual one ($PULSE_SERVER, then the runtime dir)
+    std::chrono::milliseconds startupWait{3000};
+    std::chrono::milliseconds operationTimeout{2000};
+    std::chrono::milliseconds retryInterval{1000};
+  };
+
+  // Starts connecting and waits up to `startupWait` for the first complete view of the server.
+  static std::shared_ptr<PulseBackend> create(Options options);
+  ~PulseBackend() override;
+
+  bool isConnected() const;
+  std::shared_ptr<const pulse::AudioSnapshot> snapshot() const;
+
+  OSStatus getPropertyDataSize(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                               UInt32 qualifierSize, const void* qualifier,
+                               UInt32& outSize) override;
+  OSStatus getPropertyData(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                           UInt32 qualifierSize, const void* qualifier, UInt32& ioSize,
+                           void* outData) override;
+  OSStatus setPropertyData(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                           UInt32 qualifierSize, const void* qualifier, UInt32 size,
+                           const void* data) override;
+  bool hasProperty(AudioObjectID object, const AudioObjectPropertyAddress& address) override;
+  OSStatus addPropertyListener(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                               MainQueue* queue,
+                               AudioObjectPropertyListenerBlock listener) override;
+  OSStatus removePropertyListener(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                                  MainQueue* queue,
+                                  const AudioObjectPropertyListenerBlock& listener) override;
+  OSStatus createProcessTap(const CATapDescription& description, AudioObjectID& outTap) override;
+  OSStatus destroyProcessTap(AudioObjectID tap) override;
+  OSStatus createAggregateDevice(const CFDictionary& description,
+                                 AudioObjectID& outDevice) override;
+  OSStatus destroyAggregateDevice(AudioObjectID device) override;
+  OSStatus createIOProcID(AudioObjectID device, MainQueue* queue, AudioDeviceIOBlock block,
+                          AudioDeviceIOProcID& outProc) override;
+  OSStatus startDevice(AudioObjectID device, AudioDeviceIOProcID proc) override;
+  OSStatus stopDevice(AudioObjectID device, AudioDeviceIOProcID proc) override;
+  OSStatus destroyIOProcID(AudioObjectID device, AudioDeviceIOProcID proc) override;
+
+ private:
+  struct Completion;
+  using StartOperation =
+      std::function<pa_operation*(pa_context*, void (*)(pa_context*, int, void*), void*)>;
+
+  explicit PulseBackend(Options options);
+  void startMainloop();
+  bool waitForFirstSync();
+
+  // On the main-loop thread, with its lock held.
+  void connect();
+  void dropContext();
+  void armRetry(std::chrono::milliseconds delay);
+  void onContextState(pa_context* context);
+  void onSubscription(pa_context* context, unsigned eventType, std::uint32_t index);
+  void requestEverything();
+  void listReplyFinished();
+  void publish();
+  void failPendingOperations();
+
+  std::optional<PropertyValue> propertyValue(AudioObjectID object,
+                                             const AudioObjectPropertyAddress& address,
+                                             OSStatus& status) const;
+
+  // From the main thread: issue an operation and wait for its reply or the time-out.
+  OSStatus runOperation(const StartOperation& start);
+
+  static void contextStateCallback(pa_context* context, void* userdata);
+  static void subscriptionCallback(pa_context* context, pa_subscription_event_type_t eventType,
+                                   std::uint32_t index, void* userdata);
+  static void retryCallback(pa_mainloop_api* api, pa_time_event* event, const struct timeval* tv,
+                            void* userdata);
+  static void sinkCallback(pa_context* context, const pa_sink_info* info, int eol, void* userdata);
+  static void sinkListCallback(pa_context* context, const pa_sink_info* info, int eol,
+                               void* userdata);
+  static void sinkInputCallback(pa_context* context, const pa_sink_input_info* info, int eol,
+                                void* userdata);
+  static void sinkInputListCallback(pa_context* context, const pa_sink_input_info* info, int eol,
+                                    void* userdata);
+  static void sourceOutputCallback(pa_context* context, const pa_source_output_info* info, int eol,
+                                   void* userdata);
+  static void sourceOutputListCallback(pa_context* context, const pa_source_output_info* info,
+                                       int eol, void* userdata);
+  static void clientCallback(pa_context* context, const pa_client_info* info, int eol,
+                             void* userdata);
+  static void clientListCallback(pa_context* context, const pa_client_info* info, int eol,
+                                 void* userdata);
+  static void serverInfoCallback(pa_context* context, const pa_server_info* info, void* userdata);
+  static void operationCallback(pa_context* context, int success, void* userdata);
+
+  Options options_;
+  pa_threaded_mainloop* mainloop_ = nullptr;
+
+  // Main-loop thread state, guarded by the main loop's lock.
+  pa_context* context_ = nullptr;
+  pa_time_event* retryEvent_ = nullptr;
+  pulse::PulseModel model_;
+  int pendingListReplies_ = 0;
+  bool ready_ = false;
+  bool wasConnected_ = false;
+  std::vector<std::weak_ptr<Completion>> pendingOperations_;
+
+  mutable std::mutex snapshotMutex_;
+  std::shared_ptr<const pulse::AudioSnapshot> snapshot_;
+
+  std::mutex syncMutex_;
+  std::condition_variable syncCondition_;
+  bool firstSyncDone_ = false;
+
+  ListenerRegistry listeners_;
+  Logger logger_{"AudioBackend"};
+};
+
+}  // namespace quellix

@@ -1,0 +1,167 @@
+// A small libpulse client for the integration tests: plays a sine tone and obeys commands on
+// standard input, one per line: "cork", "uncork", "second" (open another stream with the same
+// tone), "quit". Answers each command with "ok" on standard output once the server confirmed.
+//
+//   quellix-test-player [--name NAME] [--app-id ID] [--frequency HZ] [--amplitude A]
+#include <pulse/pulseaudio.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <numbers>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr std::uint32_t kRate = 48000;
+constexpr std::uint8_t kChannels = 2;
+
+struct Tone {
+  double frequency = 440.0;
+  double amplitude = 0.5;
+  double phase = 0.0;
+};
+
+struct Player {
+  pa_threaded_mainloop* mainloop = nullptr;
+  pa_context* context = nullptr;
+  std::vector<pa_stream*> streams;
+  std::vector<Tone> tones;
+  Tone prototype;
+};
+
+void contextState(pa_context*, void* userdata) {
+  pa_threaded_mainloop_signal(static_cast<Player*>(userdata)->mainloop, 0);
+}
+
+void streamState(pa_stream*, void* userdata) {
+  pa_threaded_mainloop_signal(static_cast<Player*>(userdata)->mainloop, 0);
+}
+
+void write(pa_stream* stream, std::size_t bytes, void* userdata) {
+  auto* tone = static_cast<Tone*>(userdata);
+  std::vector<float> samples(bytes / sizeof(float));
+  const double step = 2.0 * std::numbers::pi * tone->frequency / kRate;
+  for (std::size_t i = 0; i + 1 < samples.size(); i += kChannels) {
+    const auto value = static_cast<float>(tone->amplitude * std::sin(tone->phase));
+    samples[i] = value;
+    samples[i + 1] = value;
+    tone->phase = std::fmod(tone->phase + step, 2.0 * std::numbers::pi);
+  }
+  pa_stream_write(stream, samples.data(), samples.size() * sizeof(float), nullptr, 0,
+                  PA_SEEK_RELATIVE);
+}
+
+void done(pa_stream*, int, void* userdata) {
+  pa_threaded_mainloop_signal(static_cast<Player*>(userdata)->mainloop, 0);
+}
+
+bool openStream(Player& player) {
+  const pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, kRate, kChannels};
+  pa_stream* stream = pa_stream_new(
+      player.context, ("tone " + std::to_string(player.streams.size())).c_str(), &spec, nullptr);
+  if (stream == nullptr) {
+    return false;
+  }
+  player.tones.reserve(8);
+  player.tones.push_back(player.prototype);
+  pa_stream_set_state_callback(stream, streamState, &player);
+  pa_stream_set_write_callback(stream, write, &player.tones.back());
+  const pa_buffer_attr attributes{static_cast<std::uint32_t>(-1),
+                                  static_cast<std::uint32_t>(kRate / 50 * 8),
+                                  static_cast<std::uint32_t>(-1), static_cast<std::uint32_t>(-1),
+                                  static_cast<std::uint32_t>(-1)};
+  pa_stream_connect_playback(stream, nullptr, &attributes, PA_STREAM_ADJUST_LATENCY, nullptr,
+                             nullptr);
+  for (;;) {
+    const auto state = pa_stream_get_state(stream);
+    if (state == PA_STREAM_READY)
+      break;
+    if (!PA_STREAM_IS_GOOD(state))
+      return false;
+    pa_threaded_mainloop_wait(player.mainloop);
+  }
+  player.streams.push_back(stream);
+  return true;
+}
+
+bool cork(Player& player, bool corked) {
+  for (pa_stream* stream : player.streams) {
+    pa_operation* operation = pa_stream_cork(stream, corked ? 1 : 0, done, &player);
+    while (pa_operation_get_state(operation) == PA_OPERATION_RUNNING) {
+      pa_threaded_mainloop_wait(player.mainloop);
+    }
+    pa_operation_unref(operation);
+  }
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string name = "Quellix Test Player";
+  std::string appID;
+  Player player;
+  for (int i = 1; i + 1 < argc; i += 2) {
+    const std::string option = argv[i];
+    if (option == "--name")
+      name = argv[i + 1];
+    if (option == "--app-id")
+      appID = argv[i + 1];
+    if (option == "--frequency")
+      player.prototype.frequency = std::atof(argv[i + 1]);
+    if (option == "--amplitude")
+      player.prototype.amplitude = std::atof(argv[i + 1]);
+  }
+
+  player.mainloop = pa_threaded_mainloop_new();
+  pa_proplist* properties = pa_proplist_new();
+  pa_proplist_sets(properties, PA_PROP_APPLICATION_NAME, name.c_str());
+  if (!appID.empty())
+    pa_proplist_sets(properties, PA_PROP_APPLICATION_ID, appID.c_str());
+  player.context = pa_context_new_with_proplist(pa_threaded_mainloop_get_api(player.mainloop),
+                                                name.c_str(), properties);
+  pa_proplist_free(properties);
+  pa_context_set_state_callback(player.context, contextState, &player);
+  pa_threaded_mainloop_lock(player.mainloop);
+  pa_threaded_mainloop_start(player.mainloop);
+  pa_context_connect(player.context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr);
+  for (;;) {
+    const auto state = pa_context_get_state(player.context);
+    if (state == PA_CONTEXT_READY)
+      break;
+    if (!PA_CONTEXT_IS_GOOD(state)) {
+      std::fprintf(stderr, "connect failed: %s\n", pa_strerror(pa_context_errno(player.context)));
+      return 1;
+    }
+    pa_threaded_mainloop_wait(player.mainloop);
+  }
+  const bool opened = openStream(player);
+  pa_threaded_mainloop_unlock(player.mainloop);
+  if (!opened) {
+    std::fprintf(stderr, "stream failed\n");
+    return 1;
+  }
+  std::cout << "ok" << std::endl;
+
+  std::string command;
+  while (std::getline(std::cin, command)) {
+    if (command == "quit")
+      break;
+    pa_threaded_mainloop_lock(player.mainloop);
+    bool succeeded = false;
+    if (command == "cork")
+      succeeded = cork(player, true);
+    if (command == "uncork")
+      succeeded = cork(player, false);
+    if (command == "second")
+      succeeded = openStream(player);
+    pa_threaded_mainloop_unlock(player.mainloop);
+    std::cout << (succeeded ? "ok" : "error") << std::endl;
+  }
+  pa_threaded_mainloop_stop(player.mainloop);
+  return 0;
+}
