@@ -85,6 +85,22 @@ SoundServer::~SoundServer() {
 }
 
 void SoundServer::start() {
+  // A session manager that loses a start-up race now and then gets one more chance.
+  constexpr int kAttempts = 2;
+  for (int attempt = 1;; ++attempt) {
+    try {
+      startOnce();
+      return;
+    } catch (const std::exception&) {
+      stop();
+      if (attempt == kAttempts) {
+        throw;
+      }
+    }
+  }
+}
+
+void SoundServer::startOnce() {
   if (kind_ == Kind::pulseAudio) {
     startPulseAudio();
   } else {

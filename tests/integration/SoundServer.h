@@ -34,6 +34,7 @@ class SoundServer {
   static std::string name(Kind kind);
 
  private:
+  void startOnce();
   void startPulseAudio();
   void startPipeWire();
   void createSinks();

@@ -3,6 +3,10 @@
 // tone), "quit". Answers each command with "ok" on standard output once the server confirmed.
 //
 //   quellix-test-player [--name NAME] [--app-id ID] [--frequency HZ] [--amplitude A]
+//                       [--fake-pids N --pid-base B]
+//
+// --fake-pids opens N further streams, corked, each claiming the process id B + i, so one
+// helper stands in for N audio processes.
 #include <pulse/pulseaudio.h>
 
 #include <cmath>
@@ -59,14 +63,19 @@ void done(pa_stream*, int, void* userdata) {
   pa_threaded_mainloop_signal(static_cast<Player*>(userdata)->mainloop, 0);
 }
 
-bool openStream(Player& player) {
+bool openStream(Player& player, long fakePID = 0) {
   const pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, kRate, kChannels};
-  pa_stream* stream = pa_stream_new(
-      player.context, ("tone " + std::to_string(player.streams.size())).c_str(), &spec, nullptr);
+  pa_proplist* properties = pa_proplist_new();
+  if (fakePID > 0) {
+    pa_proplist_sets(properties, PA_PROP_APPLICATION_PROCESS_ID, std::to_string(fakePID).c_str());
+  }
+  pa_stream* stream = pa_stream_new_with_proplist(
+      player.context, ("tone " + std::to_string(player.streams.size())).c_str(), &spec, nullptr,
+      properties);
+  pa_proplist_free(properties);
   if (stream == nullptr) {
     return false;
   }
-  player.tones.reserve(8);
   player.tones.push_back(player.prototype);
   pa_stream_set_state_callback(stream, streamState, &player);
   pa_stream_set_write_callback(stream, write, &player.tones.back());
@@ -74,8 +83,9 @@ bool openStream(Player& player) {
                                   static_cast<std::uint32_t>(kRate / 50 * 8),
                                   static_cast<std::uint32_t>(-1), static_cast<std::uint32_t>(-1),
                                   static_cast<std::uint32_t>(-1)};
-  pa_stream_connect_playback(stream, nullptr, &attributes, PA_STREAM_ADJUST_LATENCY, nullptr,
-                             nullptr);
+  const auto flags = static_cast<pa_stream_flags_t>(
+      PA_STREAM_ADJUST_LATENCY | (fakePID > 0 ? PA_STREAM_START_CORKED : PA_STREAM_NOFLAGS));
+  pa_stream_connect_playback(stream, nullptr, &attributes, flags, nullptr, nullptr);
   for (;;) {
     const auto state = pa_stream_get_state(stream);
     if (state == PA_STREAM_READY)
@@ -104,17 +114,25 @@ bool cork(Player& player, bool corked) {
 int main(int argc, char** argv) {
   std::string name = "Quellix Test Player";
   std::string appID;
+  long fakePIDs = 0;
+  long pidBase = 0;
   Player player;
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string option = argv[i];
-    if (option == "--name")
-      name = argv[i + 1];
-    if (option == "--app-id")
-      appID = argv[i + 1];
-    if (option == "--frequency")
-      player.prototype.frequency = std::atof(argv[i + 1]);
-    if (option == "--amplitude")
-      player.prototype.amplitude = std::atof(argv[i + 1]);
+    const char* value = argv[i + 1];
+    if (option == "--name") {
+      name = value;
+    } else if (option == "--app-id") {
+      appID = value;
+    } else if (option == "--frequency") {
+      player.prototype.frequency = std::atof(value);
+    } else if (option == "--amplitude") {
+      player.prototype.amplitude = std::atof(value);
+    } else if (option == "--fake-pids") {
+      fakePIDs = std::atol(value);
+    } else if (option == "--pid-base") {
+      pidBase = std::atol(value);
+    }
   }
 
   player.mainloop = pa_threaded_mainloop_new();
@@ -139,7 +157,12 @@ int main(int argc, char** argv) {
     }
     pa_threaded_mainloop_wait(player.mainloop);
   }
-  const bool opened = openStream(player);
+  // Streams are never moved in memory: each write callback holds its tone.
+  player.tones.reserve(static_cast<std::size_t>(fakePIDs) + 16);
+  bool opened = openStream(player);
+  for (long i = 0; opened && i < fakePIDs; ++i) {
+    opened = openStream(player, pidBase + i);
+  }
   pa_threaded_mainloop_unlock(player.mainloop);
   if (!opened) {
     std::fprintf(stderr, "stream failed\n");

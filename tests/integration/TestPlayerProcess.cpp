@@ -14,12 +14,16 @@ TestPlayerProcess::TestPlayerProcess(Options options) {
                                         std::to_string(options.frequency),
                                         "--amplitude",
                                         std::to_string(options.amplitude)};
+  if (options.fakePIDs > 0) {
+    arguments.insert(arguments.end(), {"--fake-pids", std::to_string(options.fakePIDs),
+                                       "--pid-base", std::to_string(options.pidBase)});
+  }
   if (!options.appID.empty()) {
     arguments.insert(arguments.end(), {"--app-id", options.appID});
   }
   process_ = std::make_unique<ChildProcess>(
       arguments, ChildProcess::Options{.pipeStdin = true, .pipeStdout = true});
-  if (process_->readLine(std::chrono::seconds(10)) != "ok") {
+  if (process_->readLine(std::chrono::seconds(30)) != "ok") {
     throw std::runtime_error("the test player did not start playing");
   }
 }

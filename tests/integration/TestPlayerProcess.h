@@ -16,6 +16,8 @@ class TestPlayerProcess {
     std::string appID;
     double frequency = 440.0;
     double amplitude = 0.5;
+    int fakePIDs = 0;  // further corked streams, each claiming pidBase + i
+    int pidBase = 0;
   };
 
   explicit TestPlayerProcess(Options options);

@@ -48,5 +48,6 @@ class AudioBackend {
 // kAudioHardwareNotRunningError. Install before any audio call, from the main thread.
 void installAudioBackend(std::shared_ptr<AudioBackend> backend);
 std::shared_ptr<AudioBackend> installedAudioBackend();
+std::shared_ptr<AudioBackend>& backendSlot();
 
 }  // namespace quellix

@@ -3,14 +3,11 @@
 #include "platform/hal/AudioBackend.h"
 
 namespace quellix {
-namespace {
 
 std::shared_ptr<AudioBackend>& backendSlot() {
   static std::shared_ptr<AudioBackend> backend;
   return backend;
 }
-
-}  // namespace
 
 void installAudioBackend(std::shared_ptr<AudioBackend> backend) {
   backendSlot() = std::move(backend);
@@ -26,7 +23,8 @@ namespace {
 
 template <typename Call>
 OSStatus forward(Call&& call) {
-  auto* backend = quellix::installedAudioBackend().get();
+  // The backend is installed before any audio call and stays; no reference count per call.
+  auto* backend = quellix::backendSlot().get();
   if (backend == nullptr) {
     return kAudioHardwareNotRunningError;
   }
@@ -75,7 +73,7 @@ OSStatus AudioObjectSetPropertyData(AudioObjectID inObjectID,
 }
 
 bool AudioObjectHasProperty(AudioObjectID inObjectID, const AudioObjectPropertyAddress* inAddress) {
-  auto* backend = quellix::installedAudioBackend().get();
+  auto* backend = quellix::backendSlot().get();
   return backend != nullptr && inAddress != nullptr && backend->hasProperty(inObjectID, *inAddress);
 }
 

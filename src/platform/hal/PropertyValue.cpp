@@ -1,61 +1,54 @@
 #include "platform/hal/PropertyValue.h"
 
-#include <utility>
+#include <algorithm>
 
 namespace quellix {
 
-PropertyValue PropertyValue::list(const std::vector<AudioObjectID>& ids) {
+PropertyValue PropertyValue::list(std::vector<AudioObjectID> ids) {
   PropertyValue property;
-  property.bytes_.resize(ids.size() * sizeof(AudioObjectID));
-  if (!ids.empty()) {
-    std::memcpy(property.bytes_.data(), ids.data(), property.bytes_.size());
-  }
-  property.isList_ = true;
+  property.kind_ = Kind::list;
+  property.size_ = static_cast<UInt32>(ids.size() * sizeof(AudioObjectID));
+  property.list_ = std::move(ids);
   return property;
 }
 
 PropertyValue PropertyValue::text(std::string_view text) {
-  PropertyValue property = of(CFStringRef{nullptr});
-  property.text_ = CFStringCreate(text);
-  std::memcpy(property.bytes_.data(), &property.text_, sizeof property.text_);
+  PropertyValue property;
+  property.kind_ = Kind::text;
+  property.size_ = sizeof(CFStringRef);
+  property.text_ = text;
   return property;
 }
 
-PropertyValue::PropertyValue(PropertyValue&& other) noexcept
-    : bytes_(std::move(other.bytes_)),
-      isList_(other.isList_),
-      text_(std::exchange(other.text_, nullptr)) {}
-
-PropertyValue& PropertyValue::operator=(PropertyValue&& other) noexcept {
-  if (this != &other) {
-    CFRelease(text_);
-    bytes_ = std::move(other.bytes_);
-    isList_ = other.isList_;
-    text_ = std::exchange(other.text_, nullptr);
-  }
-  return *this;
-}
-
-PropertyValue::~PropertyValue() {
-  CFRelease(text_);
-}
-
-OSStatus PropertyValue::deliver(UInt32& ioSize, void* outData) {
-  if (isList_) {
-    const UInt32 fitting = std::min(ioSize, size()) / sizeof(AudioObjectID) * sizeof(AudioObjectID);
-    if (fitting > 0) {
-      std::memcpy(outData, bytes_.data(), fitting);
+OSStatus PropertyValue::deliver(UInt32& ioSize, void* outData) const {
+  switch (kind_) {
+    case Kind::list: {
+      const UInt32 fitting =
+          std::min(ioSize, size_) / sizeof(AudioObjectID) * sizeof(AudioObjectID);
+      if (fitting > 0) {
+        std::memcpy(outData, list_.data(), fitting);
+      }
+      ioSize = fitting;
+      return kAudioHardwareNoError;
     }
-    ioSize = fitting;
-    return kAudioHardwareNoError;
+    case Kind::text: {
+      if (ioSize < size_) {
+        return kAudioHardwareBadPropertySizeError;
+      }
+      const CFStringRef handle = CFStringCreate(text_);  // the reader's reference
+      std::memcpy(outData, &handle, sizeof handle);
+      ioSize = size_;
+      return kAudioHardwareNoError;
+    }
+    case Kind::scalar:
+      if (ioSize < size_) {
+        return kAudioHardwareBadPropertySizeError;
+      }
+      std::memcpy(outData, inline_.data(), size_);
+      ioSize = size_;
+      return kAudioHardwareNoError;
   }
-  if (ioSize < size()) {
-    return kAudioHardwareBadPropertySizeError;
-  }
-  std::memcpy(outData, bytes_.data(), size());
-  ioSize = size();
-  text_ = nullptr;  // the reader owns the reference now
-  return kAudioHardwareNoError;
+  return kAudioHardwareUnspecifiedError;
 }
 
 }  // namespace quellix

@@ -132,8 +132,14 @@ std::shared_ptr<PulseBackend> PulseBackend::create(Options options) {
   return backend;
 }
 
+namespace {
+std::atomic<std::uint64_t> nextBackendSerial{1};
+}  // namespace
+
 PulseBackend::PulseBackend(Options options)
-    : options_(std::move(options)), snapshot_(std::make_shared<const AudioSnapshot>()) {}
+    : options_(std::move(options)),
+      snapshot_(std::make_shared<const AudioSnapshot>()),
+      serial_(nextBackendSerial.fetch_add(1)) {}
 
 PulseBackend::~PulseBackend() {
   if (mainloop_ == nullptr) {
@@ -168,6 +174,21 @@ bool PulseBackend::isConnected() const {
 std::shared_ptr<const AudioSnapshot> PulseBackend::snapshot() const {
   std::lock_guard lock(snapshotMutex_);
   return snapshot_;
+}
+
+const AudioSnapshot& PulseBackend::currentSnapshot() const {
+  struct Cache {
+    std::uint64_t backend = 0;
+    std::uint64_t version = 0;
+    std::shared_ptr<const AudioSnapshot> snapshot;
+  };
+  thread_local Cache cache;
+  const std::uint64_t version = snapshotVersion_.load(std::memory_order_acquire);
+  if (cache.backend != serial_ || cache.version != version || !cache.snapshot) {
+    std::lock_guard lock(snapshotMutex_);
+    cache = {serial_, snapshotVersion_.load(std::memory_order_relaxed), snapshot_};
+  }
+  return *cache.snapshot;
 }
 
 void PulseBackend::connect() {
@@ -300,6 +321,7 @@ void PulseBackend::publish() {
   {
     std::lock_guard lock(snapshotMutex_);
     previous = std::exchange(snapshot_, next);
+    snapshotVersion_.fetch_add(1, std::memory_order_release);
   }
   for (const auto& change : pulse::changesBetween(*previous, *next)) {
     listeners_.fire(change.object, change.address);
@@ -539,7 +561,7 @@ OSStatus PulseBackend::runOperation(const StartOperation& start) {
 std::optional<PropertyValue> PulseBackend::propertyValue(AudioObjectID object,
                                                          const AudioObjectPropertyAddress& address,
                                                          OSStatus& status) const {
-  const auto current = snapshot();
+  const AudioSnapshot* current = &currentSnapshot();
   const auto selector = address.mSelector;
   const bool global = address.mScope == kAudioObjectPropertyScopeGlobal;
   const bool output = address.mScope == kAudioDevicePropertyScopeOutput;

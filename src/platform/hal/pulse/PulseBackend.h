@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -99,6 +100,8 @@ class PulseBackend final : public AudioBackend {
   void publish();
   void failPendingOperations();
 
+  // The latest snapshot for a reader, without a lock while it has not changed.
+  const pulse::AudioSnapshot& currentSnapshot() const;
   std::optional<PropertyValue> propertyValue(AudioObjectID object,
                                              const AudioObjectPropertyAddress& address,
                                              OSStatus& status) const;
@@ -143,6 +146,8 @@ class PulseBackend final : public AudioBackend {
 
   mutable std::mutex snapshotMutex_;
   std::shared_ptr<const pulse::AudioSnapshot> snapshot_;
+  std::atomic<std::uint64_t> snapshotVersion_{0};
+  const std::uint64_t serial_;
 
   std::mutex syncMutex_;
   std::condition_variable syncCondition_;
