@@ -5,6 +5,9 @@
 
 #include <cerrno>
 
+#include <ctime>
+
+#include "coreaudio/AudioProcessMonitor.h"
 #include "platform/hal/AudioHardware.h"
 #include "services/SystemVolumeController.h"
 #include "support/DefaultsStore.h"
@@ -94,8 +97,29 @@ int taps(const Context& context) {
   return kSuccess;
 }
 
+std::string currentDateDescription() {
+  const std::time_t now = std::time(nullptr);
+  std::tm utc{};
+  gmtime_r(&now, &utc);
+  char text[40];
+  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S +0000", &utc);
+  return text;
+}
+
 int list(const Context& context) {
-  return notBuiltYet(context, "The list mode (--list)");
+  log(context, "=== Quellix List @ " + currentDateDescription());
+  auto workspace =
+      std::make_shared<Workspace>(context.workspaceRoots.value_or(Workspace::systemRoots()));
+  auto monitor = AudioProcessMonitor::create(context.queue, std::move(workspace));
+  monitor->refresh();
+  const auto& apps = monitor->apps().get();
+  for (const auto& app : apps) {
+    log(context, "  " + app.name + " [" + app.bundleID.value_or("-") + "] pid=" +
+                     std::to_string(app.id) + " objects=" + joinIDs(app.processObjectIDs) +
+                     " playing=" + (app.isPlaying ? "true" : "false"));
+  }
+  log(context, "Gesamt: " + std::to_string(apps.size()) + " App(s)");
+  return kSuccess;
 }
 
 int run(const Context& context, const std::string&) {

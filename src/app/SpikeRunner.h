@@ -1,8 +1,11 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
+
+#include "platform/linux/Workspace.h"
 
 namespace quellix {
 class MainQueue;
@@ -17,7 +20,12 @@ inline constexpr const char* logPath = "/tmp/quellix-spike.log";
 struct Context {
   std::filesystem::path logFile = logPath;
   MainQueue& queue;
+  // Where running applications are looked for; the system's when none.
+  std::optional<Workspace::Roots> workspaceRoots = std::nullopt;
 };
+
+// The current time in UTC, "yyyy-MM-dd HH:mm:ss +0000".
+std::string currentDateDescription();
 
 int list(const Context& context);
 int taps(const Context& context);

@@ -102,3 +102,49 @@ TEST_F(VolumeSetTest, WithoutADefaultOutputItStillEndsWithStatusZero) {
 
 }  // namespace
 }  // namespace quellix
+
+namespace quellix {
+namespace {
+
+class ListModeTest : public testing::SimTest {
+ protected:
+  std::vector<std::string> logLines() {
+    std::ifstream file(context.logFile);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);) {
+      lines.push_back(line);
+    }
+    return lines;
+  }
+
+  testing::TemporaryDirectory directory;
+  SpikeRunner::Context context{directory.path() / "spike.log", queue,
+                               Workspace::Roots{.proc = directory.path() / "no-proc"}};
+};
+
+TEST_F(ListModeTest, LogsHeaderApplicationsAndTotal) {
+  const AudioObjectID first = sim->addProcess({.pid = 71, .bundleID = "org.example.Zeta"});
+  const AudioObjectID second = sim->addProcess({.pid = 72, .runningOutput = false});
+  EXPECT_EQ(SpikeRunner::list(context), 0);
+  const auto lines = logLines();
+  ASSERT_EQ(lines.size(), 4u);
+  EXPECT_EQ(lines[0].rfind("=== Quellix List @ ", 0), 0u);
+  EXPECT_EQ(lines[0].size(), std::string("=== Quellix List @ 2026-11-22 20:19:46 +0000").size());
+  EXPECT_TRUE(lines[0].ends_with(" +0000"));
+  EXPECT_EQ(lines[1],
+            "  Prozess 72 [-] pid=72 objects=[" + std::to_string(second) + "] playing=false");
+  EXPECT_EQ(lines[2], "  Zeta [org.example.Zeta] pid=71 objects=[" + std::to_string(first) +
+                          "] playing=true");
+  EXPECT_EQ(lines[3], "Gesamt: 2 App(s)");
+}
+
+TEST_F(ListModeTest, AnEmptyOrUnreadableSystemListsNothingAndSucceeds) {
+  sim->failCall(SimAudioBackend::Call::getPropertyDataSize, -1);
+  EXPECT_EQ(SpikeRunner::list(context), 0);
+  const auto lines = logLines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[1], "Gesamt: 0 App(s)");
+}
+
+}  // namespace
+}  // namespace quellix

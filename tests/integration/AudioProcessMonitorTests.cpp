@@ -1,0 +1,130 @@
+#include "coreaudio/AudioProcessMonitor.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "ChildProcess.h"
+#include "SoundServer.h"
+#include "TestPlayerProcess.h"
+#include "TestSupport.h"
+#include "coreaudio/CoreAudioSupport.h"
+#include "platform/hal/pulse/PulseBackend.h"
+#include "support/ManualQueue.h"
+
+namespace quellix {
+namespace {
+
+using testing::SoundServer;
+using testing::TestPlayerProcess;
+
+class AudioProcessMonitorIntegrationTest : public ::testing::TestWithParam<SoundServer::Kind> {
+ protected:
+  void SetUp() override {
+    previousSink = Logger::installSink(logs);
+    server = std::make_unique<SoundServer>(GetParam());
+    backend = PulseBackend::create({});
+    installAudioBackend(backend);
+    desktopFile = dataDir.path() / "applications" / "org.quellix.TestApp.desktop";
+    std::filesystem::create_directories(desktopFile.parent_path());
+    std::ofstream(desktopFile) << "[Desktop Entry]\nType=Application\nName=Test App\n"
+                                  "Name[de]=Testanwendung\nExec=quellix-test-app\n"
+                                  "Icon=org.quellix.TestApp\n";
+    auto roots = Workspace::systemRoots();
+    roots.dataDirs = {dataDir.path()};
+    roots.locale = "de_DE.UTF-8";
+    monitor = AudioProcessMonitor::create(queue, std::make_shared<Workspace>(roots));
+    monitor->start();
+  }
+
+  void TearDown() override {
+    monitor.reset();
+    installAudioBackend(nullptr);
+    backend.reset();
+    server.reset();
+    Logger::installSink(previousSink);
+  }
+
+  // Started as a launcher starts an application: the launched process carries its desktop
+  // file in its environment; its child does the playing (and keeps our stdin open).
+  std::unique_ptr<testing::ChildProcess> launchApplication() {
+    const std::string script = "exec env GIO_LAUNCHED_DESKTOP_FILE='" + desktopFile.string() +
+                               "' GIO_LAUNCHED_DESKTOP_FILE_PID=$$ sh -c '" QUELLIX_TEST_PLAYER
+                               " <&3 & wait' 3<&0";
+    return std::make_unique<testing::ChildProcess>(
+        std::vector<std::string>{"sh", "-c", script},
+        testing::ChildProcess::Options{.pipeStdin = true, .outputFile = "/dev/null"});
+  }
+
+  const AudioApp* appWithID(pid_t pid) {
+    for (const auto& app : monitor->apps().get()) {
+      if (app.id == pid) {
+        return &app;
+      }
+    }
+    return nullptr;
+  }
+
+  std::string listed() {
+    std::string text;
+    for (const auto& app : monitor->apps().get()) {
+      text +=
+          app.name + " [" + app.bundleID.value_or("-") + "] pid=" + std::to_string(app.id) + "; ";
+    }
+    return text;
+  }
+
+  bool eventually(const std::function<bool()>& condition) {
+    return testing::eventually(condition, [&] { queue.drain(); });
+  }
+
+  testing::TemporaryDirectory dataDir;
+  std::filesystem::path desktopFile;
+  ManualQueue queue;
+  std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
+  std::shared_ptr<LogSink> previousSink;
+  std::unique_ptr<SoundServer> server;
+  std::shared_ptr<PulseBackend> backend;
+  std::shared_ptr<AudioProcessMonitor> monitor;
+};
+
+TEST_P(AudioProcessMonitorIntegrationTest, ListsTheApplicationWhoseChildPlays) {
+  auto application = launchApplication();
+  ASSERT_TRUE(eventually([&] { return appWithID(application->pid()) != nullptr; }))
+      << "listed: " << listed() << " launched: " << application->pid();
+  const AudioApp app = *appWithID(application->pid());
+  EXPECT_EQ(app.name, "Testanwendung");
+  EXPECT_EQ(app.bundleID, "org.quellix.TestApp");
+  EXPECT_EQ(app.icon.themeName, "org.quellix.TestApp");
+  ASSERT_EQ(app.processObjectIDs.size(), 1u);
+  const SInt32 player =
+      read<SInt32>(app.processObjectIDs[0], globalAddress(kAudioProcessPropertyPID), 0);
+  EXPECT_NE(player, application->pid()) << "the child's process object, under the parent";
+  EXPECT_EQ(monitor->apps().get().size(), 1u);
+}
+
+TEST_P(AudioProcessMonitorIntegrationTest, TheListFollowsPlayersStartingCorkingAndStopping) {
+  auto application = launchApplication();
+  ASSERT_TRUE(eventually([&] { return monitor->apps().get().size() == 1; }));
+  {
+    TestPlayerProcess other({.appID = "org.example.Other"});
+    ASSERT_TRUE(eventually([&] { return monitor->apps().get().size() == 2; })) << listed();
+    EXPECT_TRUE(appWithID(other.pid()) != nullptr);
+    other.command("cork");
+    ASSERT_TRUE(eventually([&] { return appWithID(other.pid()) == nullptr; }))
+        << "an application whose audio is all idle is not listed";
+    other.command("uncork");
+    ASSERT_TRUE(eventually([&] { return appWithID(other.pid()) != nullptr; }));
+  }
+  ASSERT_TRUE(eventually([&] { return monitor->apps().get().size() == 1; }));
+  application.reset();
+  EXPECT_TRUE(eventually([&] { return monitor->apps().get().empty(); }));
+}
+
+INSTANTIATE_TEST_SUITE_P(Servers, AudioProcessMonitorIntegrationTest,
+                         ::testing::Values(SoundServer::Kind::pulseAudio,
+                                           SoundServer::Kind::pipeWire),
+                         [](const auto& param) { return SoundServer::name(param.param); });
+
+}  // namespace
+}  // namespace quellix
