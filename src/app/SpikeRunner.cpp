@@ -7,8 +7,14 @@
 
 #include <ctime>
 
+#include <algorithm>
+#include <cctype>
+
 #include "coreaudio/AudioProcessMonitor.h"
+#include "coreaudio/CoreAudioSupport.h"
+#include "muting/ProcessMuteTap.h"
 #include "platform/hal/AudioHardware.h"
+#include "platform/linux/ProcessResponsibility.h"
 #include "services/SystemVolumeController.h"
 #include "support/DefaultsStore.h"
 #include "support/Logger.h"
@@ -51,11 +57,6 @@ std::string joinIDs(const std::vector<AudioObjectID>& ids) {
 
 long long truncatedPercent(double volume) {
   return static_cast<long long>(volume * 100.0);
-}
-
-int notBuiltYet(const Context& context, std::string_view mode) {
-  log(context, std::string(mode) + " is not built yet");
-  return kFailure;
 }
 
 }  // namespace
@@ -122,8 +123,94 @@ int list(const Context& context) {
   return kSuccess;
 }
 
-int run(const Context& context, const std::string&) {
-  return notBuiltYet(context, "The tap diagnosis (--spike)");
+namespace {
+
+constexpr auto kSpikeDuration = std::chrono::seconds(10);
+
+std::string lowerCased(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return text;
+}
+
+// The PID a target names: itself when it is a number, else the first running application
+// whose name, or failing that bundle identifier, contains it.
+pid_t targetPID(const Context& context, const std::string& target) {
+  if (const auto pid = parseStrictInt32(target)) {
+    log(context, "Ziel: pid " + std::to_string(*pid) + " (direkt)");
+    return *pid;
+  }
+  const std::string wanted = lowerCased(target);
+  Workspace workspace(context.workspaceRoots.value_or(Workspace::systemRoots()));
+  const auto applications = workspace.runningApplications();
+  auto contains = [&](const std::optional<std::string>& text) {
+    return text && lowerCased(*text).find(wanted) != std::string::npos;
+  };
+  auto match = std::find_if(applications.begin(), applications.end(),
+                            [&](const auto& app) { return contains(app.localizedName); });
+  if (match == applications.end()) {
+    match = std::find_if(applications.begin(), applications.end(),
+                         [&](const auto& app) { return contains(app.bundleIdentifier); });
+  }
+  if (match == applications.end()) {
+    throw TextError("Keine laufende App passt auf '" + target + "'");
+  }
+  log(context, "Ziel: " + match->localizedName.value_or("?") + " (" +
+                   match->bundleIdentifier.value_or("?") + "), pid " + std::to_string(match->pid));
+  return match->pid;
+}
+
+}  // namespace
+
+int run(const Context& context, const std::string& target) {
+  log(context, "=== Quellix Spike @ " + currentDateDescription() + " — target: " + target);
+  try {
+    const pid_t pid = targetPID(context, target);
+    const auto responsible = lookupResponsibilityFunction();
+    std::vector<AudioObjectID> matched;
+    for (const AudioObjectID object : readProcessList()) {
+      SInt32 objectPID = 0;
+      try {
+        objectPID = read<SInt32>(object, globalAddress(kAudioProcessPropertyPID), 0);
+      } catch (const TextError&) {
+        continue;
+      }
+      if (objectPID < 0) {
+        continue;
+      }
+      const pid_t responsiblePID =
+          responsible != nullptr && responsible(objectPID) > 0 ? responsible(objectPID) : objectPID;
+      if (objectPID != pid && responsiblePID != pid) {
+        continue;
+      }
+      bool runningOutput = false;
+      try {
+        runningOutput =
+            read<std::int64_t>(object, globalAddress(kAudioProcessPropertyIsRunningOutput), 0) == 1;
+      } catch (const TextError&) {
+      }
+      log(context, "  match: object #" + std::to_string(object) +
+                       " pid=" + std::to_string(objectPID) +
+                       " responsible=" + std::to_string(responsiblePID) +
+                       " bundle=" + readProcessBundleID(object).value_or("?") +
+                       " runningOutput=" + (runningOutput ? "true" : "false"));
+      matched.push_back(object);
+    }
+    if (matched.empty()) {
+      throw TextError("Kein Prozess-AudioObject für pid " + std::to_string(pid) +
+                      " gefunden — spielt die App gerade Audio?");
+    }
+    ProcessMuteTap tap(target, matched, 0.0f);
+    log(context, "Tap #" + std::to_string(tap.tapID()) +
+                     " aktiv — Audio der Ziel-App sollte JETZT stumm sein (10 s) …");
+    context.queue.runFor(kSpikeDuration);
+    tap.invalidate();
+    log(context, "Tap zerstört — Audio sollte wieder zu hören sein. Spike OK.");
+    return kSuccess;
+  } catch (const TextError& error) {
+    log(context, "FEHLER: " + error.description());
+    return kFailure;
+  }
 }
 
 int setVolume(const Context& context, const std::string& volume) {

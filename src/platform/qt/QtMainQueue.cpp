@@ -55,7 +55,7 @@ TimePoint QtMainQueue::now() const {
 
 void QtMainQueue::runFor(Duration duration) {
   QEventLoop loop;
-  QTimer::singleShot(toMilliseconds(duration), &loop, &QEventLoop::quit);
+  QTimer::singleShot(toMilliseconds(duration), Qt::PreciseTimer, &loop, &QEventLoop::quit);
   loop.exec();
 }
 

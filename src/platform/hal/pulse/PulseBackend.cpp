@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 
 #include "platform/hal/PropertyValue.h"
 #include "support/BuildInfo.h"
@@ -107,6 +109,7 @@ struct PulseBackend::Completion {
   std::condition_variable condition;
   bool done = false;
   bool success = false;
+  std::uint32_t index = PA_INVALID_INDEX;
 
   void finish(bool succeeded) {
     {
@@ -277,8 +280,19 @@ void PulseBackend::onContextState(pa_context* context) {
       ready_ = false;
       pendingListReplies_ = 0;
       failPendingOperations();
+      moves_.clear();
+      leftoversSwept_ = false;
+      {
+        // Taps and aggregate devices died with the server; their IO paths stop here.
+        std::lock_guard lock(objectsMutex_);
+        taps_.clear();
+        aggregates_.clear();
+      }
       model_.reset();
       publish();
+      listeners_.fire(kAudioObjectSystemObject,
+                      {kAudioHardwarePropertyTapList, kAudioObjectPropertyScopeGlobal,
+                       kAudioObjectPropertyElementMain});
       // Not from inside the context's own callback: the retry drops and replaces it.
       armRetry(std::chrono::milliseconds(100));
       break;
@@ -305,6 +319,10 @@ void PulseBackend::listReplyFinished() {
     return;
   }
   publish();
+  if (!leftoversSwept_) {
+    leftoversSwept_ = true;
+    removeLeftovers();
+  }
   {
     std::lock_guard lock(syncMutex_);
     firstSyncDone_ = true;
@@ -323,8 +341,12 @@ void PulseBackend::publish() {
     previous = std::exchange(snapshot_, next);
     snapshotVersion_.fetch_add(1, std::memory_order_release);
   }
+  snapshotChanged_.notify_all();
   for (const auto& change : pulse::changesBetween(*previous, *next)) {
     listeners_.fire(change.object, change.address);
+  }
+  if (ready_) {
+    keepStreamsOnTaps();
   }
 }
 
@@ -357,6 +379,7 @@ void PulseBackend::onSubscription(pa_context* context, unsigned eventType, std::
     case PA_SUBSCRIPTION_EVENT_SINK_INPUT:
       if (removed) {
         model_.removeSinkInput(index);
+        moves_.erase(index);
         publish();
         return;
       }
@@ -518,6 +541,24 @@ void PulseBackend::failPendingOperations() {
 }
 
 OSStatus PulseBackend::runOperation(const StartOperation& start) {
+  std::uint32_t unused = PA_INVALID_INDEX;
+  return runAnyOperation(
+      [&](pa_context* context, void* userdata) {
+        return start(context, &PulseBackend::operationCallback, userdata);
+      },
+      unused);
+}
+
+OSStatus PulseBackend::runIndexOperation(const StartIndexOperation& start, std::uint32_t& index) {
+  return runAnyOperation(
+      [&](pa_context* context, void* userdata) {
+        return start(context, &PulseBackend::indexOperationCallback, userdata);
+      },
+      index);
+}
+
+OSStatus PulseBackend::runAnyOperation(
+    const std::function<pa_operation*(pa_context*, void*)>& start, std::uint32_t& index) {
   auto completion = std::make_shared<Completion>();
   auto* userdata = new std::shared_ptr<Completion>(completion);
   pa_operation* operation = nullptr;
@@ -527,7 +568,7 @@ OSStatus PulseBackend::runOperation(const StartOperation& start) {
       delete userdata;
       return kAudioHardwareNotRunningError;
     }
-    operation = start(context_, &PulseBackend::operationCallback, userdata);
+    operation = start(context_, userdata);
     if (operation == nullptr) {
       delete userdata;
       return kAudioHardwareUnspecifiedError;
@@ -542,6 +583,7 @@ OSStatus PulseBackend::runOperation(const StartOperation& start) {
     finished = completion->condition.wait_for(lock, options_.operationTimeout,
                                               [&] { return completion->done; });
     succeeded = completion->success;
+    index = completion->index;
   }
   {
     MainloopLock lock(mainloop_);
@@ -587,10 +629,20 @@ std::optional<PropertyValue> PulseBackend::propertyValue(AudioObjectID object,
       for (const auto& device : current->devices) {
         ids.push_back(device.id);
       }
+      std::lock_guard lock(objectsMutex_);
+      for (const auto& entry : aggregates_) {
+        ids.push_back(entry.first);
+      }
+      std::sort(ids.begin(), ids.end());
       return PropertyValue::list(ids);
     }
     if (selector == kAudioHardwarePropertyTapList) {
-      return PropertyValue::list({});
+      std::vector<AudioObjectID> ids;
+      std::lock_guard lock(objectsMutex_);
+      for (const auto& entry : taps_) {
+        ids.push_back(entry.first);
+      }
+      return PropertyValue::list(ids);
     }
     if (selector == kAudioHardwarePropertyDefaultOutputDevice) {
       return PropertyValue::of(current->defaultOutput);
@@ -631,6 +683,29 @@ std::optional<PropertyValue> PulseBackend::propertyValue(AudioObjectID object,
     return std::nullopt;
   }
 
+  {
+    std::lock_guard lock(objectsMutex_);
+    if (const auto tap = taps_.find(object); tap != taps_.end()) {
+      if (global && selector == kAudioTapPropertyFormat) {
+        const Float64 rate = tap->second.sampleRate;
+        return PropertyValue::of(AudioStreamBasicDescription{
+            rate, kAudioFormatLinearPCM, kAudioFormatFlagIsFloat | kAudioFormatFlagIsPacked, 8, 1,
+            8, 2, 32, 0});
+      }
+      return std::nullopt;
+    }
+    if (const auto aggregate = aggregates_.find(object); aggregate != aggregates_.end()) {
+      if (global && selector == kAudioDevicePropertyDeviceUID) {
+        return PropertyValue::text(aggregate->second.uid);
+      }
+      if (global && selector == kAudioDevicePropertyNominalSampleRate) {
+        const auto tap = taps_.find(aggregate->second.tap);
+        return PropertyValue::of(
+            static_cast<Float64>(tap != taps_.end() ? tap->second.sampleRate : 0));
+      }
+      return std::nullopt;
+    }
+  }
   status = current->connected ? kAudioHardwareBadObjectError : kAudioHardwareNotRunningError;
   return std::nullopt;
 }
@@ -725,31 +800,443 @@ OSStatus PulseBackend::removePropertyListener(AudioObjectID object,
                                                              : kAudioHardwareIllegalOperationError;
 }
 
-// Taps, aggregate devices and IO procedures are not available on this backend yet.
-OSStatus PulseBackend::createProcessTap(const CATapDescription&, AudioObjectID&) {
-  return kAudioHardwareUnsupportedOperationError;
+namespace {
+
+// The kernel's start time of a process, which tells a reused PID from the process it replaced.
+std::string processStartTime(pid_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+  std::string stat((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  const auto close = stat.rfind(')');
+  if (close == std::string::npos) {
+    return {};
+  }
+  std::istringstream fields(stat.substr(close + 1));
+  std::string field;
+  for (int i = 0; i < 20 && fields >> field; ++i) {
+  }
+  return fields ? field : std::string();
 }
-OSStatus PulseBackend::destroyProcessTap(AudioObjectID) {
-  return kAudioHardwareBadObjectError;
+
+// Only characters that survive the module argument's two levels of quoting.
+std::string sanitizedLabel(const std::string& label) {
+  std::string clean;
+  for (const char c : label) {
+    if (c != '\'' && c != '"' && c != '\\' && c != '\n') {
+      clean += c;
+    }
+  }
+  return clean;
 }
-OSStatus PulseBackend::createAggregateDevice(const CFDictionary&, AudioObjectID&) {
-  return kAudioHardwareUnsupportedOperationError;
+
+struct MoveRequest {
+  PulseBackend* backend;
+  std::uint32_t sinkInput;
+};
+
+constexpr auto kTapPlacementWait = std::chrono::milliseconds(1000);
+constexpr int kMaxMoveFailures = 5;
+
+}  // namespace
+
+std::optional<PulseIOPath::Statistics> PulseBackend::ioStatistics(AudioObjectID aggregate) const {
+  std::lock_guard lock(objectsMutex_);
+  const auto found = aggregates_.find(aggregate);
+  if (found == aggregates_.end()) {
+    return std::nullopt;
+  }
+  for (const auto& [id, proc] : found->second.procs) {
+    if (proc.path) {
+      return proc.path->statistics();
+    }
+  }
+  return std::nullopt;
 }
-OSStatus PulseBackend::destroyAggregateDevice(AudioObjectID) {
-  return kAudioHardwareBadDeviceError;
+
+bool PulseBackend::waitForSnapshot(
+    const std::function<bool(const pulse::AudioSnapshot&)>& condition,
+    std::chrono::milliseconds timeout) {
+  std::unique_lock lock(snapshotMutex_);
+  return snapshotChanged_.wait_for(lock, timeout, [&] { return condition(*snapshot_); });
 }
-OSStatus PulseBackend::createIOProcID(AudioObjectID, MainQueue*, AudioDeviceIOBlock,
-                                      AudioDeviceIOProcID&) {
-  return kAudioHardwareBadDeviceError;
+
+void PulseBackend::indexOperationCallback(pa_context*, std::uint32_t index, void* userdata) {
+  auto* completion = static_cast<std::shared_ptr<Completion>*>(userdata);
+  {
+    std::lock_guard lock((*completion)->mutex);
+    (*completion)->index = index;
+  }
+  (*completion)->finish(index != PA_INVALID_INDEX);
+  delete completion;
 }
-OSStatus PulseBackend::startDevice(AudioObjectID, AudioDeviceIOProcID) {
-  return kAudioHardwareBadDeviceError;
+
+void PulseBackend::moveCallback(pa_context* context, int success, void* userdata) {
+  auto* request = static_cast<MoveRequest*>(userdata);
+  if (context == request->backend->context_) {
+    request->backend->onMoveDone(request->sinkInput, success != 0);
+  }
+  delete request;
 }
-OSStatus PulseBackend::stopDevice(AudioObjectID, AudioDeviceIOProcID) {
-  return kAudioHardwareBadDeviceError;
+
+void PulseBackend::onMoveDone(std::uint32_t sinkInput, bool success) {
+  auto found = moves_.find(sinkInput);
+  if (found == moves_.end()) {
+    return;
+  }
+  found->second.inFlight = false;
+  if (!success && ++found->second.failures == kMaxMoveFailures) {
+    logger_.error("Stream #" + std::to_string(sinkInput) +
+                  " refuses to move onto its tap; it stays audible");
+  }
+  // "Moved" is the server's word; its own report of the stream decides.
+  pa_operation_unref(
+      pa_context_get_sink_input_info(context_, sinkInput, &PulseBackend::sinkInputCallback, this));
 }
-OSStatus PulseBackend::destroyIOProcID(AudioObjectID, AudioDeviceIOProcID) {
-  return kAudioHardwareBadDeviceError;
+
+void PulseBackend::keepStreamsOnTaps() {
+  const auto current = snapshot();
+  std::lock_guard lock(objectsMutex_);
+  if (taps_.empty()) {
+    return;
+  }
+  for (const auto& placement : current->sinkInputs) {
+    if (placement.isOurIO || placement.pid == 0) {
+      continue;
+    }
+    const auto tap = std::find_if(taps_.begin(), taps_.end(), [&](const auto& entry) {
+      return entry.second.pids.count(placement.pid) > 0;
+    });
+    if (tap == taps_.end()) {
+      continue;
+    }
+    const auto* sink = current->tapSinkWithUUID(tap->second.uuid);
+    if (sink == nullptr) {
+      continue;
+    }
+    Move& move = moves_[placement.index];
+    if (placement.sink == sink->index) {
+      continue;
+    }
+    if (move.inFlight || move.failures >= kMaxMoveFailures) {
+      continue;
+    }
+    tap->second.originalSinks.try_emplace(placement.index, placement.sink);
+    if (++move.attempts > 1) {
+      repeatedMoves_.fetch_add(1, std::memory_order_relaxed);
+    }
+    move.inFlight = true;
+    pa_operation_unref(pa_context_move_sink_input_by_index(context_, placement.index, sink->index,
+                                                           &PulseBackend::moveCallback,
+                                                           new MoveRequest{this, placement.index}));
+  }
+}
+
+void PulseBackend::removeLeftovers() {
+  const auto current = snapshot();
+  const std::string defaultSink = model_.defaultSinkName();
+  for (const auto& tap : current->tapSinks) {
+    const bool alive = tap.ownerPID > 0 && !tap.ownerStart.empty() &&
+                       processStartTime(tap.ownerPID) == tap.ownerStart;
+    if (alive) {
+      continue;
+    }
+    // Its streams go back to the default output, then the sink goes. The server carries out
+    // one connection's requests in order.
+    for (const auto& placement : current->sinkInputs) {
+      if (placement.sink == tap.index && !defaultSink.empty()) {
+        pa_operation_unref(pa_context_move_sink_input_by_name(
+            context_, placement.index, defaultSink.c_str(), nullptr, nullptr));
+      }
+    }
+    if (tap.ownerModule != pulse::kInvalidIndex) {
+      pa_operation_unref(pa_context_unload_module(context_, tap.ownerModule, nullptr, nullptr));
+    }
+    logger_.error("Removed the leftover tap " + tap.name + " of process " +
+                  std::to_string(tap.ownerPID));
+  }
+}
+
+OSStatus PulseBackend::createProcessTap(const CATapDescription& description,
+                                        AudioObjectID& outTap) {
+  const auto current = snapshot();
+  if (!current->connected) {
+    return kAudioHardwareNotRunningError;
+  }
+  Tap tap;
+  for (const AudioObjectID object : description.processes()) {
+    const auto* process = current->process(object);
+    if (process == nullptr) {
+      return kAudioHardwareBadObjectError;
+    }
+    tap.pids.insert(process->pid);
+  }
+  tap.uuid = description.UUID().uuidString();
+  tap.sinkName = "quellix.tap." + tap.uuid;
+  const auto* output = current->device(current->defaultOutput);
+  tap.sampleRate = output != nullptr && output->sampleRate > 0
+                       ? static_cast<std::uint32_t>(output->sampleRate)
+                       : 48000;
+  const std::string arguments =
+      "sink_name=" + tap.sinkName + " rate=" + std::to_string(tap.sampleRate) +
+      " channels=2 format=float32le sink_properties=\"device.description='" +
+      sanitizedLabel(description.name()) + "' " + pulse::kTapOwnerProperty + "=" +
+      std::to_string(::getpid()) + " " + pulse::kTapOwnerStartProperty + "=" +
+      processStartTime(::getpid()) + " " + pulse::kTapUUIDProperty + "=" + tap.uuid + "\"";
+  const OSStatus status = runIndexOperation(
+      [&](pa_context* context, auto callback, void* userdata) {
+        return pa_context_load_module(context, "module-null-sink", arguments.c_str(), callback,
+                                      userdata);
+      },
+      tap.module);
+  if (status != kAudioHardwareNoError) {
+    return status;
+  }
+  if (!waitForSnapshot([&](const auto& s) { return s.tapSinkWithUUID(tap.uuid) != nullptr; },
+                       options_.operationTimeout)) {
+    runOperation([&](pa_context* context, auto callback, void* userdata) {
+      return pa_context_unload_module(context, tap.module, callback, userdata);
+    });
+    return kAudioHardwareNotRunningError;
+  }
+  {
+    MainloopLock lock(mainloop_);
+    tap.id = model_.allocateObjectID();
+    outTap = tap.id;
+    {
+      std::lock_guard objectsLock(objectsMutex_);
+      taps_.emplace(tap.id, tap);
+    }
+    keepStreamsOnTaps();
+  }
+  // Audio flows through the tap once its streams are there; new ones follow as they come.
+  waitForSnapshot(
+      [&](const auto& s) {
+        const auto* sink = s.tapSinkWithUUID(tap.uuid);
+        return std::none_of(s.sinkInputs.begin(), s.sinkInputs.end(), [&](const auto& p) {
+          return !p.isOurIO && tap.pids.count(p.pid) > 0 && p.sink != sink->index;
+        });
+      },
+      kTapPlacementWait);
+  listeners_.fire(kAudioObjectSystemObject,
+                  {kAudioHardwarePropertyTapList, kAudioObjectPropertyScopeGlobal,
+                   kAudioObjectPropertyElementMain});
+  return kAudioHardwareNoError;
+}
+
+OSStatus PulseBackend::returnStreams(const Tap& tap) {
+  // Back to where each stream played before, or the default output when that is gone.
+  constexpr int kAttempts = 5;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const auto current = snapshot();
+    const auto* sink = current->tapSinkWithUUID(tap.uuid);
+    if (sink == nullptr) {
+      return kAudioHardwareNoError;
+    }
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> moves;
+    const auto* fallback = current->device(current->defaultOutput);
+    for (const auto& placement : current->sinkInputs) {
+      if (placement.sink != sink->index) {
+        continue;
+      }
+      std::uint32_t target = fallback != nullptr ? fallback->sinkIndex : pulse::kInvalidIndex;
+      if (const auto original = tap.originalSinks.find(placement.index);
+          original != tap.originalSinks.end() &&
+          std::any_of(current->devices.begin(), current->devices.end(),
+                      [&](const auto& d) { return d.sinkIndex == original->second; })) {
+        target = original->second;
+      }
+      if (target != pulse::kInvalidIndex) {
+        moves.emplace_back(placement.index, target);
+      }
+    }
+    if (moves.empty()) {
+      return kAudioHardwareNoError;
+    }
+    if (attempt > 0) {
+      repeatedMoves_.fetch_add(moves.size(), std::memory_order_relaxed);
+    }
+    for (const auto& [index, target] : moves) {
+      runOperation([&](pa_context* context, auto callback, void* userdata) {
+        return pa_context_move_sink_input_by_index(context, index, target, callback, userdata);
+      });
+    }
+    waitForSnapshot(
+        [&](const auto& s) {
+          return std::none_of(s.sinkInputs.begin(), s.sinkInputs.end(),
+                              [&](const auto& p) { return p.sink == sink->index; });
+        },
+        kTapPlacementWait);
+  }
+  return kAudioHardwareUnspecifiedError;
+}
+
+OSStatus PulseBackend::destroyProcessTap(AudioObjectID tapID) {
+  Tap tap;
+  {
+    MainloopLock lock(mainloop_);
+    std::lock_guard objectsLock(objectsMutex_);
+    const auto found = taps_.find(tapID);
+    if (found == taps_.end()) {
+      return kAudioHardwareBadObjectError;
+    }
+    tap = std::move(found->second);
+    taps_.erase(found);
+  }
+  listeners_.fire(kAudioObjectSystemObject,
+                  {kAudioHardwarePropertyTapList, kAudioObjectPropertyScopeGlobal,
+                   kAudioObjectPropertyElementMain});
+  const OSStatus moved = returnStreams(tap);
+  const OSStatus unloaded = runOperation([&](pa_context* context, auto callback, void* userdata) {
+    return pa_context_unload_module(context, tap.module, callback, userdata);
+  });
+  return unloaded != kAudioHardwareNoError ? unloaded : moved;
+}
+
+OSStatus PulseBackend::createAggregateDevice(const CFDictionary& description,
+                                             AudioObjectID& outDevice) {
+  const auto current = snapshot();
+  if (!current->connected) {
+    return kAudioHardwareNotRunningError;
+  }
+  auto text = [&](const char* key) {
+    const auto found = description.find(key);
+    return found != description.end() && found->is_string() ? found->get<std::string>()
+                                                            : std::string();
+  };
+  Aggregate aggregate;
+  aggregate.uid = text(kAudioAggregateDeviceUIDKey);
+  aggregate.mainSinkName = text(kAudioAggregateDeviceMainSubDeviceKey);
+  if (aggregate.uid.empty() || current->deviceWithUID(aggregate.mainSinkName) == nullptr) {
+    return kAudioHardwareBadDeviceError;
+  }
+  std::string tapUUID;
+  if (const auto taps = description.find(kAudioAggregateDeviceTapListKey);
+      taps != description.end() && taps->is_array() && !taps->empty() && (*taps)[0].is_object()) {
+    const auto uid = (*taps)[0].find(kAudioSubTapUIDKey);
+    tapUUID = uid != (*taps)[0].end() && uid->is_string() ? uid->get<std::string>() : "";
+  }
+  {
+    MainloopLock lock(mainloop_);
+    std::lock_guard objectsLock(objectsMutex_);
+    const auto tap = std::find_if(taps_.begin(), taps_.end(),
+                                  [&](const auto& entry) { return entry.second.uuid == tapUUID; });
+    if (tap == taps_.end()) {
+      return kAudioHardwareBadObjectError;
+    }
+    aggregate.tap = tap->first;
+    aggregate.id = model_.allocateObjectID();
+    outDevice = aggregate.id;
+    aggregates_.emplace(aggregate.id, std::move(aggregate));
+  }
+  listeners_.fire(kAudioObjectSystemObject,
+                  {kAudioHardwarePropertyDevices, kAudioObjectPropertyScopeGlobal,
+                   kAudioObjectPropertyElementMain});
+  return kAudioHardwareNoError;
+}
+
+OSStatus PulseBackend::destroyAggregateDevice(AudioObjectID device) {
+  std::map<AudioDeviceIOProcID, IOProc> procs;
+  {
+    std::lock_guard lock(objectsMutex_);
+    const auto found = aggregates_.find(device);
+    if (found == aggregates_.end()) {
+      return kAudioHardwareBadDeviceError;
+    }
+    procs = std::move(found->second.procs);
+    aggregates_.erase(found);
+  }
+  procs.clear();  // stops any IO still running, outside the lock
+  listeners_.fire(kAudioObjectSystemObject,
+                  {kAudioHardwarePropertyDevices, kAudioObjectPropertyScopeGlobal,
+                   kAudioObjectPropertyElementMain});
+  return kAudioHardwareNoError;
+}
+
+OSStatus PulseBackend::createIOProcID(AudioObjectID device, MainQueue*, AudioDeviceIOBlock block,
+                                      AudioDeviceIOProcID& outProc) {
+  std::lock_guard lock(objectsMutex_);
+  const auto found = aggregates_.find(device);
+  if (found == aggregates_.end()) {
+    return kAudioHardwareBadDeviceError;
+  }
+  outProc = reinterpret_cast<AudioDeviceIOProcID>(++lastIOProcID_);
+  found->second.procs.emplace(outProc, IOProc{std::move(block), nullptr});
+  return kAudioHardwareNoError;
+}
+
+OSStatus PulseBackend::startDevice(AudioObjectID device, AudioDeviceIOProcID proc) {
+  PulseIOPath::Config config;
+  {
+    std::lock_guard lock(objectsMutex_);
+    const auto aggregate = aggregates_.find(device);
+    if (aggregate == aggregates_.end()) {
+      return kAudioHardwareBadDeviceError;
+    }
+    const auto ioProc = aggregate->second.procs.find(proc);
+    const auto tap = taps_.find(aggregate->second.tap);
+    if (ioProc == aggregate->second.procs.end() || tap == taps_.end()) {
+      return kAudioHardwareIllegalOperationError;
+    }
+    if (ioProc->second.path) {
+      return kAudioHardwareNoError;
+    }
+    config.server = options_.server;
+    config.sourceName = tap->second.sinkName + ".monitor";
+    config.sinkName = aggregate->second.mainSinkName;
+    config.sampleRate = tap->second.sampleRate;
+    config.block = ioProc->second.block;
+    config.timeout = options_.operationTimeout;
+  }
+  OSStatus status = kAudioHardwareNoError;
+  auto path = PulseIOPath::start(std::move(config), status);
+  if (!path) {
+    return status;
+  }
+  std::lock_guard lock(objectsMutex_);
+  const auto aggregate = aggregates_.find(device);
+  if (aggregate == aggregates_.end()) {
+    return kAudioHardwareBadDeviceError;
+  }
+  const auto ioProc = aggregate->second.procs.find(proc);
+  if (ioProc == aggregate->second.procs.end()) {
+    return kAudioHardwareIllegalOperationError;
+  }
+  ioProc->second.path = std::move(path);
+  return kAudioHardwareNoError;
+}
+
+OSStatus PulseBackend::stopDevice(AudioObjectID device, AudioDeviceIOProcID proc) {
+  std::unique_ptr<PulseIOPath> path;
+  {
+    std::lock_guard lock(objectsMutex_);
+    const auto aggregate = aggregates_.find(device);
+    if (aggregate == aggregates_.end()) {
+      return kAudioHardwareBadDeviceError;
+    }
+    const auto ioProc = aggregate->second.procs.find(proc);
+    if (ioProc == aggregate->second.procs.end()) {
+      return kAudioHardwareIllegalOperationError;
+    }
+    path = std::move(ioProc->second.path);
+  }
+  return kAudioHardwareNoError;  // the path stops as it goes, outside the lock
+}
+
+OSStatus PulseBackend::destroyIOProcID(AudioObjectID device, AudioDeviceIOProcID proc) {
+  IOProc removed;
+  {
+    std::lock_guard lock(objectsMutex_);
+    const auto aggregate = aggregates_.find(device);
+    if (aggregate == aggregates_.end()) {
+      return kAudioHardwareBadDeviceError;
+    }
+    const auto ioProc = aggregate->second.procs.find(proc);
+    if (ioProc == aggregate->second.procs.end()) {
+      return kAudioHardwareIllegalOperationError;
+    }
+    removed = std::move(ioProc->second);
+    aggregate->second.procs.erase(ioProc);
+  }
+  return kAudioHardwareNoError;
 }
 
 }  // namespace quellix

@@ -4,15 +4,18 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "platform/hal/AudioBackend.h"
 #include "platform/hal/ListenerRegistry.h"
 #include "platform/hal/PropertyValue.h"
+#include "platform/hal/pulse/PulseIOPath.h"
 #include "platform/hal/pulse/PulseModel.h"
 #include "support/Logger.h"
 
@@ -53,6 +56,11 @@ class PulseBackend final : public AudioBackend {
   bool isConnected() const;
   std::shared_ptr<const pulse::AudioSnapshot> snapshot() const;
 
+  // How many stream moves had to be repeated because the server did not carry them out.
+  std::uint64_t repeatedMoves() const { return repeatedMoves_.load(); }
+  // The IO statistics of a started aggregate device, if it has an IO path.
+  std::optional<PulseIOPath::Statistics> ioStatistics(AudioObjectID aggregate) const;
+
   OSStatus getPropertyDataSize(AudioObjectID object, const AudioObjectPropertyAddress& address,
                                UInt32 qualifierSize, const void* qualifier,
                                UInt32& outSize) override;
@@ -84,6 +92,35 @@ class PulseBackend final : public AudioBackend {
   struct Completion;
   using StartOperation =
       std::function<pa_operation*(pa_context*, void (*)(pa_context*, int, void*), void*)>;
+  using StartIndexOperation =
+      std::function<pa_operation*(pa_context*, void (*)(pa_context*, std::uint32_t, void*), void*)>;
+
+  struct Tap {
+    AudioObjectID id = kAudioObjectUnknown;
+    std::string uuid;
+    std::set<SInt32> pids;
+    std::uint32_t module = pulse::kInvalidIndex;
+    std::string sinkName;
+    std::uint32_t sampleRate = 0;
+    // Where each moved stream played before, to return it there.
+    std::map<std::uint32_t, std::uint32_t> originalSinks;
+  };
+  struct IOProc {
+    AudioDeviceIOBlock block;
+    std::unique_ptr<PulseIOPath> path;
+  };
+  struct Aggregate {
+    AudioObjectID id = kAudioObjectUnknown;
+    std::string uid;
+    std::string mainSinkName;
+    AudioObjectID tap = kAudioObjectUnknown;
+    std::map<AudioDeviceIOProcID, IOProc> procs;
+  };
+  struct Move {
+    bool inFlight = false;
+    int attempts = 0;
+    int failures = 0;
+  };
 
   explicit PulseBackend(Options options);
   void startMainloop();
@@ -99,6 +136,16 @@ class PulseBackend final : public AudioBackend {
   void listReplyFinished();
   void publish();
   void failPendingOperations();
+  void keepStreamsOnTaps();
+  void removeLeftovers();
+  void onMoveDone(std::uint32_t sinkInput, bool success);
+
+  bool waitForSnapshot(const std::function<bool(const pulse::AudioSnapshot&)>& condition,
+                       std::chrono::milliseconds timeout);
+  OSStatus runIndexOperation(const StartIndexOperation& start, std::uint32_t& index);
+  OSStatus runAnyOperation(const std::function<pa_operation*(pa_context*, void*)>& start,
+                           std::uint32_t& index);
+  OSStatus returnStreams(const Tap& tap);
 
   // The latest snapshot for a reader, without a lock while it has not changed.
   const pulse::AudioSnapshot& currentSnapshot() const;
@@ -131,6 +178,8 @@ class PulseBackend final : public AudioBackend {
                                  void* userdata);
   static void serverInfoCallback(pa_context* context, const pa_server_info* info, void* userdata);
   static void operationCallback(pa_context* context, int success, void* userdata);
+  static void indexOperationCallback(pa_context* context, std::uint32_t index, void* userdata);
+  static void moveCallback(pa_context* context, int success, void* userdata);
 
   Options options_;
   pa_threaded_mainloop* mainloop_ = nullptr;
@@ -144,7 +193,19 @@ class PulseBackend final : public AudioBackend {
   bool wasConnected_ = false;
   std::vector<std::weak_ptr<Completion>> pendingOperations_;
 
+  std::map<std::uint32_t, Move> moves_;
+  bool leftoversSwept_ = false;
+
+  // Taps and aggregate devices: created on the main thread, read by the main-loop thread to
+  // keep streams on their taps. Taken after the main loop's lock, never before it.
+  mutable std::mutex objectsMutex_;
+  std::map<AudioObjectID, Tap> taps_;
+  std::map<AudioObjectID, Aggregate> aggregates_;
+  std::uintptr_t lastIOProcID_ = 0;
+  std::atomic<std::uint64_t> repeatedMoves_{0};
+
   mutable std::mutex snapshotMutex_;
+  std::condition_variable snapshotChanged_;
   std::shared_ptr<const pulse::AudioSnapshot> snapshot_;
   std::atomic<std::uint64_t> snapshotVersion_{0};
   const std::uint64_t serial_;

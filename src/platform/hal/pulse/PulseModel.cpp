@@ -64,6 +64,12 @@ const DeviceObject* AudioSnapshot::device(AudioObjectID id) const {
   return findByID(devices, id);
 }
 
+const TapSink* AudioSnapshot::tapSinkWithUUID(const std::string& uuid) const {
+  const auto found = std::find_if(tapSinks.begin(), tapSinks.end(),
+                                  [&](const TapSink& sink) { return sink.uuid == uuid; });
+  return found == tapSinks.end() ? nullptr : &*found;
+}
+
 const DeviceObject* AudioSnapshot::deviceWithUID(const std::string& uid) const {
   const auto found = std::find_if(devices.begin(), devices.end(),
                                   [&](const DeviceObject& device) { return device.uid == uid; });
@@ -253,6 +259,10 @@ AudioSnapshot PulseModel::snapshot(bool connected) {
   auto attribute = [&](const StreamInfo& stream, bool isSinkInput) {
     const ClientInfo* owner = client(stream.client);
     const auto pid = streamPID(stream, owner, proxy);
+    if (isSinkInput) {
+      snapshot.sinkInputs.push_back({stream.index, pid.value_or(0), stream.device,
+                                     stream.properties.count(kIOStreamProperty) > 0});
+    }
     if (!pid) {
       return;  // its client may not be known yet: attributed once it is
     }
@@ -286,7 +296,21 @@ AudioSnapshot PulseModel::snapshot(bool connected) {
 
   std::map<std::uint32_t, AudioObjectID> deviceIDs;
   for (const auto& [index, sink] : sinks_) {
-    if (sink.properties.count(kTapOwnerProperty) > 0) {
+    if (const auto owner = sink.properties.find(kTapOwnerProperty);
+        owner != sink.properties.end()) {
+      TapSink tap;
+      tap.index = index;
+      tap.name = sink.name;
+      tap.ownerModule = sink.ownerModule;
+      tap.ownerPID = parseStrictInt32(owner->second).value_or(0);
+      if (const auto* start = property(sink.properties, kTapOwnerStartProperty)) {
+        tap.ownerStart = *start;
+      }
+      if (const auto* uuid = property(sink.properties, kTapUUIDProperty)) {
+        tap.uuid = *uuid;
+      }
+      tap.sampleRate = sink.sampleRate;
+      snapshot.tapSinks.push_back(std::move(tap));
       continue;  // our taps are not devices
     }
     const auto known = deviceIDs_.find(index);

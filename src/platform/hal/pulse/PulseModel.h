@@ -16,8 +16,13 @@ using Properties = std::map<std::string, std::string>;
 inline constexpr std::uint32_t kInvalidIndex = UINT32_MAX;
 inline constexpr std::uint32_t kVolumeNorm = 0x10000U;
 
-// Property naming one of our private sinks as a tap; such sinks are no output devices.
+// Properties of our private sinks: the owning process (PID and start time, so a reused PID is
+// no owner) and the tap's UUID. Such sinks are taps, not output devices.
 inline constexpr const char* kTapOwnerProperty = "quellix.tap.owner";
+inline constexpr const char* kTapOwnerStartProperty = "quellix.tap.owner-start";
+inline constexpr const char* kTapUUIDProperty = "quellix.tap.uuid";
+// Marks our own IO streams, which are never moved onto a tap.
+inline constexpr const char* kIOStreamProperty = "quellix.io";
 
 // Copies of the server's records, taken inside libpulse's callbacks.
 struct SinkInfo {
@@ -65,8 +70,27 @@ struct DeviceObject {
   std::vector<std::uint32_t> channelVolumes;
 };
 
+struct TapSink {
+  std::uint32_t index = kInvalidIndex;
+  std::string name;
+  std::string uuid;
+  std::uint32_t ownerModule = kInvalidIndex;
+  SInt32 ownerPID = 0;
+  std::string ownerStart;
+  std::uint32_t sampleRate = 0;
+};
+
+struct SinkInputPlacement {
+  std::uint32_t index = kInvalidIndex;
+  SInt32 pid = 0;  // 0: unknown
+  std::uint32_t sink = kInvalidIndex;
+  bool isOurIO = false;
+};
+
 struct AudioSnapshot {
   bool connected = false;
+  std::vector<TapSink> tapSinks;
+  std::vector<SinkInputPlacement> sinkInputs;
   std::vector<ProcessObject> processes;  // ascending id
   std::vector<DeviceObject> devices;     // ascending id
   AudioObjectID defaultOutput = kAudioObjectUnknown;
@@ -74,6 +98,7 @@ struct AudioSnapshot {
   const ProcessObject* process(AudioObjectID id) const;
   const DeviceObject* device(AudioObjectID id) const;
   const DeviceObject* deviceWithUID(const std::string& uid) const;
+  const TapSink* tapSinkWithUUID(const std::string& uuid) const;
 };
 
 struct PropertyChange {

@@ -1,0 +1,199 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <numeric>
+
+#include "ChildProcess.h"
+#include "LevelMeter.h"
+#include "SoundServer.h"
+#include "TestPlayerProcess.h"
+#include "coreaudio/CoreAudioSupport.h"
+#include "muting/ProcessMuteTap.h"
+#include "platform/hal/pulse/PulseBackend.h"
+#include "support/Logger.h"
+#include "support/ManualQueue.h"
+
+namespace quellix {
+namespace {
+
+using std::chrono::milliseconds;
+using testing::MonitorRecording;
+using testing::SoundServer;
+using testing::TestPlayerProcess;
+
+// A 0.5-amplitude sine: its RMS level in dBFS.
+constexpr double kToneLevel = -9.03;
+constexpr double kSilenceLevel = -60.0;
+constexpr double kTolerance = 0.5;
+
+double median(std::vector<double> levels) {
+  if (levels.empty()) {
+    return MonitorRecording::kSilence;
+  }
+  std::nth_element(levels.begin(), levels.begin() + levels.size() / 2, levels.end());
+  return levels[levels.size() / 2];
+}
+
+// The levels from `from` to `to` windows of the recording.
+std::vector<double> slice(const std::vector<double>& levels, std::size_t from, std::size_t to) {
+  to = std::min(to, levels.size());
+  return from < to ? std::vector<double>(levels.begin() + static_cast<long>(from),
+                                         levels.begin() + static_cast<long>(to))
+                   : std::vector<double>{};
+}
+
+class TapTest : public ::testing::TestWithParam<SoundServer::Kind> {
+ protected:
+  void SetUp() override {
+    previousSink = Logger::installSink(logs);
+    server = std::make_unique<SoundServer>(GetParam());
+  }
+  void TearDown() override {
+    installAudioBackend(nullptr);
+    backend.reset();
+    server.reset();
+    Logger::installSink(previousSink);
+  }
+
+  void connectBackend() {
+    backend = PulseBackend::create({});
+    installAudioBackend(backend);
+  }
+
+  std::vector<AudioObjectID> objectsOf(pid_t pid) {
+    std::vector<AudioObjectID> objects;
+    for (const AudioObjectID object : readProcessList()) {
+      if (read<SInt32>(object, globalAddress(kAudioProcessPropertyPID), 0) == pid) {
+        objects.push_back(object);
+      }
+    }
+    return objects;
+  }
+
+  // The output's median level over the last `span` of a recording long enough for the
+  // recorder to settle.
+  double outputLevel(milliseconds span = milliseconds(1500)) {
+    constexpr milliseconds kRecorderSettling{1500};
+    MonitorRecording recording(server->runtimeDir() / "level.raw", "out1.monitor");
+    std::this_thread::sleep_for(kRecorderSettling + span);
+    const auto levels = recording.stop();
+    lastLevels = describe(levels);
+    const std::size_t windows = static_cast<std::size_t>(span.count() / 250);
+    return median(
+        slice(levels, levels.size() > windows ? levels.size() - windows : 0, levels.size()));
+  }
+
+  static std::string describe(const std::vector<double>& levels) {
+    std::string text;
+    for (double level : levels) {
+      text += std::to_string(level).substr(0, 6) + " ";
+    }
+    return text;
+  }
+
+  std::string ioReport(const ProcessMuteTap& tap) {
+    const auto statistics = backend->ioStatistics(tap.aggregateID());
+    if (!statistics) {
+      return " (no IO path)";
+    }
+    return " cycles=" + std::to_string(statistics->cycles) +
+           " underruns=" + std::to_string(statistics->underruns) +
+           " dropped=" + std::to_string(statistics->droppedFrames) +
+           " latency=" + std::to_string(statistics->playbackLatencyMs) +
+           " rate=" + std::to_string(statistics->rateCorrection);
+  }
+  std::string lastLevels;
+
+  bool nothingOfOursLeft() {
+    const std::string modules = server->pactl({"list", "short", "modules"});
+    const std::string sinks = server->pactl({"list", "short", "sinks"});
+    return modules.find("quellix") == std::string::npos &&
+           sinks.find("quellix") == std::string::npos;
+  }
+
+  std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
+  std::shared_ptr<LogSink> previousSink;
+  std::unique_ptr<SoundServer> server;
+  std::shared_ptr<PulseBackend> backend;
+  ManualQueue queue;
+};
+
+TEST_P(TapTest, SpikeSilencesThePlayerForTenSecondsAndLeavesNothingBehind) {
+  TestPlayerProcess player({});
+  ASSERT_NEAR(outputLevel(), kToneLevel, kTolerance) << lastLevels;
+  MonitorRecording recording(server->runtimeDir() / "spike.raw", "out1.monitor");
+  std::this_thread::sleep_for(milliseconds(1500));
+  testing::ChildProcess spike({QUELLIX_BINARY, "--spike", std::to_string(player.pid())},
+                              {.outputFile = (server->runtimeDir() / "spike.log").string()});
+  EXPECT_EQ(spike.wait(std::chrono::seconds(30)), 0);
+  std::this_thread::sleep_for(milliseconds(2500));
+  const auto levels = recording.stop();  // 250 ms windows
+  // The longest silent stretch: the tap's ten seconds, less connecting and tearing down.
+  std::size_t longest = 0;
+  for (std::size_t run = 0, i = 0; i < levels.size(); ++i) {
+    run = levels[i] < kSilenceLevel ? run + 1 : 0;
+    longest = std::max(longest, run);
+  }
+  EXPECT_GE(longest, 36u) << describe(levels);
+  EXPECT_NEAR(median(slice(levels, levels.size() - 6, levels.size())), kToneLevel, kTolerance)
+      << describe(levels);
+  EXPECT_TRUE(player.isRunning());
+  EXPECT_TRUE(testing::eventually([&] { return nothingOfOursLeft(); }));
+}
+
+TEST_P(TapTest, AGainScalesThePlayerWithoutARebuild) {
+  TestPlayerProcess player({});
+  connectBackend();
+  ASSERT_TRUE(testing::eventually([&] { return !objectsOf(player.pid()).empty(); }));
+  ProcessMuteTap tap("Player", objectsOf(player.pid()), 0.5f);
+  const AudioObjectID tapID = tap.tapID();
+  EXPECT_NEAR(outputLevel(), kToneLevel - 6.02, kTolerance) << lastLevels << ioReport(tap);
+  tap.setGain(1.0f);
+  EXPECT_NEAR(outputLevel(), kToneLevel, kTolerance) << lastLevels;
+  tap.setGain(0.0f);
+  EXPECT_LT(outputLevel(), kSilenceLevel);
+  tap.setGain(0.5f);
+  EXPECT_NEAR(outputLevel(), kToneLevel - 6.02, kTolerance);
+  EXPECT_EQ(tap.tapID(), tapID);
+  tap.invalidate();
+  EXPECT_NEAR(outputLevel(), kToneLevel, kTolerance);
+  EXPECT_TRUE(testing::eventually([&] { return nothingOfOursLeft(); }));
+}
+
+TEST_P(TapTest, ASecondStreamOpenedWhileTappedIsSilentToo) {
+  TestPlayerProcess player({});
+  connectBackend();
+  ASSERT_TRUE(testing::eventually([&] { return !objectsOf(player.pid()).empty(); }));
+  ProcessMuteTap tap("Player", objectsOf(player.pid()), 0.0f);
+  ASSERT_LT(outputLevel(), kSilenceLevel);
+  player.command("second");
+  EXPECT_LT(outputLevel(milliseconds(2000)), kSilenceLevel);
+  tap.invalidate();
+  // Both streams are back (two tones of arbitrary phase: audible, at no set level).
+  EXPECT_GT(outputLevel(), kSilenceLevel);
+}
+
+TEST_P(TapTest, AKilledSpikeIsCleanedUpByTheNextStart) {
+  TestPlayerProcess player({});
+  {
+    testing::ChildProcess spike({QUELLIX_BINARY, "--spike", std::to_string(player.pid())},
+                                {.outputFile = (server->runtimeDir() / "spike.log").string()});
+    std::this_thread::sleep_for(milliseconds(3000));
+    ASSERT_LT(outputLevel(), kSilenceLevel);
+    spike.signal(SIGKILL);
+    spike.wait(std::chrono::seconds(5));
+  }
+  EXPECT_LT(outputLevel(), kSilenceLevel) << "the leftover sink still holds the stream";
+  connectBackend();
+  EXPECT_TRUE(testing::eventually([&] { return nothingOfOursLeft(); }));
+  EXPECT_NEAR(outputLevel(), kToneLevel, kTolerance);
+}
+
+INSTANTIATE_TEST_SUITE_P(Servers, TapTest,
+                         ::testing::Values(SoundServer::Kind::pulseAudio,
+                                           SoundServer::Kind::pipeWire),
+                         [](const auto& param) { return SoundServer::name(param.param); });
+
+}  // namespace
+}  // namespace quellix
