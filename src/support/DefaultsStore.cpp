@@ -97,6 +97,38 @@ DefaultsStore::DefaultsStore(std::filesystem::path path) : path_(std::move(path)
   load();
 }
 
+DefaultsStore::DefaultsStore(std::filesystem::path path, MainQueue& queue)
+    : path_(std::move(path)), queue_(&queue) {
+  load();
+}
+
+DefaultsStore::~DefaultsStore() {
+  pendingWrite_.cancel();
+  flush();
+}
+
+void DefaultsStore::changed() {
+  dirty_ = true;
+  if (queue_ == nullptr) {
+    flush();
+    return;
+  }
+  if (!pendingWrite_.isValid() || pendingWrite_.isCancelled()) {
+    pendingWrite_ = queue_->after(kWriteDelay, [this] {
+      pendingWrite_ = TaskHandle();
+      flush();
+    });
+  }
+}
+
+void DefaultsStore::flush() {
+  if (!dirty_) {
+    return;
+  }
+  dirty_ = false;
+  save();
+}
+
 std::filesystem::path DefaultsStore::standardPath() {
   std::filesystem::path base;
   if (const char* configHome = std::getenv("XDG_CONFIG_HOME"); configHome && *configHome == '/') {
@@ -155,6 +187,7 @@ void DefaultsStore::save() {
     return;
   }
   try {
+    ++diskWrites_;
     writeFileAtomically(path_, values_.dump(2) + "\n");
   } catch (const TextError& error) {
     logger_.error("Saving preferences failed: " + error.description());
@@ -236,12 +269,12 @@ void DefaultsStore::set(std::string_view key, nlohmann::json value) {
     return;
   }
   slot = std::move(value);
-  save();
+  changed();
 }
 
 void DefaultsStore::remove(std::string_view key) {
   if (values_.erase(std::string(key)) > 0) {
-    save();
+    changed();
   }
 }
 

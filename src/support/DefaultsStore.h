@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "support/Logger.h"
+#include "support/MainQueue.h"
 
 namespace quellix {
 
@@ -20,6 +21,18 @@ class DefaultsStore {
   // Loads the file at `path`. A missing file means no preferences; a corrupt or unreadable one
   // is logged, moved aside and treated as empty, so the user's data is never overwritten.
   explicit DefaultsStore(std::filesystem::path path);
+  // With a queue, writes to disk are coalesced: a change is visible at once and reaches the
+  // file within kWriteDelay, so a slider drag is not a disk write per step.
+  DefaultsStore(std::filesystem::path path, MainQueue& queue);
+  ~DefaultsStore();
+  DefaultsStore(const DefaultsStore&) = delete;
+  DefaultsStore& operator=(const DefaultsStore&) = delete;
+
+  static constexpr Duration kWriteDelay = std::chrono::milliseconds(500);
+
+  // Writes pending changes now.
+  void flush();
+  std::size_t diskWrites() const { return diskWrites_; }
 
   // $XDG_CONFIG_HOME/quellix/preferences.json, with ~/.config as the usual fallback.
   static std::filesystem::path standardPath();
@@ -44,8 +57,13 @@ class DefaultsStore {
   void load();
   void moveAside(const std::string& reason);
   void save();
+  void changed();
 
   std::filesystem::path path_;
+  MainQueue* queue_ = nullptr;
+  bool dirty_ = false;
+  TaskHandle pendingWrite_;
+  std::size_t diskWrites_ = 0;
   nlohmann::json values_ = nlohmann::json::object();
   bool writable_ = true;
   Logger logger_{"Defaults"};
