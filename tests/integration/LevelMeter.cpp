@@ -2,9 +2,11 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <fstream>
+#include <thread>
 
 namespace quellix::testing {
 
@@ -52,6 +54,34 @@ std::vector<double> MonitorRecording::stop(std::chrono::milliseconds window) {
     levels.push_back(levelOf(samples.data() + at, perWindow));
   }
   return levels;
+}
+
+double medianOf(std::vector<double> levels) {
+  if (levels.empty()) {
+    return MonitorRecording::kSilence;
+  }
+  std::nth_element(levels.begin(), levels.begin() + static_cast<long>(levels.size() / 2),
+                   levels.end());
+  return levels[levels.size() / 2];
+}
+
+double settledLevel(const std::filesystem::path& scratchDir, const std::string& source,
+                    std::chrono::milliseconds span, std::string* levels) {
+  // parec needs about a second before it delivers what the source plays.
+  constexpr std::chrono::milliseconds kRecorderSettling{1500};
+  constexpr std::chrono::milliseconds kWindow{250};
+  MonitorRecording recording(scratchDir / ("level-" + source + ".raw"), source);
+  std::this_thread::sleep_for(kRecorderSettling + span);
+  const auto all = recording.stop(kWindow);
+  if (levels != nullptr) {
+    levels->clear();
+    for (double level : all) {
+      *levels += std::to_string(level).substr(0, 6) + " ";
+    }
+  }
+  const auto windows = static_cast<std::size_t>(span / kWindow);
+  const auto first = all.size() > windows ? all.end() - static_cast<long>(windows) : all.begin();
+  return medianOf(std::vector<double>(first, all.end()));
 }
 
 }  // namespace quellix::testing

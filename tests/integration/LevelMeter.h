@@ -30,4 +30,12 @@ class MonitorRecording {
 // The RMS level of interleaved samples in dBFS.
 double levelOf(const float* samples, std::size_t count);
 
+// The median level of `source` over the last `span` of a recording long enough for the
+// recorder to settle; `levels`, when given, receives every window's level as text.
+double settledLevel(const std::filesystem::path& scratchDir, const std::string& source,
+                    std::chrono::milliseconds span = std::chrono::milliseconds(1500),
+                    std::string* levels = nullptr);
+
+double medianOf(std::vector<double> levels);
+
 }  // namespace quellix::testing

@@ -28,11 +28,7 @@ constexpr double kSilenceLevel = -60.0;
 constexpr double kTolerance = 0.5;
 
 double median(std::vector<double> levels) {
-  if (levels.empty()) {
-    return MonitorRecording::kSilence;
-  }
-  std::nth_element(levels.begin(), levels.begin() + levels.size() / 2, levels.end());
-  return levels[levels.size() / 2];
+  return testing::medianOf(std::move(levels));
 }
 
 // The levels from `from` to `to` windows of the recording.
@@ -71,17 +67,8 @@ class TapTest : public ::testing::TestWithParam<SoundServer::Kind> {
     return objects;
   }
 
-  // The output's median level over the last `span` of a recording long enough for the
-  // recorder to settle.
   double outputLevel(milliseconds span = milliseconds(1500)) {
-    constexpr milliseconds kRecorderSettling{1500};
-    MonitorRecording recording(server->runtimeDir() / "level.raw", "out1.monitor");
-    std::this_thread::sleep_for(kRecorderSettling + span);
-    const auto levels = recording.stop();
-    lastLevels = describe(levels);
-    const std::size_t windows = static_cast<std::size_t>(span.count() / 250);
-    return median(
-        slice(levels, levels.size() > windows ? levels.size() - windows : 0, levels.size()));
+    return testing::settledLevel(server->runtimeDir(), "out1.monitor", span, &lastLevels);
   }
 
   static std::string describe(const std::vector<double>& levels) {

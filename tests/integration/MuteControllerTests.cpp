@@ -1,0 +1,160 @@
+#include "muting/MuteController.h"
+
+#include <gtest/gtest.h>
+
+#include "LevelMeter.h"
+#include "SoundServer.h"
+#include "TestPlayerProcess.h"
+#include "TestSupport.h"
+#include "platform/hal/pulse/PulseBackend.h"
+#include "support/ManualQueue.h"
+
+namespace quellix {
+namespace {
+
+using testing::SoundServer;
+using testing::TestPlayerProcess;
+
+constexpr double kToneLevel = -9.03;
+constexpr double kSilenceLevel = -60.0;
+constexpr double kTolerance = 0.5;
+
+// The controller as the application wires it: every change of the monitor's list is
+// reconciled.
+class MuteControllerIntegrationTest : public ::testing::TestWithParam<SoundServer::Kind> {
+ protected:
+  void SetUp() override {
+    previousSink = Logger::installSink(logs);
+    server = std::make_unique<SoundServer>(GetParam());
+    backend = PulseBackend::create({});
+    installAudioBackend(backend);
+    startQuellix();
+  }
+
+  void TearDown() override {
+    controller.reset();
+    monitor.reset();
+    defaults.reset();
+    installAudioBackend(nullptr);
+    backend.reset();
+    server.reset();
+    Logger::installSink(previousSink);
+  }
+
+  void startQuellix() {
+    defaults = std::make_unique<DefaultsStore>(preferences.path() / "preferences.json", queue);
+    controller = MuteController::create(queue, *defaults, clock);
+    auto roots = Workspace::systemRoots();
+    roots.dataDirs = {preferences.path()};
+    monitor = AudioProcessMonitor::create(queue, std::make_shared<Workspace>(roots));
+    monitor->setOnChange(
+        [this](const std::vector<AudioApp>& apps) { controller->reconcile(apps); });
+    monitor->start();
+  }
+
+  void stopQuellix() {
+    // As at the end of a run: nothing is torn down, the taps stay until the next start.
+    monitor.reset();
+    controller.reset();
+    defaults.reset();
+  }
+
+  std::optional<AudioApp> appWithKey(const std::string& key) {
+    for (const auto& app : monitor->apps().get()) {
+      if (app.key() == key) {
+        return app;
+      }
+    }
+    return std::nullopt;
+  }
+
+  AudioApp waitForApp(const std::string& key) {
+    EXPECT_TRUE(eventually([&] { return appWithKey(key).has_value(); })) << key;
+    return appWithKey(key).value_or(AudioApp{});
+  }
+
+  bool eventually(const std::function<bool()>& condition) {
+    return testing::eventually(condition, [&] { queue.drain(); });
+  }
+
+  double level(const std::string& sink = "out1") {
+    queue.drain();
+    return testing::settledLevel(server->runtimeDir(), sink + ".monitor",
+                                 std::chrono::milliseconds(1500), &lastLevels);
+  }
+  std::string lastLevels;
+
+  testing::TemporaryDirectory preferences;
+  ManualQueue queue;
+  SystemWallClock clock;
+  std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
+  std::shared_ptr<LogSink> previousSink;
+  std::unique_ptr<SoundServer> server;
+  std::shared_ptr<PulseBackend> backend;
+  std::unique_ptr<DefaultsStore> defaults;
+  std::shared_ptr<MuteController> controller;
+  std::shared_ptr<AudioProcessMonitor> monitor;
+};
+
+TEST_P(MuteControllerIntegrationTest, MuteAttenuateAndUnmuteAsThePanelDoes) {
+  TestPlayerProcess player({.appID = "org.example.Player"});
+  const AudioApp app = waitForApp("org.example.Player");
+  controller->toggle(app);
+  EXPECT_LT(level(), kSilenceLevel);
+  controller->toggle(app);
+  controller->setVolume(0.5f, app);
+  EXPECT_NEAR(level(), kToneLevel - 6.02, kTolerance) << lastLevels;
+  controller->setVolume(1.0f, app);
+  EXPECT_EQ(controller->tapCount(), 0u);
+  EXPECT_NEAR(level(), kToneLevel, kTolerance);
+  EXPECT_TRUE(server->pactl({"list", "short", "sinks"}).find("quellix") == std::string::npos);
+}
+
+TEST_P(MuteControllerIntegrationTest, ARestartedQuellixSilencesTheSavedMuteAtOnce) {
+  TestPlayerProcess player({.appID = "org.example.Player"});
+  controller->toggle(waitForApp("org.example.Player"));
+  ASSERT_LT(level(), kSilenceLevel);
+  stopQuellix();
+  // The next run: the old tap is a leftover of a live process (us); a new one is built.
+  startQuellix();
+  EXPECT_TRUE(eventually([&] { return controller->hasTap("org.example.Player"); }));
+  EXPECT_LT(level(), kSilenceLevel);
+}
+
+TEST_P(MuteControllerIntegrationTest, TappedSoundFollowsANewDefaultSink) {
+  TestPlayerProcess first({.appID = "org.example.First"});
+  TestPlayerProcess second({.appID = "org.example.Second", .frequency = 660});
+  controller->setVolume(0.5f, waitForApp("org.example.First"));
+  controller->setVolume(0.5f, waitForApp("org.example.Second"));
+  ASSERT_EQ(controller->tapCount(), 2u);
+  server->pactl({"set-default-sink", "out2"});
+  EXPECT_TRUE(eventually([&] {
+    const auto lines = logs->messages("MuteController");
+    return std::find(lines.begin(), lines.end(),
+                     "Default-Output gewechselt — baue 2 Tap(s) neu auf") != lines.end();
+  }));
+  // Two tones at half amplitude each, now on the new output.
+  EXPECT_GT(level("out2"), kToneLevel - 6.02 - 1.0);
+  EXPECT_EQ(controller->tapCount(), 2u);
+}
+
+TEST_P(MuteControllerIntegrationTest, AMutedPlayerThatRestartsIsMutedFromItsFirstReconciliation) {
+  {
+    TestPlayerProcess player({.appID = "org.example.Player"});
+    controller->toggle(waitForApp("org.example.Player"));
+    ASSERT_LT(level(), kSilenceLevel);
+    player.kill();
+  }
+  EXPECT_TRUE(eventually([&] { return controller->tapCount() == 0; }));
+  TestPlayerProcess again({.appID = "org.example.Player"});
+  EXPECT_TRUE(eventually([&] { return controller->hasTap("org.example.Player"); }));
+  EXPECT_LT(level(), kSilenceLevel);
+}
+
+INSTANTIATE_TEST_SUITE_P(Servers, MuteControllerIntegrationTest,
+                         ::testing::Values(SoundServer::Kind::pulseAudio,
+                                           SoundServer::Kind::pipeWire),
+                         [](const auto& param) { return SoundServer::name(param.param); });
+
+}  // namespace
+}  // namespace quellix
