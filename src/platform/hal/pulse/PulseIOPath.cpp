@@ -16,7 +16,12 @@ constexpr std::uint8_t kChannels = 2;
 constexpr std::size_t kBytesPerFrame = kChannels * sizeof(float);
 // The monitor is read in small fragments: a null sink renders in large blocks unless a client
 // asks it for low latency.
-constexpr std::chrono::milliseconds kRecordFragment{5};
+constexpr std::chrono::milliseconds kRecordFragment{10};
+// Room in the playback buffer, in target latencies: a tap sink still delivers blocks as large
+// as its other clients ask for. Beyond it input is dropped (the first blocks of a new tap);
+// the rate control holds the latency at kHeldLatency target latencies.
+constexpr std::uint32_t kPlaybackRoom = 4;
+constexpr double kHeldLatency = 1.0;
 constexpr auto kRateCheckInterval = std::chrono::milliseconds(500);
 // The largest correction of the record rate, and how hard the latency error pulls.
 constexpr double kMaxRateCorrection = 0.02;
@@ -196,13 +201,17 @@ void PulseIOPath::onReadable() {
     if (pa_stream_peek(record_, &data, &bytes) < 0 || bytes == 0) {
       return;
     }
-    // A hole in the record stream is silence. What does not fit into the playback buffer
-    // would only add latency (a tap sink delivers large blocks until it runs at low latency):
-    // it is dropped.
-    std::size_t room = pa_stream_writable_size(playback_);
+    // A hole in the record stream is silence. Sound that would queue beyond the room only
+    // adds latency: it is dropped.
+    pa_usec_t latency = 0;
+    int negative = 0;
+    const bool known = pa_stream_get_latency(playback_, &latency, &negative) == 0;
+    const bool overfull =
+        known && negative == 0 &&
+        latency > static_cast<pa_usec_t>(kPlaybackRoom * config_.targetLatency.count() * 1000);
     std::size_t offset = 0;
-    while (offset < bytes && room >= kBytesPerFrame) {
-      std::size_t chunk = std::min({bytes - offset, silence_.size() * sizeof(float), room});
+    while (!overfull && offset < bytes) {
+      std::size_t chunk = std::min(bytes - offset, silence_.size() * sizeof(float));
       chunk -= chunk % kBytesPerFrame;
       void* out = nullptr;
       std::size_t writable = chunk;
@@ -223,7 +232,6 @@ void PulseIOPath::onReadable() {
       config_.block(nullptr, &inList, nullptr, &outList, nullptr);
       pa_stream_write(playback_, out, chunk, nullptr, 0, PA_SEEK_RELATIVE);
       offset += chunk;
-      room -= chunk;
     }
     if (offset < bytes) {
       droppedFrames_.fetch_add((bytes - offset) / kBytesPerFrame, std::memory_order_relaxed);
@@ -243,18 +251,17 @@ void PulseIOPath::rateTimerCallback(pa_mainloop_api* api, pa_time_event* event,
 }
 
 void PulseIOPath::adjustRate() {
-  const std::size_t writable = pa_stream_writable_size(playback_);
-  if (writable == static_cast<std::size_t>(-1)) {
+  pa_usec_t latency = 0;
+  int negative = 0;
+  if (pa_stream_get_latency(playback_, &latency, &negative) < 0) {
     return;
   }
-  const double bytesPerMs = config_.sampleRate * kBytesPerFrame / 1000.0;
-  const std::size_t queued = playbackBufferBytes_ > writable ? playbackBufferBytes_ - writable : 0;
-  const double queuedMs = static_cast<double>(queued) / bytesPerMs;
+  const double queuedMs = negative != 0 ? 0.0 : static_cast<double>(latency) / 1000.0;
   playbackLatencyMs_.store(queuedMs, std::memory_order_relaxed);
   // More queued than wanted: the tap's clock runs ahead of the output's, so ask for fewer
   // samples per second, and the other way round.
   const double target = static_cast<double>(config_.targetLatency.count());
-  const double error = (queuedMs - target) / target;
+  const double error = (queuedMs - kHeldLatency * target) / target;
   rateCorrection_ =
       std::clamp(1.0 - kRateGain * error, 1.0 - kMaxRateCorrection, 1.0 + kMaxRateCorrection);
   const auto rate = static_cast<std::uint32_t>(std::lround(config_.sampleRate * rateCorrection_));

@@ -38,7 +38,7 @@ class PulseIOPath {
     std::uint64_t cycles = 0;
     std::uint64_t underruns = 0;
     std::uint64_t droppedFrames = 0;
-    double playbackLatencyMs = 0;  // sound queued for playback
+    double playbackLatencyMs = 0;  // until what is written now is heard
     double rateCorrection = 1.0;
   };
 
@@ -73,7 +73,6 @@ class PulseIOPath {
   pa_time_event* rateTimer_ = nullptr;
   // Silence for the holes a record stream may report, sized once up front.
   std::vector<float> silence_;
-  std::size_t playbackBufferBytes_ = 0;
   // IO-thread state of the rate control.
   double rateCorrection_ = 1.0;
   std::atomic<std::uint64_t> cycles_{0};
