@@ -15,9 +15,13 @@ constexpr const char* kMuteCountKey = "stats.muteCount";
 constexpr const char* kMutedSecondsKey = "stats.mutedSeconds";
 constexpr const char* kRunScopedKeyPrefix = "pid:";
 
-bool isRunScoped(const std::string& key) { return key.rfind(kRunScopedKeyPrefix, 0) == 0; }
+bool isRunScoped(const std::string& key) {
+  return key.rfind(kRunScopedKeyPrefix, 0) == 0;
+}
 
-float clampedGain(float gain) { return std::clamp(gain, 0.0f, 1.0f); }
+float clampedGain(float gain) {
+  return std::clamp(gain, 0.0f, 1.0f);
+}
 
 double secondsBetween(WallClock::TimePoint from, WallClock::TimePoint to) {
   return std::chrono::duration<double>(to - from).count();
@@ -30,15 +34,14 @@ std::shared_ptr<MuteController> MuteController::create(MainQueue& queue, Default
   std::shared_ptr<MuteController> controller(new MuteController(queue, defaults, clock));
   controller->load();
   ProcessMuteTap::sweepOrphans();
-  auto listener = makeListenerBlock(
-      [weak = std::weak_ptr<MuteController>(controller), &queue](
-          UInt32, const AudioObjectPropertyAddress*) {
-        queue.post([weak] {
-          if (auto self = weak.lock()) {
-            self->rebuildAllTaps();
-          }
-        });
-      });
+  auto listener = makeListenerBlock([weak = std::weak_ptr<MuteController>(controller), &queue](
+                                        UInt32, const AudioObjectPropertyAddress*) {
+    queue.post([weak] {
+      if (auto self = weak.lock()) {
+        self->rebuildAllTaps();
+      }
+    });
+  });
   if (AudioObjectAddPropertyListenerBlock(kAudioObjectSystemObject,
                                           &controller->defaultOutputAddress_, &queue,
                                           listener) == kAudioHardwareNoError) {
