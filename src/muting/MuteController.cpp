@@ -31,7 +31,7 @@ double secondsBetween(WallClock::TimePoint from, WallClock::TimePoint to) {
 
 std::shared_ptr<MuteController> MuteController::create(MainQueue& queue, DefaultsStore& defaults,
                                                        const WallClock& clock) {
-  std::shared_ptr<MuteController> controller(new MuteController(queue, defaults, clock));
+  std::shared_ptr<MuteController> controller(new MuteController(defaults, clock));
   controller->load();
   ProcessMuteTap::sweepOrphans();
   auto listener = makeListenerBlock([weak = std::weak_ptr<MuteController>(controller), &queue](
@@ -50,8 +50,8 @@ std::shared_ptr<MuteController> MuteController::create(MainQueue& queue, Default
   return controller;
 }
 
-MuteController::MuteController(MainQueue& queue, DefaultsStore& defaults, const WallClock& clock)
-    : queue_(queue), defaults_(defaults), clock_(clock) {}
+MuteController::MuteController(DefaultsStore& defaults, const WallClock& clock)
+    : defaults_(defaults), clock_(clock) {}
 
 void MuteController::load() {
   const auto muted = defaults_.stringArray(kMutedBundleIDsKey);

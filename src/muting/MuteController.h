@@ -48,7 +48,7 @@ class MuteController : public std::enable_shared_from_this<MuteController> {
   double statsMutedSeconds() const { return statsMutedSeconds_.get(); }
 
  private:
-  MuteController(MainQueue& queue, DefaultsStore& defaults, const WallClock& clock);
+  MuteController(DefaultsStore& defaults, const WallClock& clock);
   void load();
   void persist();
   void accumulateMuteTime(const std::string& key);
@@ -57,7 +57,6 @@ class MuteController : public std::enable_shared_from_this<MuteController> {
   void rebuildAllTaps();
   void forgetTap(const std::string& key);
 
-  MainQueue& queue_;
   DefaultsStore& defaults_;
   const WallClock& clock_;
   Observable<std::set<std::string>> mutedKeys_;

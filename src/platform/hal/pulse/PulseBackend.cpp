@@ -1054,9 +1054,12 @@ OSStatus PulseBackend::returnStreams(const Tap& tap) {
     if (attempt > 0) {
       repeatedMoves_.fetch_add(moves.size(), std::memory_order_relaxed);
     }
-    for (const auto& [index, target] : moves) {
+    for (const auto& move : moves) {
+      const std::uint32_t stream = move.first;
+      const std::uint32_t destination = move.second;
       runOperation([&](pa_context* context, auto callback, void* userdata) {
-        return pa_context_move_sink_input_by_index(context, index, target, callback, userdata);
+        return pa_context_move_sink_input_by_index(context, stream, destination, callback,
+                                                   userdata);
       });
     }
     waitForSnapshot(
