@@ -2,6 +2,8 @@
 // /proc of 100, 400 and 1000 processes; against one readProcessList() in the same run.
 #include <benchmark/benchmark.h>
 
+#include "MedianReporter.h"
+
 #include <cstdio>
 #include <map>
 
@@ -69,28 +71,14 @@ BENCHMARK(BM_Refresh)
     ->ReportAggregatesOnly(true)
     ->Unit(benchmark::kMicrosecond);
 
-class MedianReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const auto& run : runs) {
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-        nanoseconds[run.run_name.function_name + "/" + run.run_name.args] =
-            run.GetAdjustedRealTime() * (run.time_unit == benchmark::kMicrosecond ? 1000.0 : 1.0);
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  std::map<std::string, double> nanoseconds;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   Logger::installSink(std::make_shared<CapturingLogSink>());
-  MedianReporter reporter;
+  bench::MedianReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  const double list = reporter.nanoseconds["BM_ReadProcessList/"];
+  const double list = reporter.nanoseconds["BM_ReadProcessList"];
   std::printf("\nRefresh with %d audio processes, warm caches:\n", kAudioProcesses);
   for (const char* size : {"100", "400", "1000"}) {
     const double refresh = reporter.nanoseconds[std::string("BM_Refresh/") + size];

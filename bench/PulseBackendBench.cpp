@@ -2,7 +2,9 @@
 // (answered from the backend's model) against one round trip to the sound server, measured in
 // the same run against a private PulseAudio.
 #include <benchmark/benchmark.h>
+
 #include <pulse/pulseaudio.h>
+#include "MedianReporter.h"
 
 #include <cstdio>
 #include <map>
@@ -72,19 +74,6 @@ void BM_ServerRoundTrip(benchmark::State& state) {
 BENCHMARK(BM_ReadFourPropertiesOf200Processes)->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_ServerRoundTrip)->Repetitions(5)->ReportAggregatesOnly(true);
 
-class MedianReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const auto& run : runs) {
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-        nanoseconds[run.run_name.function_name] = run.GetAdjustedRealTime();
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  std::map<std::string, double> nanoseconds;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -102,7 +91,7 @@ int main(int argc, char** argv) {
   if (!listed) {
     return 1;
   }
-  MedianReporter reporter;
+  bench::MedianReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   const double reads = reporter.nanoseconds["BM_ReadFourPropertiesOf200Processes"];
   const double roundTrip = reporter.nanoseconds["BM_ServerRoundTrip"];

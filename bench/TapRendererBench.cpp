@@ -3,6 +3,8 @@
 // allocations per call.
 #include <benchmark/benchmark.h>
 
+#include "MedianReporter.h"
+
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -76,25 +78,11 @@ BENCHMARK(BM_CopyPath)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
 BENCHMARK(BM_MultiplyPath)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
 BENCHMARK(BM_Remap2To4)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
 
-// Keeps each benchmark's time per iteration to compare them after the run.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const auto& run : runs) {
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-        nanoseconds[run.run_name.function_name] = run.GetAdjustedRealTime();
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  std::map<std::string, double> nanoseconds;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
-  RatioReporter reporter;
+  bench::MedianReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   const auto& times = reporter.nanoseconds;
   const auto baseline = times.find("BM_Memcpy");

@@ -2,6 +2,8 @@
 // step and disk writes, against one atomic store of the gain measured in the same run.
 #include <benchmark/benchmark.h>
 
+#include "MedianReporter.h"
+
 #include <atomic>
 #include <bit>
 #include <cstdio>
@@ -66,25 +68,12 @@ void BM_AtomicGainStore(benchmark::State& state) {
 BENCHMARK(BM_AtomicGainStore)->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_VolumeDragStep)->Iterations(kSteps * 20)->Repetitions(5)->ReportAggregatesOnly(true);
 
-class MedianReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const auto& run : runs) {
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-        nanoseconds[run.run_name.function_name] = run.GetAdjustedRealTime();
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  std::map<std::string, double> nanoseconds;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   Logger::installSink(std::make_shared<CapturingLogSink>());
-  MedianReporter reporter;
+  bench::MedianReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   const double step = reporter.nanoseconds["BM_VolumeDragStep"];
   const double store = reporter.nanoseconds["BM_AtomicGainStore"];

@@ -64,6 +64,10 @@ pulse::SinkInfo copySink(const pa_sink_info& info) {
   return sink;
 }
 
+pulse::ClientInfo copyClient(const pa_client_info& info) {
+  return {info.index, copyProperties(info.proplist)};
+}
+
 template <typename Info>
 pulse::StreamInfo copyStream(const Info& info, std::uint32_t device) {
   pulse::StreamInfo stream;
@@ -74,6 +78,14 @@ pulse::StreamInfo copyStream(const Info& info, std::uint32_t device) {
   stream.ownerModule = info.owner_module;
   stream.properties = copyProperties(info.proplist);
   return stream;
+}
+
+pulse::StreamInfo copySinkInput(const pa_sink_input_info& info) {
+  return copyStream(info, info.sink);
+}
+
+pulse::StreamInfo copySourceOutput(const pa_source_output_info& info) {
+  return copyStream(info, info.source);
 }
 
 PulseBackend* backendOf(void* userdata) {
@@ -303,14 +315,23 @@ void PulseBackend::onContextState(pa_context* context) {
 
 void PulseBackend::requestEverything() {
   pendingListReplies_ = kInitialListReplies;
-  pa_operation_unref(
-      pa_context_get_sink_info_list(context_, &PulseBackend::sinkListCallback, this));
-  pa_operation_unref(
-      pa_context_get_sink_input_info_list(context_, &PulseBackend::sinkInputListCallback, this));
+  pa_operation_unref(pa_context_get_sink_info_list(
+      context_, &PulseBackend::listCallback<pa_sink_info, copySink, &pulse::PulseModel::applySink>,
+      this));
+  pa_operation_unref(pa_context_get_sink_input_info_list(
+      context_,
+      &PulseBackend::listCallback<pa_sink_input_info, copySinkInput,
+                                  &pulse::PulseModel::applySinkInput>,
+      this));
   pa_operation_unref(pa_context_get_source_output_info_list(
-      context_, &PulseBackend::sourceOutputListCallback, this));
-  pa_operation_unref(
-      pa_context_get_client_info_list(context_, &PulseBackend::clientListCallback, this));
+      context_,
+      &PulseBackend::listCallback<pa_source_output_info, copySourceOutput,
+                                  &pulse::PulseModel::applySourceOutput>,
+      this));
+  pa_operation_unref(pa_context_get_client_info_list(
+      context_,
+      &PulseBackend::listCallback<pa_client_info, copyClient, &pulse::PulseModel::applyClient>,
+      this));
   pa_operation_unref(pa_context_get_server_info(context_, &PulseBackend::serverInfoCallback, this));
 }
 
@@ -373,8 +394,10 @@ void PulseBackend::onSubscription(pa_context* context, unsigned eventType, std::
       }
       if (announced)
         model_.announce(Kind::sink, index);
-      pa_operation_unref(
-          pa_context_get_sink_info_by_index(context, index, &PulseBackend::sinkCallback, this));
+      pa_operation_unref(pa_context_get_sink_info_by_index(
+          context, index,
+          &PulseBackend::infoCallback<pa_sink_info, copySink, &pulse::PulseModel::applySink>,
+          this));
       return;
     case PA_SUBSCRIPTION_EVENT_SINK_INPUT:
       if (removed) {
@@ -385,8 +408,11 @@ void PulseBackend::onSubscription(pa_context* context, unsigned eventType, std::
       }
       if (announced)
         model_.announce(Kind::sinkInput, index);
-      pa_operation_unref(
-          pa_context_get_sink_input_info(context, index, &PulseBackend::sinkInputCallback, this));
+      pa_operation_unref(pa_context_get_sink_input_info(
+          context, index,
+          &PulseBackend::infoCallback<pa_sink_input_info, copySinkInput,
+                                      &pulse::PulseModel::applySinkInput>,
+          this));
       return;
     case PA_SUBSCRIPTION_EVENT_SOURCE_OUTPUT:
       if (removed) {
@@ -397,7 +423,10 @@ void PulseBackend::onSubscription(pa_context* context, unsigned eventType, std::
       if (announced)
         model_.announce(Kind::sourceOutput, index);
       pa_operation_unref(pa_context_get_source_output_info(
-          context, index, &PulseBackend::sourceOutputCallback, this));
+          context, index,
+          &PulseBackend::infoCallback<pa_source_output_info, copySourceOutput,
+                                      &pulse::PulseModel::applySourceOutput>,
+          this));
       return;
     case PA_SUBSCRIPTION_EVENT_CLIENT:
       if (removed) {
@@ -407,8 +436,10 @@ void PulseBackend::onSubscription(pa_context* context, unsigned eventType, std::
       }
       if (announced)
         model_.announce(Kind::client, index);
-      pa_operation_unref(
-          pa_context_get_client_info(context, index, &PulseBackend::clientCallback, this));
+      pa_operation_unref(pa_context_get_client_info(
+          context, index,
+          &PulseBackend::infoCallback<pa_client_info, copyClient, &pulse::PulseModel::applyClient>,
+          this));
       return;
     case PA_SUBSCRIPTION_EVENT_SERVER:
       pa_operation_unref(
@@ -419,18 +450,19 @@ void PulseBackend::onSubscription(pa_context* context, unsigned eventType, std::
   }
 }
 
-// Info replies: copy the record while the pointer is valid, apply it, publish.
-void PulseBackend::sinkCallback(pa_context* context, const pa_sink_info* info, int eol,
-                                void* userdata) {
+// Info replies: copy the record while the pointer is valid, apply it, publish. A reply to a
+// list request applies its records and publishes once, at the end of the list.
+template <typename Info, auto Copy, auto Apply>
+void PulseBackend::infoCallback(pa_context* context, const Info* info, int eol, void* userdata) {
   PulseBackend* self = backendOf(userdata);
   if (context == self->context_ && eol == 0 && info != nullptr) {
-    self->model_.applySink(copySink(*info));
+    (self->model_.*Apply)(Copy(*info));
     self->publish();
   }
 }
 
-void PulseBackend::sinkListCallback(pa_context* context, const pa_sink_info* info, int eol,
-                                    void* userdata) {
+template <typename Info, auto Copy, auto Apply>
+void PulseBackend::listCallback(pa_context* context, const Info* info, int eol, void* userdata) {
   PulseBackend* self = backendOf(userdata);
   if (context != self->context_) {
     return;
@@ -438,73 +470,7 @@ void PulseBackend::sinkListCallback(pa_context* context, const pa_sink_info* inf
   if (eol != 0) {
     self->listReplyFinished();
   } else if (info != nullptr) {
-    self->model_.applySink(copySink(*info));
-  }
-}
-
-void PulseBackend::sinkInputCallback(pa_context* context, const pa_sink_input_info* info, int eol,
-                                     void* userdata) {
-  PulseBackend* self = backendOf(userdata);
-  if (context == self->context_ && eol == 0 && info != nullptr) {
-    self->model_.applySinkInput(copyStream(*info, info->sink));
-    self->publish();
-  }
-}
-
-void PulseBackend::sinkInputListCallback(pa_context* context, const pa_sink_input_info* info,
-                                         int eol, void* userdata) {
-  PulseBackend* self = backendOf(userdata);
-  if (context != self->context_) {
-    return;
-  }
-  if (eol != 0) {
-    self->listReplyFinished();
-  } else if (info != nullptr) {
-    self->model_.applySinkInput(copyStream(*info, info->sink));
-  }
-}
-
-void PulseBackend::sourceOutputCallback(pa_context* context, const pa_source_output_info* info,
-                                        int eol, void* userdata) {
-  PulseBackend* self = backendOf(userdata);
-  if (context == self->context_ && eol == 0 && info != nullptr) {
-    self->model_.applySourceOutput(copyStream(*info, info->source));
-    self->publish();
-  }
-}
-
-void PulseBackend::sourceOutputListCallback(pa_context* context, const pa_source_output_info* info,
-                                            int eol, void* userdata) {
-  PulseBackend* self = backendOf(userdata);
-  if (context != self->context_) {
-    return;
-  }
-  if (eol != 0) {
-    self->listReplyFinished();
-  } else if (info != nullptr) {
-    self->model_.applySourceOutput(copyStream(*info, info->source));
-  }
-}
-
-void PulseBackend::clientCallback(pa_context* context, const pa_client_info* info, int eol,
-                                  void* userdata) {
-  PulseBackend* self = backendOf(userdata);
-  if (context == self->context_ && eol == 0 && info != nullptr) {
-    self->model_.applyClient({info->index, copyProperties(info->proplist)});
-    self->publish();
-  }
-}
-
-void PulseBackend::clientListCallback(pa_context* context, const pa_client_info* info, int eol,
-                                      void* userdata) {
-  PulseBackend* self = backendOf(userdata);
-  if (context != self->context_) {
-    return;
-  }
-  if (eol != 0) {
-    self->listReplyFinished();
-  } else if (info != nullptr) {
-    self->model_.applyClient({info->index, copyProperties(info->proplist)});
+    (self->model_.*Apply)(Copy(*info));
   }
 }
 
@@ -888,8 +854,11 @@ void PulseBackend::onMoveDone(std::uint32_t sinkInput, bool success) {
                   " refuses to move onto its tap; it stays audible");
   }
   // "Moved" is the server's word; its own report of the stream decides.
-  pa_operation_unref(
-      pa_context_get_sink_input_info(context_, sinkInput, &PulseBackend::sinkInputCallback, this));
+  pa_operation_unref(pa_context_get_sink_input_info(
+      context_, sinkInput,
+      &PulseBackend::infoCallback<pa_sink_input_info, copySinkInput,
+                                  &pulse::PulseModel::applySinkInput>,
+      this));
 }
 
 void PulseBackend::keepStreamsOnTaps() {

@@ -161,21 +161,10 @@ class PulseBackend final : public AudioBackend {
                                    std::uint32_t index, void* userdata);
   static void retryCallback(pa_mainloop_api* api, pa_time_event* event, const struct timeval* tv,
                             void* userdata);
-  static void sinkCallback(pa_context* context, const pa_sink_info* info, int eol, void* userdata);
-  static void sinkListCallback(pa_context* context, const pa_sink_info* info, int eol,
-                               void* userdata);
-  static void sinkInputCallback(pa_context* context, const pa_sink_input_info* info, int eol,
-                                void* userdata);
-  static void sinkInputListCallback(pa_context* context, const pa_sink_input_info* info, int eol,
-                                    void* userdata);
-  static void sourceOutputCallback(pa_context* context, const pa_source_output_info* info, int eol,
-                                   void* userdata);
-  static void sourceOutputListCallback(pa_context* context, const pa_source_output_info* info,
-                                       int eol, void* userdata);
-  static void clientCallback(pa_context* context, const pa_client_info* info, int eol,
-                             void* userdata);
-  static void clientListCallback(pa_context* context, const pa_client_info* info, int eol,
-                                 void* userdata);
+  template <typename Info, auto Copy, auto Apply>
+  static void infoCallback(pa_context* context, const Info* info, int eol, void* userdata);
+  template <typename Info, auto Copy, auto Apply>
+  static void listCallback(pa_context* context, const Info* info, int eol, void* userdata);
   static void serverInfoCallback(pa_context* context, const pa_server_info* info, void* userdata);
   static void operationCallback(pa_context* context, int success, void* userdata);
   static void indexOperationCallback(pa_context* context, std::uint32_t index, void* userdata);
