@@ -7,6 +7,7 @@
 #include "platform/hal/BackendSelection.h"
 #include "platform/linux/JournalLogSink.h"
 #include "platform/qt/QtMainQueue.h"
+#include "platform/qt/TerminationSignals.h"
 #include "support/BuildInfo.h"
 #include "support/Logger.h"
 
@@ -50,6 +51,7 @@ int main(int argc, char** argv) {
 
   QCoreApplication application(argc, argv);
   QCoreApplication::setApplicationName("Quellix");
+  quitOnTerminationSignals();
   QtMainQueue queue;
   // The backend's thread posts to the queue: it must be gone before the queue is.
   struct BackendTeardown {

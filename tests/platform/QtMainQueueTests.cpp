@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
+
 #include <QCoreApplication>
+
 #include <thread>
+#include "platform/qt/TerminationSignals.h"
 
 namespace quellix {
 namespace {
@@ -41,6 +45,14 @@ TEST_F(QtMainQueueTest, RepeatingTasksRunUntilCancelled) {
   });
   queue.runFor(milliseconds(60));
   EXPECT_EQ(runs, 3);
+}
+
+TEST_F(QtMainQueueTest, ATerminationSignalEndsTheEventLoopNormally) {
+  quitOnTerminationSignals();
+  QtMainQueue queue;
+  queue.post([] { ::raise(SIGTERM); });
+  // Without the handler the signal would end this test program here.
+  EXPECT_EQ(QCoreApplication::exec(), 0);
 }
 
 }  // namespace
