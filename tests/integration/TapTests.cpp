@@ -184,3 +184,74 @@ INSTANTIATE_TEST_SUITE_P(Servers, TapTest,
 
 }  // namespace
 }  // namespace quellix
+
+namespace quellix {
+namespace {
+
+// The tap's own contract, on the sound server instead of the simulator.
+class ProcessMuteTapOnServerTest : public TapTest {};
+
+TEST_P(ProcessMuteTapOnServerTest, CreatesListsAndRemovesItsObjects) {
+  TestPlayerProcess player({});
+  connectBackend();
+  ASSERT_TRUE(testing::eventually([&] { return !objectsOf(player.pid()).empty(); }));
+  ProcessMuteTap tap("Player", objectsOf(player.pid()), 0.0f);
+  UInt32 size = 0;
+  const auto tapList = globalAddress(kAudioHardwarePropertyTapList);
+  ASSERT_EQ(AudioObjectGetPropertyDataSize(1, &tapList, 0, nullptr, &size), 0);
+  EXPECT_EQ(size, sizeof(AudioObjectID));
+  const std::string uid =
+      read(tap.aggregateID(), globalAddress(kAudioDevicePropertyDeviceUID), CFString()).str();
+  EXPECT_EQ(uid.rfind(ProcessMuteTap::kAggregateUIDPrefix, 0), 0u);
+  const auto devices = readDeviceList();
+  EXPECT_NE(std::find(devices.begin(), devices.end(), tap.aggregateID()), devices.end());
+  EXPECT_EQ(logs->messages("ProcessMuteTap"),
+            (std::vector<std::string>{
+                "Created tap #" + std::to_string(tap.tapID()) + " + aggregate #" +
+                    std::to_string(tap.aggregateID()) +
+                    " for Player (gain 0.000000, 1 process object(s))",
+                "Tap-Format: 48000.000000 Hz / 2 ch — Output-Gerät: 48000.000000 Hz"}));
+
+  tap.invalidate();
+  logs->clear();
+  tap.invalidate();
+  EXPECT_TRUE(logs->entries().empty());
+  ASSERT_EQ(AudioObjectGetPropertyDataSize(1, &tapList, 0, nullptr, &size), 0);
+  EXPECT_EQ(size, 0u);
+  EXPECT_TRUE(testing::eventually([&] { return nothingOfOursLeft(); }));
+}
+
+TEST_P(ProcessMuteTapOnServerTest, AVanishedProcessFailsWithNothingLeftBehind) {
+  connectBackend();
+  try {
+    ProcessMuteTap tap("Gone", {999999}, 0.0f);
+    ADD_FAILURE() << "a tap over no process was built";
+  } catch (const TextError& error) {
+    EXPECT_EQ(error.description(),
+              "AudioHardwareCreateProcessTap failed for Gone: 560947818 (!obj)");
+  }
+  EXPECT_TRUE(nothingOfOursLeft());
+}
+
+TEST_P(ProcessMuteTapOnServerTest, TheSweepRemovesAggregatesWithOurPrefix) {
+  TestPlayerProcess player({});
+  connectBackend();
+  ASSERT_TRUE(testing::eventually([&] { return !objectsOf(player.pid()).empty(); }));
+  ProcessMuteTap tap("Player", objectsOf(player.pid()), 0.0f);
+  logs->clear();
+  ProcessMuteTap::sweepOrphans();
+  const auto entries = logs->entries();
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].level, LogLevel::error);
+  EXPECT_EQ(entries[0].message.rfind("Orphan-Aggregate com.norvalin.quellix.agg.", 0), 0u);
+  EXPECT_TRUE(entries[0].message.ends_with(" entfernt (Status 0)"));
+  tap.invalidate();
+}
+
+INSTANTIATE_TEST_SUITE_P(Servers, ProcessMuteTapOnServerTest,
+                         ::testing::Values(SoundServer::Kind::pulseAudio,
+                                           SoundServer::Kind::pipeWire),
+                         [](const auto& param) { return SoundServer::name(param.param); });
+
+}  // namespace
+}  // namespace quellix
