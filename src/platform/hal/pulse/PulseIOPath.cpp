@@ -149,10 +149,12 @@ bool PulseIOPath::connect() {
                                         bytesFor(kRecordFragment, config_.sampleRate)};
   const pa_buffer_attr playbackAttributes{
       unset, bytesFor(config_.targetLatency, config_.sampleRate), unset, unset, unset};
-  const auto common = PA_STREAM_ADJUST_LATENCY | PA_STREAM_DONT_MOVE |
-                      PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_INTERPOLATE_TIMING;
+  const auto common = PA_STREAM_ADJUST_LATENCY | PA_STREAM_DONT_MOVE;
+  // Only the playback's latency is watched; timing updates of the record stream would be
+  // wake-ups for nothing.
+  const auto timed = common | PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_INTERPOLATE_TIMING;
   if (pa_stream_connect_playback(playback_, config_.sinkName.c_str(), &playbackAttributes,
-                                 static_cast<pa_stream_flags_t>(common), nullptr, nullptr) < 0 ||
+                                 static_cast<pa_stream_flags_t>(timed), nullptr, nullptr) < 0 ||
       pa_stream_connect_record(record_, config_.sourceName.c_str(), &recordAttributes,
                                static_cast<pa_stream_flags_t>(common | PA_STREAM_VARIABLE_RATE)) <
           0) {
