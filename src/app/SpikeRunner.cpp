@@ -5,8 +5,6 @@
 
 #include <cerrno>
 
-#include <ctime>
-
 #include <algorithm>
 #include <cctype>
 
@@ -20,6 +18,7 @@
 #include "support/Logger.h"
 #include "support/Parsing.h"
 #include "support/TextError.h"
+#include "support/UtcTime.h"
 
 namespace quellix::SpikeRunner {
 namespace {
@@ -99,12 +98,7 @@ int taps(const Context& context) {
 }
 
 std::string currentDateDescription() {
-  const std::time_t now = std::time(nullptr);
-  std::tm utc{};
-  gmtime_r(&now, &utc);
-  char text[40];
-  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S +0000", &utc);
-  return text;
+  return currentUtcTime("%Y-%m-%d %H:%M:%S +0000");
 }
 
 int list(const Context& context) {

@@ -8,11 +8,11 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <fstream>
 #include <sstream>
 
 #include "support/TextError.h"
+#include "support/UtcTime.h"
 
 namespace quellix {
 namespace {
@@ -38,15 +38,6 @@ std::optional<double> numberOf(const nlohmann::json& value) {
     }
   }
   return std::nullopt;
-}
-
-std::string timestampForFileName() {
-  const std::time_t now = std::time(nullptr);
-  std::tm utc{};
-  gmtime_r(&now, &utc);
-  char buffer[32];
-  std::strftime(buffer, sizeof buffer, "%Y%m%dT%H%M%SZ", &utc);
-  return buffer;
 }
 
 }  // namespace
@@ -166,7 +157,8 @@ void DefaultsStore::load() {
 }
 
 void DefaultsStore::moveAside(const std::string& reason) {
-  const std::filesystem::path aside = path_.string() + ".corrupt-" + timestampForFileName();
+  const std::filesystem::path aside =
+      path_.string() + ".corrupt-" + currentUtcTime("%Y%m%dT%H%M%SZ");
   std::error_code error;
   std::filesystem::rename(path_, aside, error);
   if (error) {

@@ -5,7 +5,7 @@
 #include <fstream>
 
 #include "ChildProcess.h"
-#include "SoundServer.h"
+#include "ServerTest.h"
 #include "TestPlayerProcess.h"
 #include "TestSupport.h"
 #include "coreaudio/CoreAudioSupport.h"
@@ -18,13 +18,11 @@ namespace {
 using testing::SoundServer;
 using testing::TestPlayerProcess;
 
-class AudioProcessMonitorIntegrationTest : public ::testing::TestWithParam<SoundServer::Kind> {
+class AudioProcessMonitorIntegrationTest : public testing::ServerTest {
  protected:
   void SetUp() override {
-    previousSink = Logger::installSink(logs);
-    server = std::make_unique<SoundServer>(GetParam());
-    backend = PulseBackend::create({});
-    installAudioBackend(backend);
+    ServerTest::SetUp();
+    connectBackend();
     desktopFile = dataDir.path() / "applications" / "org.quellix.TestApp.desktop";
     std::filesystem::create_directories(desktopFile.parent_path());
     std::ofstream(desktopFile) << "[Desktop Entry]\nType=Application\nName=Test App\n"
@@ -39,10 +37,7 @@ class AudioProcessMonitorIntegrationTest : public ::testing::TestWithParam<Sound
 
   void TearDown() override {
     monitor.reset();
-    installAudioBackend(nullptr);
-    backend.reset();
-    server.reset();
-    Logger::installSink(previousSink);
+    ServerTest::TearDown();
   }
 
   // Started as a launcher starts an application: the launched process carries its desktop
@@ -74,17 +69,8 @@ class AudioProcessMonitorIntegrationTest : public ::testing::TestWithParam<Sound
     return text;
   }
 
-  bool eventually(const std::function<bool()>& condition) {
-    return testing::eventually(condition, [&] { queue.drain(); });
-  }
-
   testing::TemporaryDirectory dataDir;
   std::filesystem::path desktopFile;
-  ManualQueue queue;
-  std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
-  std::shared_ptr<LogSink> previousSink;
-  std::unique_ptr<SoundServer> server;
-  std::shared_ptr<PulseBackend> backend;
   std::shared_ptr<AudioProcessMonitor> monitor;
 };
 
@@ -121,10 +107,7 @@ TEST_P(AudioProcessMonitorIntegrationTest, TheListFollowsPlayersStartingCorkingA
   EXPECT_TRUE(eventually([&] { return monitor->apps().get().empty(); }));
 }
 
-INSTANTIATE_TEST_SUITE_P(Servers, AudioProcessMonitorIntegrationTest,
-                         ::testing::Values(SoundServer::Kind::pulseAudio,
-                                           SoundServer::Kind::pipeWire),
-                         [](const auto& param) { return SoundServer::name(param.param); });
+QUELLIX_ON_EVERY_SERVER(AudioProcessMonitorIntegrationTest);
 
 }  // namespace
 }  // namespace quellix

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "LevelMeter.h"
-#include "SoundServer.h"
+#include "ServerTest.h"
 #include "TestPlayerProcess.h"
 #include "TestSupport.h"
 #include "platform/hal/pulse/PulseBackend.h"
@@ -21,24 +21,17 @@ constexpr double kTolerance = 0.5;
 
 // The controller as the application wires it: every change of the monitor's list is
 // reconciled.
-class MuteControllerIntegrationTest : public ::testing::TestWithParam<SoundServer::Kind> {
+class MuteControllerIntegrationTest : public testing::ServerTest {
  protected:
   void SetUp() override {
-    previousSink = Logger::installSink(logs);
-    server = std::make_unique<SoundServer>(GetParam());
-    backend = PulseBackend::create({});
-    installAudioBackend(backend);
+    ServerTest::SetUp();
+    connectBackend();
     startQuellix();
   }
 
   void TearDown() override {
-    controller.reset();
-    monitor.reset();
-    defaults.reset();
-    installAudioBackend(nullptr);
-    backend.reset();
-    server.reset();
-    Logger::installSink(previousSink);
+    stopQuellix();
+    ServerTest::TearDown();
   }
 
   void startQuellix() {
@@ -73,10 +66,6 @@ class MuteControllerIntegrationTest : public ::testing::TestWithParam<SoundServe
     return appWithKey(key).value_or(AudioApp{});
   }
 
-  bool eventually(const std::function<bool()>& condition) {
-    return testing::eventually(condition, [&] { queue.drain(); });
-  }
-
   double level(const std::string& sink = "out1") {
     queue.drain();
     return testing::settledLevel(server->runtimeDir(), sink + ".monitor",
@@ -85,12 +74,7 @@ class MuteControllerIntegrationTest : public ::testing::TestWithParam<SoundServe
   std::string lastLevels;
 
   testing::TemporaryDirectory preferences;
-  ManualQueue queue;
   SystemWallClock clock;
-  std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
-  std::shared_ptr<LogSink> previousSink;
-  std::unique_ptr<SoundServer> server;
-  std::shared_ptr<PulseBackend> backend;
   std::unique_ptr<DefaultsStore> defaults;
   std::shared_ptr<MuteController> controller;
   std::shared_ptr<AudioProcessMonitor> monitor;
@@ -151,10 +135,7 @@ TEST_P(MuteControllerIntegrationTest, AMutedPlayerThatRestartsIsMutedFromItsFirs
   EXPECT_LT(level(), kSilenceLevel);
 }
 
-INSTANTIATE_TEST_SUITE_P(Servers, MuteControllerIntegrationTest,
-                         ::testing::Values(SoundServer::Kind::pulseAudio,
-                                           SoundServer::Kind::pipeWire),
-                         [](const auto& param) { return SoundServer::name(param.param); });
+QUELLIX_ON_EVERY_SERVER(MuteControllerIntegrationTest);
 
 }  // namespace
 }  // namespace quellix

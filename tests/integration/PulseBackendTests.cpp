@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "SoundServer.h"
+#include "ServerTest.h"
 #include "TestPlayerProcess.h"
 #include "coreaudio/CoreAudioSupport.h"
 #include "support/Logger.h"
@@ -32,25 +32,12 @@ struct ListenerProbe {
   int calls = 0;
 };
 
-class PulseBackendTest : public ::testing::TestWithParam<SoundServer::Kind> {
+class PulseBackendTest : public testing::ServerTest {
  protected:
   void SetUp() override {
-    previousSink = Logger::installSink(logs);
-    server = std::make_unique<SoundServer>(GetParam());
-    backend = PulseBackend::create({});
-    installAudioBackend(backend);
+    ServerTest::SetUp();
+    connectBackend();
     ASSERT_TRUE(backend->isConnected());
-  }
-
-  void TearDown() override {
-    installAudioBackend(nullptr);
-    backend.reset();
-    server.reset();
-    Logger::installSink(previousSink);
-  }
-
-  bool eventually(const std::function<bool()>& condition) {
-    return testing::eventually(condition, [&] { queue.drain(); });
   }
 
   // The process object whose PID is `pid`, if the backend lists one.
@@ -78,12 +65,6 @@ class PulseBackendTest : public ::testing::TestWithParam<SoundServer::Kind> {
   AudioObjectID defaultOutput() {
     return read<UInt32>(1, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), 0);
   }
-
-  ManualQueue queue;
-  std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
-  std::shared_ptr<LogSink> previousSink;
-  std::unique_ptr<SoundServer> server;
-  std::shared_ptr<PulseBackend> backend;
 };
 
 TEST_P(PulseBackendTest, PlayersAppearAndVanishWithTheirPIDs) {
@@ -203,9 +184,8 @@ TEST_P(PulseBackendTest, AServerThatIsNotThereAtStartIsWaitedFor) {
   backend.reset();
   server->stop();
   logs->clear();
-  backend = PulseBackend::create({.startupWait = std::chrono::milliseconds(300),
-                                  .retryInterval = std::chrono::milliseconds(200)});
-  installAudioBackend(backend);
+  connectBackend({.startupWait = std::chrono::milliseconds(300),
+                  .retryInterval = std::chrono::milliseconds(200)});
   EXPECT_THROW(readProcessList(), TextError);
   UInt32 size = 0;
   const auto address = globalAddress(kAudioHardwarePropertyDevices);
@@ -226,10 +206,7 @@ TEST_P(PulseBackendTest, AServerThatIsNotThereAtStartIsWaitedFor) {
   EXPECT_EQ(errors(), 1) << "one line, not one per attempt";
 }
 
-INSTANTIATE_TEST_SUITE_P(Servers, PulseBackendTest,
-                         ::testing::Values(SoundServer::Kind::pulseAudio,
-                                           SoundServer::Kind::pipeWire),
-                         [](const auto& param) { return SoundServer::name(param.param); });
+QUELLIX_ON_EVERY_SERVER(PulseBackendTest);
 
 }  // namespace
 }  // namespace quellix

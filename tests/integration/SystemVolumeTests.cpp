@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "ChildProcess.h"
-#include "SoundServer.h"
+#include "ServerTest.h"
 #include "platform/hal/pulse/PulseBackend.h"
 #include "services/SystemVolumeController.h"
 #include "support/Logger.h"
@@ -20,18 +20,8 @@ int sinkVolumePercent(const SoundServer& server, const std::string& sink) {
   return std::stoi(output.substr(start + 1, percent - start - 1));
 }
 
-class SystemVolumeIntegrationTest : public ::testing::TestWithParam<SoundServer::Kind> {
+class SystemVolumeIntegrationTest : public testing::ServerTest {
  protected:
-  void SetUp() override {
-    previousSink = Logger::installSink(logs);
-    server = std::make_unique<SoundServer>(GetParam());
-  }
-  void TearDown() override {
-    installAudioBackend(nullptr);
-    server.reset();
-    Logger::installSink(previousSink);
-  }
-
   int runQuellix(const std::vector<std::string>& arguments) {
     std::vector<std::string> command = {QUELLIX_BINARY};
     command.insert(command.end(), arguments.begin(), arguments.end());
@@ -39,10 +29,6 @@ class SystemVolumeIntegrationTest : public ::testing::TestWithParam<SoundServer:
                                   {.outputFile = (server->runtimeDir() / "quellix.log").string()});
     return quellix.wait(std::chrono::seconds(30)).value_or(-1);
   }
-
-  std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
-  std::shared_ptr<LogSink> previousSink;
-  std::unique_ptr<SoundServer> server;
 };
 
 TEST_P(SystemVolumeIntegrationTest, VolsetSetsTheDefaultSinkAndRejectsBadNumbers) {
@@ -60,36 +46,27 @@ TEST_P(SystemVolumeIntegrationTest, VolsetSetsTheDefaultSinkAndRejectsBadNumbers
 }
 
 TEST_P(SystemVolumeIntegrationTest, FollowsOutsideChangesAndTheDefaultSink) {
-  ManualQueue queue;
-  auto backend = PulseBackend::create({});
-  installAudioBackend(backend);
+  connectBackend();
   server->pactl({"set-sink-volume", "out2", "40%"});
   server->pactl({"set-sink-mute", "out2", "1"});
   auto controller = SystemVolumeController::create(queue);
-  auto pump = [&] { queue.drain(); };
   ASSERT_TRUE(controller->isAdjustable().get());
 
   server->pactl({"set-sink-volume", "out1", "65%"});
-  EXPECT_TRUE(testing::eventually(
-      [&] { return std::abs(controller->volume().get() - 0.65) < 0.001; }, pump));
+  EXPECT_TRUE(eventually([&] { return std::abs(controller->volume().get() - 0.65) < 0.001; }));
 
   server->pactl({"set-default-sink", "out2"});
-  EXPECT_TRUE(testing::eventually(
-      [&] { return std::abs(controller->volume().get() - 0.40) < 0.001; }, pump));
+  EXPECT_TRUE(eventually([&] { return std::abs(controller->volume().get() - 0.40) < 0.001; }));
   EXPECT_TRUE(controller->isMuted().get());
 
   controller->setVolume(0.25);
-  EXPECT_TRUE(testing::eventually(
-      [&] { return sinkVolumePercent(*server, "out2") == 25 && !controller->isMuted().get(); },
-      pump));
+  EXPECT_TRUE(eventually(
+      [&] { return sinkVolumePercent(*server, "out2") == 25 && !controller->isMuted().get(); }));
   EXPECT_EQ(server->pactl({"get-sink-mute", "out2"}), "Mute: no\n");
   EXPECT_EQ(sinkVolumePercent(*server, "out1"), 65) << "the old default is left alone";
 }
 
-INSTANTIATE_TEST_SUITE_P(Servers, SystemVolumeIntegrationTest,
-                         ::testing::Values(SoundServer::Kind::pulseAudio,
-                                           SoundServer::Kind::pipeWire),
-                         [](const auto& param) { return SoundServer::name(param.param); });
+QUELLIX_ON_EVERY_SERVER(SystemVolumeIntegrationTest);
 
 }  // namespace
 }  // namespace quellix

@@ -6,7 +6,7 @@
 
 #include "ChildProcess.h"
 #include "LevelMeter.h"
-#include "SoundServer.h"
+#include "ServerTest.h"
 #include "TestPlayerProcess.h"
 #include "coreaudio/CoreAudioSupport.h"
 #include "muting/ProcessMuteTap.h"
@@ -39,24 +39,8 @@ std::vector<double> slice(const std::vector<double>& levels, std::size_t from, s
                    : std::vector<double>{};
 }
 
-class TapTest : public ::testing::TestWithParam<SoundServer::Kind> {
+class TapTest : public testing::ServerTest {
  protected:
-  void SetUp() override {
-    previousSink = Logger::installSink(logs);
-    server = std::make_unique<SoundServer>(GetParam());
-  }
-  void TearDown() override {
-    installAudioBackend(nullptr);
-    backend.reset();
-    server.reset();
-    Logger::installSink(previousSink);
-  }
-
-  void connectBackend() {
-    backend = PulseBackend::create({});
-    installAudioBackend(backend);
-  }
-
   std::vector<AudioObjectID> objectsOf(pid_t pid) {
     std::vector<AudioObjectID> objects;
     for (const AudioObjectID object : readProcessList()) {
@@ -98,12 +82,6 @@ class TapTest : public ::testing::TestWithParam<SoundServer::Kind> {
     return modules.find("quellix") == std::string::npos &&
            sinks.find("quellix") == std::string::npos;
   }
-
-  std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
-  std::shared_ptr<LogSink> previousSink;
-  std::unique_ptr<SoundServer> server;
-  std::shared_ptr<PulseBackend> backend;
-  ManualQueue queue;
 };
 
 TEST_P(TapTest, SpikeSilencesThePlayerForTenSecondsAndLeavesNothingBehind) {
@@ -177,10 +155,7 @@ TEST_P(TapTest, AKilledSpikeIsCleanedUpByTheNextStart) {
   EXPECT_NEAR(outputLevel(), kToneLevel, kTolerance);
 }
 
-INSTANTIATE_TEST_SUITE_P(Servers, TapTest,
-                         ::testing::Values(SoundServer::Kind::pulseAudio,
-                                           SoundServer::Kind::pipeWire),
-                         [](const auto& param) { return SoundServer::name(param.param); });
+QUELLIX_ON_EVERY_SERVER(TapTest);
 
 }  // namespace
 }  // namespace quellix
@@ -248,10 +223,7 @@ TEST_P(ProcessMuteTapOnServerTest, TheSweepRemovesAggregatesWithOurPrefix) {
   tap.invalidate();
 }
 
-INSTANTIATE_TEST_SUITE_P(Servers, ProcessMuteTapOnServerTest,
-                         ::testing::Values(SoundServer::Kind::pulseAudio,
-                                           SoundServer::Kind::pipeWire),
-                         [](const auto& param) { return SoundServer::name(param.param); });
+QUELLIX_ON_EVERY_SERVER(ProcessMuteTapOnServerTest);
 
 }  // namespace
 }  // namespace quellix

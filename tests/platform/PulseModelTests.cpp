@@ -23,7 +23,8 @@ SinkInfo sink(std::uint32_t index, const std::string& name,
 TEST(PulseModel, ARemoveBeforeTheInfoReplyDoesNotBringTheObjectBack) {
   PulseModel model;
   model.applyClient(client(1, "100"));
-  model.removeSinkInput(7);            // the server removed it while our query was in flight
+  model.remove(PulseModel::Kind::sinkInput,
+               7);                     // the server removed it while our query was in flight
   model.applySinkInput(stream(7, 1));  // the late reply
   EXPECT_TRUE(model.snapshot(true).processes.empty());
 
@@ -74,8 +75,8 @@ TEST(PulseModel, ObjectIDsStayWhileTheirPIDHasStreamsAndAreNeverReused) {
   EXPECT_EQ(second.processes[0].id, first.processes[0].id);
   EXPECT_EQ(second.devices[0].id, first.devices[0].id);
 
-  model.removeSinkInput(10);
-  model.removeSinkInput(11);
+  model.remove(PulseModel::Kind::sinkInput, 10);
+  model.remove(PulseModel::Kind::sinkInput, 11);
   EXPECT_TRUE(model.snapshot(true).processes.empty());
   model.announce(PulseModel::Kind::sinkInput, 12);
   model.applySinkInput(stream(12, 1));

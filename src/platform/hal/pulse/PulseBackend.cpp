@@ -382,71 +382,75 @@ void PulseBackend::onSubscription(pa_context* context, unsigned eventType, std::
   }
   const unsigned facility = eventType & PA_SUBSCRIPTION_EVENT_FACILITY_MASK;
   const unsigned type = eventType & PA_SUBSCRIPTION_EVENT_TYPE_MASK;
-  const bool removed = type == PA_SUBSCRIPTION_EVENT_REMOVE;
-  const bool announced = type == PA_SUBSCRIPTION_EVENT_NEW;
   using Kind = pulse::PulseModel::Kind;
+  std::optional<Kind> kind;
   switch (facility) {
     case PA_SUBSCRIPTION_EVENT_SINK:
-      if (removed) {
-        model_.removeSink(index);
-        publish();
-        return;
-      }
-      if (announced)
-        model_.announce(Kind::sink, index);
-      pa_operation_unref(pa_context_get_sink_info_by_index(
-          context, index,
-          &PulseBackend::infoCallback<pa_sink_info, copySink, &pulse::PulseModel::applySink>,
-          this));
-      return;
+      kind = Kind::sink;
+      break;
     case PA_SUBSCRIPTION_EVENT_SINK_INPUT:
-      if (removed) {
-        model_.removeSinkInput(index);
-        moves_.erase(index);
-        publish();
-        return;
-      }
-      if (announced)
-        model_.announce(Kind::sinkInput, index);
-      pa_operation_unref(pa_context_get_sink_input_info(
-          context, index,
-          &PulseBackend::infoCallback<pa_sink_input_info, copySinkInput,
-                                      &pulse::PulseModel::applySinkInput>,
-          this));
-      return;
+      kind = Kind::sinkInput;
+      break;
     case PA_SUBSCRIPTION_EVENT_SOURCE_OUTPUT:
-      if (removed) {
-        model_.removeSourceOutput(index);
-        publish();
-        return;
-      }
-      if (announced)
-        model_.announce(Kind::sourceOutput, index);
-      pa_operation_unref(pa_context_get_source_output_info(
-          context, index,
-          &PulseBackend::infoCallback<pa_source_output_info, copySourceOutput,
-                                      &pulse::PulseModel::applySourceOutput>,
-          this));
-      return;
+      kind = Kind::sourceOutput;
+      break;
     case PA_SUBSCRIPTION_EVENT_CLIENT:
-      if (removed) {
-        model_.removeClient(index);
-        publish();
-        return;
-      }
-      if (announced)
-        model_.announce(Kind::client, index);
-      pa_operation_unref(pa_context_get_client_info(
-          context, index,
-          &PulseBackend::infoCallback<pa_client_info, copyClient, &pulse::PulseModel::applyClient>,
-          this));
-      return;
+      kind = Kind::client;
+      break;
     case PA_SUBSCRIPTION_EVENT_SERVER:
       pa_operation_unref(
           pa_context_get_server_info(context, &PulseBackend::serverInfoCallback, this));
       return;
     default:
       return;
+  }
+  if (type == PA_SUBSCRIPTION_EVENT_REMOVE) {
+    model_.remove(*kind, index);
+    if (*kind == Kind::sinkInput) {
+      moves_.erase(index);
+    }
+    publish();
+    return;
+  }
+  if (type == PA_SUBSCRIPTION_EVENT_NEW) {
+    model_.announce(*kind, index);
+  }
+  requestInfo(context, *kind, index);
+}
+
+void PulseBackend::requestInfo(pa_context* context, pulse::PulseModel::Kind kind,
+                               std::uint32_t index) {
+  using Kind = pulse::PulseModel::Kind;
+  pa_operation* operation = nullptr;
+  switch (kind) {
+    case Kind::sink:
+      operation = pa_context_get_sink_info_by_index(
+          context, index,
+          &PulseBackend::infoCallback<pa_sink_info, copySink, &pulse::PulseModel::applySink>, this);
+      break;
+    case Kind::sinkInput:
+      operation = pa_context_get_sink_input_info(
+          context, index,
+          &PulseBackend::infoCallback<pa_sink_input_info, copySinkInput,
+                                      &pulse::PulseModel::applySinkInput>,
+          this);
+      break;
+    case Kind::sourceOutput:
+      operation = pa_context_get_source_output_info(
+          context, index,
+          &PulseBackend::infoCallback<pa_source_output_info, copySourceOutput,
+                                      &pulse::PulseModel::applySourceOutput>,
+          this);
+      break;
+    case Kind::client:
+      operation = pa_context_get_client_info(
+          context, index,
+          &PulseBackend::infoCallback<pa_client_info, copyClient, &pulse::PulseModel::applyClient>,
+          this);
+      break;
+  }
+  if (operation != nullptr) {
+    pa_operation_unref(operation);
   }
 }
 
@@ -854,11 +858,7 @@ void PulseBackend::onMoveDone(std::uint32_t sinkInput, bool success) {
                   " refuses to move onto its tap; it stays audible");
   }
   // "Moved" is the server's word; its own report of the stream decides.
-  pa_operation_unref(pa_context_get_sink_input_info(
-      context_, sinkInput,
-      &PulseBackend::infoCallback<pa_sink_input_info, copySinkInput,
-                                  &pulse::PulseModel::applySinkInput>,
-      this));
+  requestInfo(context_, pulse::PulseModel::Kind::sinkInput, sinkInput);
 }
 
 void PulseBackend::keepStreamsOnTaps() {

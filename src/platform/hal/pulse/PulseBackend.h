@@ -133,6 +133,8 @@ class PulseBackend final : public AudioBackend {
   void onContextState(pa_context* context);
   void onSubscription(pa_context* context, unsigned eventType, std::uint32_t index);
   void requestEverything();
+  // Asks for one object's record; the reply updates the model.
+  void requestInfo(pa_context* context, pulse::PulseModel::Kind kind, std::uint32_t index);
   void listReplyFinished();
   void publish();
   void failPendingOperations();

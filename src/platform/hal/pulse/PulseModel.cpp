@@ -150,64 +150,49 @@ std::string streamBundleID(const StreamInfo& stream, const ClientInfo* client) {
 }
 
 void PulseModel::announce(Kind kind, std::uint32_t index) {
+  removed(kind).erase(index);
+}
+
+void PulseModel::remove(Kind kind, std::uint32_t index) {
   switch (kind) {
     case Kind::sink:
-      removedSinks_.erase(index);
+      sinks_.erase(index);
       break;
     case Kind::sinkInput:
-      removedSinkInputs_.erase(index);
+      sinkInputs_.erase(index);
       break;
     case Kind::sourceOutput:
-      removedSourceOutputs_.erase(index);
+      sourceOutputs_.erase(index);
       break;
     case Kind::client:
-      removedClients_.erase(index);
+      clients_.erase(index);
       break;
+  }
+  removed(kind).insert(index);
+}
+
+template <typename Info>
+void PulseModel::apply(std::map<std::uint32_t, Info>& table, Kind kind, Info info) {
+  if (removed(kind).count(info.index) == 0) {
+    const std::uint32_t index = info.index;
+    table[index] = std::move(info);
   }
 }
 
 void PulseModel::applySink(SinkInfo sink) {
-  if (removedSinks_.count(sink.index) == 0) {
-    sinks_[sink.index] = std::move(sink);
-  }
-}
-
-void PulseModel::removeSink(std::uint32_t index) {
-  sinks_.erase(index);
-  removedSinks_.insert(index);
+  apply(sinks_, Kind::sink, std::move(sink));
 }
 
 void PulseModel::applySinkInput(StreamInfo stream) {
-  if (removedSinkInputs_.count(stream.index) == 0) {
-    sinkInputs_[stream.index] = std::move(stream);
-  }
-}
-
-void PulseModel::removeSinkInput(std::uint32_t index) {
-  sinkInputs_.erase(index);
-  removedSinkInputs_.insert(index);
+  apply(sinkInputs_, Kind::sinkInput, std::move(stream));
 }
 
 void PulseModel::applySourceOutput(StreamInfo stream) {
-  if (removedSourceOutputs_.count(stream.index) == 0) {
-    sourceOutputs_[stream.index] = std::move(stream);
-  }
-}
-
-void PulseModel::removeSourceOutput(std::uint32_t index) {
-  sourceOutputs_.erase(index);
-  removedSourceOutputs_.insert(index);
+  apply(sourceOutputs_, Kind::sourceOutput, std::move(stream));
 }
 
 void PulseModel::applyClient(ClientInfo client) {
-  if (removedClients_.count(client.index) == 0) {
-    clients_[client.index] = std::move(client);
-  }
-}
-
-void PulseModel::removeClient(std::uint32_t index) {
-  clients_.erase(index);
-  removedClients_.insert(index);
+  apply(clients_, Kind::client, std::move(client));
 }
 
 void PulseModel::setDefaultSinkName(std::string name) {
@@ -234,10 +219,9 @@ void PulseModel::reset() {
   sinkInputs_.clear();
   sourceOutputs_.clear();
   clients_.clear();
-  removedSinks_.clear();
-  removedSinkInputs_.clear();
-  removedSourceOutputs_.clear();
-  removedClients_.clear();
+  for (auto& indices : removed_) {
+    indices.clear();
+  }
   defaultSinkName_.clear();
   ownClient_ = kInvalidIndex;
   processIDs_.clear();

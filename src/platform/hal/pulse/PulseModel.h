@@ -128,15 +128,13 @@ class PulseModel {
 
   // The server announced a new object: an index it removed earlier may be in use again.
   void announce(Kind kind, std::uint32_t index);
+  // The server removed an object.
+  void remove(Kind kind, std::uint32_t index);
 
   void applySink(SinkInfo sink);
-  void removeSink(std::uint32_t index);
   void applySinkInput(StreamInfo stream);
-  void removeSinkInput(std::uint32_t index);
   void applySourceOutput(StreamInfo stream);
-  void removeSourceOutput(std::uint32_t index);
   void applyClient(ClientInfo client);
-  void removeClient(std::uint32_t index);
   void setDefaultSinkName(std::string name);
   // Our own connection's client: what the server verified of it tells a proxy apart.
   void setOwnClient(std::uint32_t index, SInt32 ownPID);
@@ -155,16 +153,17 @@ class PulseModel {
   const std::string& defaultSinkName() const { return defaultSinkName_; }
 
  private:
+  // Applies a record unless the server removed its index meanwhile: an info reply still in
+  // flight must not bring an object back.
+  template <typename Info>
+  void apply(std::map<std::uint32_t, Info>& table, Kind kind, Info info);
+  std::set<std::uint32_t>& removed(Kind kind) { return removed_[static_cast<int>(kind)]; }
+
   std::map<std::uint32_t, SinkInfo> sinks_;
   std::map<std::uint32_t, StreamInfo> sinkInputs_;
   std::map<std::uint32_t, StreamInfo> sourceOutputs_;
   std::map<std::uint32_t, ClientInfo> clients_;
-  // Indices the server removed: an info reply still in flight must not bring them back. The
-  // server does not reuse indices within one connection.
-  std::set<std::uint32_t> removedSinks_;
-  std::set<std::uint32_t> removedSinkInputs_;
-  std::set<std::uint32_t> removedSourceOutputs_;
-  std::set<std::uint32_t> removedClients_;
+  std::set<std::uint32_t> removed_[4];
   std::string defaultSinkName_;
   std::uint32_t ownClient_ = kInvalidIndex;
   SInt32 ownPID_ = 0;
