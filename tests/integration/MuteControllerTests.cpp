@@ -111,7 +111,7 @@ TEST_P(MuteControllerIntegrationTest, TappedSoundFollowsANewDefaultSink) {
   controller->setVolume(0.5f, waitForApp("org.example.First"));
   controller->setVolume(0.5f, waitForApp("org.example.Second"));
   ASSERT_EQ(controller->tapCount(), 2u);
-  server->pactl({"set-default-sink", "out2"});
+  ASSERT_TRUE(server->setDefaultSink("out2"));
   EXPECT_TRUE(eventually([&] {
     const auto lines = logs->messages("MuteController");
     return std::find(lines.begin(), lines.end(),

@@ -141,7 +141,7 @@ TEST_P(PulseBackendTest, VolumeAndMuteRoundTripAndOutsideChangesReachListeners) 
 TEST_P(PulseBackendTest, SwitchingTheDefaultSinkFiresTheDefaultOutputListener) {
   ListenerProbe probe(1, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), queue);
   EXPECT_EQ(defaultOutput(), deviceNamed("out1"));
-  server->pactl({"set-default-sink", "out2"});
+  ASSERT_TRUE(server->setDefaultSink("out2"));
   ASSERT_TRUE(eventually([&] { return defaultOutput() == deviceNamed("out2"); }));
   EXPECT_TRUE(eventually([&] { return probe.calls >= 1; }));
 }

@@ -161,21 +161,24 @@ void SoundServer::createSinks() {
     pactl({"load-module", "module-null-sink", std::string("sink_name=") + sink, "rate=48000"});
   }
   // The sinks may take a moment to appear after their modules loaded.
-  const bool isDefault = eventually(
+  if (!setDefaultSink("out1")) {
+    std::ifstream log(runtimeDir_ / "server.log");
+    throw std::runtime_error("the default sink did not become out1; the server said:\n" +
+                             std::string(std::istreambuf_iterator<char>(log), {}));
+  }
+}
+
+bool SoundServer::setDefaultSink(const std::string& name) const {
+  return eventually(
       [&] {
         try {
-          pactl({"set-default-sink", "out1"});
-          return pactl({"get-default-sink"}) == "out1\n";
+          pactl({"set-default-sink", name});
+          return pactl({"get-default-sink"}) == name + "\n";
         } catch (const std::exception&) {
           return false;
         }
       },
       {}, kStartTimeout);
-  if (!isDefault) {
-    std::ifstream log(runtimeDir_ / "server.log");
-    throw std::runtime_error("the default sink did not become out1; the server said:\n" +
-                             std::string(std::istreambuf_iterator<char>(log), {}));
-  }
 }
 
 bool SoundServer::answers() const {

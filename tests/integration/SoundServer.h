@@ -27,6 +27,9 @@ class SoundServer {
   void start();
 
   std::string pactl(const std::vector<std::string>& arguments) const;
+  // Until the server reports it: PipeWire's session manager may still be applying an earlier
+  // choice and silently keep it. False when it never does.
+  bool setDefaultSink(const std::string& name) const;
   std::filesystem::path socketPath() const { return runtimeDir_ / "pulse" / "native"; }
   const std::filesystem::path& runtimeDir() const { return runtimeDir_; }
   Kind kind() const { return kind_; }

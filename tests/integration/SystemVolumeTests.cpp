@@ -55,7 +55,7 @@ TEST_P(SystemVolumeIntegrationTest, FollowsOutsideChangesAndTheDefaultSink) {
   server->pactl({"set-sink-volume", "out1", "65%"});
   EXPECT_TRUE(eventually([&] { return std::abs(controller->volume().get() - 0.65) < 0.001; }));
 
-  server->pactl({"set-default-sink", "out2"});
+  ASSERT_TRUE(server->setDefaultSink("out2"));
   EXPECT_TRUE(eventually([&] { return std::abs(controller->volume().get() - 0.40) < 0.001; }));
   EXPECT_TRUE(controller->isMuted().get());
 
