@@ -134,6 +134,14 @@ int main(int argc, char** argv) {
   const double firstLatency = mean(latencies.begin(), latencies.begin() + quarter);
   const double lastLatency = mean(latencies.end() - quarter, latencies.end());
 
+  // Muted, the tap's usual state.
+  constexpr int kMutedSeconds = 10;
+  tap.setGain(0.0f);
+  const double mutedCPUBefore = threadCPUSeconds("quellix-io");
+  std::this_thread::sleep_for(std::chrono::seconds(kMutedSeconds));
+  const double mutedCPUPercent =
+      100.0 * (threadCPUSeconds("quellix-io") - mutedCPUBefore) / kMutedSeconds;
+
   const double tapPathMs = streamLatencyMs(server, "source-outputs", "Quellix tap") +
                            streamLatencyMs(server, "sink-inputs", "Quellix playback");
   server.pactl(
@@ -144,13 +152,15 @@ int main(int argc, char** argv) {
 
   std::printf("server: %s, %d s at gain 0.5\n", pipeWire ? "PipeWire" : "PulseAudio", seconds);
   std::printf("  silent after construction started: %.1f ms\n", silentAfterMs);
-  std::printf("  IO thread CPU: %.2f %% of one core\n", cpuPercent);
+  std::printf("  IO thread CPU: %.2f %% of one core (muted: %.2f %%)\n", cpuPercent,
+              mutedCPUPercent);
   std::printf("  underruns: %llu, dropped frames: %llu, IO cycles: %llu\n",
               static_cast<unsigned long long>(statistics.underruns),
               static_cast<unsigned long long>(statistics.droppedFrames),
               static_cast<unsigned long long>(statistics.cycles));
-  std::printf("  queued playback: first quarter %.1f ms, last quarter %.1f ms, rate x%.4f\n",
-              firstLatency, lastLatency, statistics.rateCorrection);
+  std::printf(
+      "  queued playback: first quarter %.1f ms, last quarter %.1f ms, held %.0f ms, rate x%.4f\n",
+      firstLatency, lastLatency, statistics.heldLatencyMs, statistics.rateCorrection);
   std::printf(
       "  stream latency, tap path %.1f ms against loopback at 20 ms: %.1f ms (ratio %.2f)\n",
       tapPathMs, loopbackMs, loopbackMs > 0 ? tapPathMs / loopbackMs : 0.0);

@@ -1,6 +1,7 @@
 #include "platform/hal/pulse/PulseIOPath.h"
 
 #include <pulse/pulseaudio.h>
+#include <samplerate.h>
 
 #include <algorithm>
 #include <cmath>
@@ -17,34 +18,34 @@ constexpr std::size_t kBytesPerFrame = kChannels * sizeof(float);
 // The monitor is read in small fragments: a null sink renders in large blocks unless a client
 // asks it for low latency.
 constexpr std::chrono::milliseconds kRecordFragment{10};
-// Room in the playback buffer, in target latencies: a tap sink still delivers blocks as large
-// as its other clients ask for. Beyond it input is dropped (the first blocks of a new tap);
-// the rate control holds the latency at kHeldLatency target latencies.
-constexpr std::uint32_t kPlaybackRoom = 4;
-constexpr double kHeldLatency = 1.0;
-constexpr auto kRateCheckInterval = std::chrono::milliseconds(500);
-// The largest correction of the record rate, and how hard the latency error pulls.
-constexpr double kMaxRateCorrection = 0.02;
-constexpr double kRateGain = 0.05;
-constexpr std::size_t kSilenceFrames = 48000;
+// Room in the playback buffer, in held latencies: a tap sink still delivers blocks as large
+// as its other clients ask for. Sound beyond it is dropped (the first blocks of a new tap);
+// within it the steering pulls the latency back to the held one.
+constexpr double kPlaybackRoom = 3.0;
+// The IO thread wakes at this pace once both streams run: the monitor arrives in whatever
+// fragments the tapped player asks for, and handling each as it comes costs a context switch.
+constexpr std::chrono::microseconds kIOTick{5000};
+constexpr int kTicksPerRateCheck = 20;
+// The latency reading moves by a whole fragment between two arrivals: the steering follows
+// its average over about a second.
+constexpr double kLatencySmoothing = 0.1;
+// The largest deviation of the ratio (a correction of 5 ms per second, below what an ear
+// notices as pitch) and how hard the latency error, in held latencies, pulls.
+constexpr double kMaxRateCorrection = 0.005;
+constexpr double kRateGain = 0.01;
+// An underrun means the server's own cycle is longer than the held latency allows for: hold
+// more, up to a limit.
+constexpr std::chrono::milliseconds kUnderrunStep{5};
+constexpr double kMaxHeldLatency = 3.0;  // in target latencies
+constexpr std::size_t kChunkFrames = 2048;
+// Each chunk resampled may grow by the largest correction plus what the converter holds back.
+constexpr std::size_t kResampledFrames =
+    static_cast<std::size_t>(kChunkFrames * (1 + kMaxRateCorrection)) + 64;
 
 std::uint32_t bytesFor(std::chrono::milliseconds duration, std::uint32_t rate) {
   return static_cast<std::uint32_t>(rate * duration.count() / 1000) *
          static_cast<std::uint32_t>(kBytesPerFrame);
 }
-
-class Lock {
- public:
-  explicit Lock(pa_threaded_mainloop* mainloop) : mainloop_(mainloop) {
-    pa_threaded_mainloop_lock(mainloop_);
-  }
-  ~Lock() { pa_threaded_mainloop_unlock(mainloop_); }
-  Lock(const Lock&) = delete;
-  Lock& operator=(const Lock&) = delete;
-
- private:
-  pa_threaded_mainloop* mainloop_;
-};
 
 PulseIOPath* pathOf(void* userdata) {
   return static_cast<PulseIOPath*>(userdata);
@@ -63,16 +64,16 @@ std::unique_ptr<PulseIOPath> PulseIOPath::start(Config config, OSStatus& status)
 }
 
 PulseIOPath::PulseIOPath(Config config)
-    : config_(std::move(config)), silence_(kSilenceFrames * kChannels, 0.0f) {}
+    : config_(std::move(config)),
+      silence_(kResampledFrames * kChannels, 0.0f),
+      processed_(kChunkFrames * kChannels, 0.0f),
+      resampled_(kResampledFrames * kChannels, 0.0f),
+      heldLatencyMs_(static_cast<double>(config_.targetLatency.count())),
+      reportedHeldLatencyMs_(heldLatencyMs_) {}
 
 PulseIOPath::~PulseIOPath() {
-  if (mainloop_ == nullptr) {
-    return;
-  }
-  pa_threaded_mainloop_stop(mainloop_);
-  if (rateTimer_ != nullptr) {
-    pa_threaded_mainloop_get_api(mainloop_)->time_free(rateTimer_);
-  }
+  // The loop's thread ends first; the streams and the context are then this thread's alone.
+  loop_.stop();
   for (pa_stream* stream : {record_, playback_}) {
     if (stream != nullptr) {
       pa_stream_set_state_callback(stream, nullptr, nullptr);
@@ -87,42 +88,83 @@ PulseIOPath::~PulseIOPath() {
     pa_context_disconnect(context_);
     pa_context_unref(context_);
   }
-  pa_threaded_mainloop_free(mainloop_);
+  if (resampler_ != nullptr) {
+    src_delete(resampler_);
+  }
 }
 
 bool PulseIOPath::connect() {
-  mainloop_ = pa_threaded_mainloop_new();
-  pa_threaded_mainloop_set_name(mainloop_, "quellix-io");
-  Lock lock(mainloop_);
-  if (pa_threaded_mainloop_start(mainloop_) < 0) {
+  int error = 0;
+  resampler_ = src_new(SRC_SINC_FASTEST, kChannels, &error);
+  if (resampler_ == nullptr) {
     return false;
   }
+  loop_.start(
+      "quellix-io", [this] { beginConnecting(); }, [this] { onTick(); });
+  std::unique_lock lock(startupMutex_);
+  startupChanged_.wait_for(lock, config_.timeout,
+                           [this] { return startup_ != Startup::connecting; });
+  return startup_ == Startup::running;
+}
+
+void PulseIOPath::finishStartup(Startup outcome) {
+  {
+    std::lock_guard lock(startupMutex_);
+    if (startup_ != Startup::connecting) {
+      return;
+    }
+    startup_ = outcome;
+  }
+  startupChanged_.notify_all();
+}
+
+void PulseIOPath::beginConnecting() {
   pa_proplist* properties = pa_proplist_new();
   pa_proplist_sets(properties, PA_PROP_APPLICATION_NAME, "Quellix");
   pa_proplist_sets(properties, PA_PROP_APPLICATION_ID, build::kBundleIdentifier);
-  context_ = pa_context_new_with_proplist(pa_threaded_mainloop_get_api(mainloop_), "Quellix IO",
-                                          properties);
+  context_ = pa_context_new_with_proplist(loop_.api(), "Quellix IO", properties);
   pa_proplist_free(properties);
+  if (context_ == nullptr) {
+    finishStartup(Startup::failed);
+    return;
+  }
   pa_context_set_state_callback(context_, &PulseIOPath::contextStateCallback, this);
   const char* server = config_.server.empty() ? nullptr : config_.server.c_str();
   if (pa_context_connect(context_, server, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
-    return false;
+    finishStartup(Startup::failed);
   }
-  const auto deadline = std::chrono::steady_clock::now() + config_.timeout;
-  auto waitFor = [&](auto ready, auto good) {
-    while (!ready()) {
-      if (!good() || std::chrono::steady_clock::now() > deadline) {
-        return false;
-      }
-      pa_threaded_mainloop_wait(mainloop_);
-    }
-    return true;
-  };
-  if (!waitFor([&] { return pa_context_get_state(context_) == PA_CONTEXT_READY; },
-               [&] { return PA_CONTEXT_IS_GOOD(pa_context_get_state(context_)); })) {
-    return false;
-  }
+}
 
+void PulseIOPath::onStateChange() {
+  const pa_context_state_t state = pa_context_get_state(context_);
+  if (!PA_CONTEXT_IS_GOOD(state)) {
+    finishStartup(Startup::failed);
+    return;
+  }
+  if (state != PA_CONTEXT_READY) {
+    return;
+  }
+  if (record_ == nullptr) {
+    if (!connectStreams()) {
+      finishStartup(Startup::failed);
+    }
+    return;
+  }
+  const pa_stream_state_t recordState = pa_stream_get_state(record_);
+  const pa_stream_state_t playbackState = pa_stream_get_state(playback_);
+  // A stream reports its state while the other is still unconnected.
+  auto failed = [](pa_stream_state_t streamState) {
+    return streamState == PA_STREAM_FAILED || streamState == PA_STREAM_TERMINATED;
+  };
+  if (failed(recordState) || failed(playbackState)) {
+    finishStartup(Startup::failed);
+  } else if (recordState == PA_STREAM_READY && playbackState == PA_STREAM_READY) {
+    loop_.setPaced(kIOTick);
+    finishStartup(Startup::running);
+  }
+}
+
+bool PulseIOPath::connectStreams() {
   const pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, config_.sampleRate, kChannels};
   auto makeStream = [&](const char* name) {
     pa_proplist* streamProperties = pa_proplist_new();
@@ -153,103 +195,115 @@ bool PulseIOPath::connect() {
   // Only the playback's latency is watched; timing updates of the record stream would be
   // wake-ups for nothing.
   const auto timed = common | PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_INTERPOLATE_TIMING;
-  if (pa_stream_connect_playback(playback_, config_.sinkName.c_str(), &playbackAttributes,
-                                 static_cast<pa_stream_flags_t>(timed), nullptr, nullptr) < 0 ||
-      pa_stream_connect_record(record_, config_.sourceName.c_str(), &recordAttributes,
-                               static_cast<pa_stream_flags_t>(common | PA_STREAM_VARIABLE_RATE)) <
-          0) {
-    return false;
-  }
-  const bool ready = waitFor(
-      [&] {
-        return pa_stream_get_state(record_) == PA_STREAM_READY &&
-               pa_stream_get_state(playback_) == PA_STREAM_READY;
-      },
-      [&] {
-        return PA_STREAM_IS_GOOD(pa_stream_get_state(record_)) &&
-               PA_STREAM_IS_GOOD(pa_stream_get_state(playback_));
-      });
-  if (!ready) {
-    return false;
-  }
-  timeval when{};
-  pa_gettimeofday(&when);
-  pa_timeval_add(&when, static_cast<pa_usec_t>(kRateCheckInterval.count()) * PA_USEC_PER_MSEC);
-  pa_mainloop_api* api = pa_threaded_mainloop_get_api(mainloop_);
-  rateTimer_ = api->time_new(api, &when, &PulseIOPath::rateTimerCallback, this);
-  return true;
+  return pa_stream_connect_playback(playback_, config_.sinkName.c_str(), &playbackAttributes,
+                                    static_cast<pa_stream_flags_t>(timed), nullptr, nullptr) == 0 &&
+         pa_stream_connect_record(record_, config_.sourceName.c_str(), &recordAttributes,
+                                  static_cast<pa_stream_flags_t>(common)) == 0;
 }
 
 void PulseIOPath::contextStateCallback(pa_context*, void* userdata) {
-  pa_threaded_mainloop_signal(pathOf(userdata)->mainloop_, 0);
+  pathOf(userdata)->onStateChange();
 }
 
 void PulseIOPath::streamStateCallback(pa_stream*, void* userdata) {
-  pa_threaded_mainloop_signal(pathOf(userdata)->mainloop_, 0);
+  pathOf(userdata)->onStateChange();
 }
 
-void PulseIOPath::readCallback(pa_stream*, std::size_t, void* userdata) {
-  pathOf(userdata)->onReadable();
+void PulseIOPath::readCallback(pa_stream*, std::size_t bytes, void* userdata) {
+  pathOf(userdata)->onReadable(bytes);
 }
 
 void PulseIOPath::underflowCallback(pa_stream*, void* userdata) {
-  pathOf(userdata)->underruns_.fetch_add(1, std::memory_order_relaxed);
+  pathOf(userdata)->onUnderrun();
 }
 
-void PulseIOPath::onReadable() {
-  for (;;) {
+void PulseIOPath::onReadable(std::size_t readable) {
+  // Every libpulse call costs a system call of its own (a fork check), so the loop peeks only
+  // as many fragments as the server announced and asks for no latency here.
+  const auto room =
+      static_cast<std::size_t>(kPlaybackRoom * heldLatencyMs_ * config_.sampleRate / 1000.0) *
+      kBytesPerFrame;
+  while (readable > 0) {
     const void* data = nullptr;
     std::size_t bytes = 0;
     if (pa_stream_peek(record_, &data, &bytes) < 0 || bytes == 0) {
       return;
     }
-    // A hole in the record stream is silence. Sound that would queue beyond the room only
-    // adds latency: it is dropped.
-    pa_usec_t latency = 0;
-    int negative = 0;
-    const bool known = pa_stream_get_latency(playback_, &latency, &negative) == 0;
-    const bool overfull =
-        known && negative == 0 &&
-        latency > static_cast<pa_usec_t>(kPlaybackRoom * config_.targetLatency.count() * 1000);
+    readable -= std::min(readable, bytes);
+    // A backlog larger than the room (what a new tap's sink rendered before it was asked for
+    // small blocks) would only add latency, as would what the steering found too much.
     std::size_t offset = 0;
-    while (!overfull && offset < bytes) {
-      std::size_t chunk = std::min(bytes - offset, silence_.size() * sizeof(float));
-      chunk -= chunk % kBytesPerFrame;
-      void* out = nullptr;
-      std::size_t writable = chunk;
-      if (pa_stream_begin_write(playback_, &out, &writable) < 0 || out == nullptr) {
-        break;
-      }
-      chunk = std::min(chunk, writable - writable % kBytesPerFrame);
-      // The block may write nothing (muted): the device then plays this silence.
-      std::memset(out, 0, chunk);
-      AudioBuffer inBuffer{
-          kChannels, static_cast<UInt32>(chunk),
-          data != nullptr
-              ? const_cast<void*>(static_cast<const void*>(static_cast<const char*>(data) + offset))
-              : static_cast<void*>(silence_.data())};
-      AudioBuffer outBuffer{kChannels, static_cast<UInt32>(chunk), out};
-      const AudioBufferList inList{1, &inBuffer};
-      AudioBufferList outList{1, &outBuffer};
-      config_.block(nullptr, &inList, nullptr, &outList, nullptr);
-      pa_stream_write(playback_, out, chunk, nullptr, 0, PA_SEEK_RELATIVE);
-      offset += chunk;
+    if (readable > room) {
+      offset = bytes;
+    } else if (skipBytes_ > 0) {
+      offset = std::min(bytes, skipBytes_) / kBytesPerFrame * kBytesPerFrame;
+      skipBytes_ -= offset;
     }
-    if (offset < bytes) {
-      droppedFrames_.fetch_add((bytes - offset) / kBytesPerFrame, std::memory_order_relaxed);
+    droppedFrames_.fetch_add(offset / kBytesPerFrame, std::memory_order_relaxed);
+    // A hole in the record stream is silence.
+    const auto* input = static_cast<const float*>(data);
+    while (offset + kBytesPerFrame <= bytes) {
+      const std::size_t frames = std::min((bytes - offset) / kBytesPerFrame, kChunkFrames);
+      play(input != nullptr ? input + offset / sizeof(float) : silence_.data(), frames);
+      offset += frames * kBytesPerFrame;
     }
     cycles_.fetch_add(1, std::memory_order_relaxed);
     pa_stream_drop(record_);
   }
 }
 
-void PulseIOPath::rateTimerCallback(pa_mainloop_api* api, pa_time_event* event,
-                                    const struct timeval*, void* userdata) {
-  pathOf(userdata)->adjustRate();
-  timeval when{};
-  pa_gettimeofday(&when);
-  pa_timeval_add(&when, static_cast<pa_usec_t>(kRateCheckInterval.count()) * PA_USEC_PER_MSEC);
-  api->time_restart(event, &when);
+void PulseIOPath::play(const float* input, std::size_t frames) {
+  const auto bytes = static_cast<UInt32>(frames * kBytesPerFrame);
+  // The block may write nothing (muted): the device then plays this silence.
+  std::fill_n(processed_.data(), frames * kChannels, 0.0f);
+  AudioBuffer inBuffer{kChannels, bytes, const_cast<float*>(input)};
+  AudioBuffer outBuffer{kChannels, bytes, processed_.data()};
+  const AudioBufferList inList{1, &inBuffer};
+  AudioBufferList outList{1, &outBuffer};
+  config_.block(nullptr, &inList, nullptr, &outList, nullptr);
+
+  // A muted tap, the common case, plays silence: it needs no filtering, only the steered
+  // number of frames.
+  const float* processed = processed_.data();
+  if (std::all_of(processed, processed + frames * kChannels,
+                  [](float sample) { return sample == 0.0f; })) {
+    const double silentFrames = static_cast<double>(frames) * ratio_ + silenceCarry_;
+    const auto whole = static_cast<std::size_t>(silentFrames);
+    silenceCarry_ = silentFrames - static_cast<double>(whole);
+    resamplerHoldsSound_ = false;
+    pa_stream_write(playback_, silence_.data(), whole * kBytesPerFrame, nullptr, 0,
+                    PA_SEEK_RELATIVE);
+    return;
+  }
+  if (!resamplerHoldsSound_) {
+    src_reset(resampler_);  // what it held from before the silence is stale
+    resamplerHoldsSound_ = true;
+  }
+  SRC_DATA conversion{};
+  conversion.data_in = processed_.data();
+  conversion.input_frames = static_cast<long>(frames);
+  conversion.data_out = resampled_.data();
+  conversion.output_frames = static_cast<long>(kResampledFrames);
+  conversion.src_ratio = ratio_;
+  if (src_process(resampler_, &conversion) != 0 || conversion.output_frames_gen == 0) {
+    return;
+  }
+  pa_stream_write(playback_, resampled_.data(),
+                  static_cast<std::size_t>(conversion.output_frames_gen) * kBytesPerFrame, nullptr,
+                  0, PA_SEEK_RELATIVE);
+}
+
+void PulseIOPath::onUnderrun() {
+  underruns_.fetch_add(1, std::memory_order_relaxed);
+  const double limit = kMaxHeldLatency * static_cast<double>(config_.targetLatency.count());
+  heldLatencyMs_ = std::min(heldLatencyMs_ + static_cast<double>(kUnderrunStep.count()), limit);
+  reportedHeldLatencyMs_.store(heldLatencyMs_, std::memory_order_relaxed);
+}
+
+void PulseIOPath::onTick() {
+  if (++ticks_ % kTicksPerRateCheck == 0) {
+    adjustRate();
+  }
 }
 
 void PulseIOPath::adjustRate() {
@@ -260,25 +314,32 @@ void PulseIOPath::adjustRate() {
   }
   const double queuedMs = negative != 0 ? 0.0 : static_cast<double>(latency) / 1000.0;
   playbackLatencyMs_.store(queuedMs, std::memory_order_relaxed);
-  // More queued than wanted: the tap's clock runs ahead of the output's, so ask for fewer
-  // samples per second, and the other way round.
-  const double target = static_cast<double>(config_.targetLatency.count());
-  const double error = (queuedMs - kHeldLatency * target) / target;
-  rateCorrection_ =
-      std::clamp(1.0 - kRateGain * error, 1.0 - kMaxRateCorrection, 1.0 + kMaxRateCorrection);
-  const auto rate = static_cast<std::uint32_t>(std::lround(config_.sampleRate * rateCorrection_));
-  pa_operation* operation = pa_stream_update_sample_rate(record_, rate, nullptr, nullptr);
-  if (operation != nullptr) {
-    pa_operation_unref(operation);
+  if (queuedMs > kPlaybackRoom * heldLatencyMs_) {
+    // Far too much queued (a burst): drop what is over at once rather than play it fast.
+    skipBytes_ =
+        static_cast<std::size_t>((queuedMs - heldLatencyMs_) * config_.sampleRate / 1000.0) *
+        kBytesPerFrame;
+    smoothedLatencyMs_ = heldLatencyMs_;
+    return;
   }
-  reportedCorrection_.store(rateCorrection_, std::memory_order_relaxed);
+  smoothedLatencyMs_ =
+      smoothedLatencyMs_ < 0
+          ? queuedMs
+          : smoothedLatencyMs_ + kLatencySmoothing * (queuedMs - smoothedLatencyMs_);
+  // More queued than held: the tap's clock runs ahead of the output's, so make fewer samples
+  // of each second, and the other way round.
+  const double error = (smoothedLatencyMs_ - heldLatencyMs_) / heldLatencyMs_;
+  ratio_ = std::clamp(1.0 - kRateGain * error, 1.0 - kMaxRateCorrection, 1.0 + kMaxRateCorrection);
+  reportedRatio_.store(ratio_, std::memory_order_relaxed);
 }
 
 PulseIOPath::Statistics PulseIOPath::statistics() const {
-  return {cycles_.load(std::memory_order_relaxed), underruns_.load(std::memory_order_relaxed),
+  return {cycles_.load(std::memory_order_relaxed),
+          underruns_.load(std::memory_order_relaxed),
           droppedFrames_.load(std::memory_order_relaxed),
           playbackLatencyMs_.load(std::memory_order_relaxed),
-          reportedCorrection_.load(std::memory_order_relaxed)};
+          reportedHeldLatencyMs_.load(std::memory_order_relaxed),
+          reportedRatio_.load(std::memory_order_relaxed)};
 }
 
 }  // namespace quellix

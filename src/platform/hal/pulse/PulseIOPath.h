@@ -2,26 +2,28 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "platform/hal/AudioHardware.h"
+#include "platform/hal/pulse/PacedMainloop.h"
 
 struct pa_context;
 struct pa_stream;
-struct pa_threaded_mainloop;
-struct pa_time_event;
-struct pa_mainloop_api;
-struct timeval;
+struct SRC_STATE_tag;
+typedef struct SRC_STATE_tag SRC_STATE;
 
 namespace quellix {
 
 // The IO of one started aggregate device: records the tap sink's monitor and plays to the
 // main sub-device, calling the IO block on its own IO thread in between with interleaved
-// float32 stereo buffers. Keeps the playback latency near its target by adjusting the record
-// stream's rate, so the two clocks never drift apart.
+// float32 stereo buffers. Keeps the playback latency near its target by resampling what the
+// block produced by a slowly steered ratio, so the two clocks never drift apart. The ratio is
+// ours rather than the server's: a record stream's rate update is not honoured everywhere.
 class PulseIOPath {
  public:
   struct Config {
@@ -39,6 +41,7 @@ class PulseIOPath {
     std::uint64_t underruns = 0;
     std::uint64_t droppedFrames = 0;
     double playbackLatencyMs = 0;  // until what is written now is heard
+    double heldLatencyMs = 0;      // what the steering aims at; raised by underruns
     double rateCorrection = 1.0;
   };
 
@@ -51,35 +54,55 @@ class PulseIOPath {
   Statistics statistics() const;
 
  private:
+  enum class Startup { connecting, running, failed };
+
   explicit PulseIOPath(Config config);
   bool connect();
+  void finishStartup(Startup outcome);
 
   // On the IO thread.
-  void onReadable();
+  void beginConnecting();
+  void onStateChange();
+  bool connectStreams();
+  void onReadable(std::size_t readable);
+  void play(const float* input, std::size_t frames);
+  void onUnderrun();
+  void onTick();
   void adjustRate();
 
   static void contextStateCallback(pa_context* context, void* userdata);
   static void streamStateCallback(pa_stream* stream, void* userdata);
   static void readCallback(pa_stream* stream, std::size_t bytes, void* userdata);
   static void underflowCallback(pa_stream* stream, void* userdata);
-  static void rateTimerCallback(pa_mainloop_api* api, pa_time_event* event,
-                                const struct timeval* tv, void* userdata);
 
   Config config_;
-  pa_threaded_mainloop* mainloop_ = nullptr;
+  PacedMainloop loop_;
+  std::mutex startupMutex_;
+  std::condition_variable startupChanged_;
+  Startup startup_ = Startup::connecting;
   pa_context* context_ = nullptr;
   pa_stream* record_ = nullptr;
   pa_stream* playback_ = nullptr;
-  pa_time_event* rateTimer_ = nullptr;
-  // Silence for the holes a record stream may report, sized once up front.
+  SRC_STATE* resampler_ = nullptr;
+  // Buffers of the IO thread, sized once up front: silence for the holes a record stream may
+  // report, what the block produced, and that resampled.
   std::vector<float> silence_;
-  // IO-thread state of the rate control.
-  double rateCorrection_ = 1.0;
+  std::vector<float> processed_;
+  std::vector<float> resampled_;
+  // IO-thread state of the steering.
+  double ratio_ = 1.0;
+  double silenceCarry_ = 0;
+  bool resamplerHoldsSound_ = false;
+  double heldLatencyMs_ = 0;
+  double smoothedLatencyMs_ = -1;
+  std::size_t skipBytes_ = 0;
+  std::uint64_t ticks_ = 0;
   std::atomic<std::uint64_t> cycles_{0};
   std::atomic<std::uint64_t> underruns_{0};
   std::atomic<std::uint64_t> droppedFrames_{0};
   std::atomic<double> playbackLatencyMs_{0};
-  std::atomic<double> reportedCorrection_{1.0};
+  std::atomic<double> reportedHeldLatencyMs_{0};
+  std::atomic<double> reportedRatio_{1.0};
 };
 
 }  // namespace quellix
