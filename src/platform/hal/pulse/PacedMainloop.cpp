@@ -123,21 +123,17 @@ PacedMainloop::PacedMainloop() : wakeFD_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK
 
 PacedMainloop::~PacedMainloop() {
   stop();
-  for (auto& event : ioEvents_) {
-    if (event->destroy != nullptr) {
-      event->destroy(&api_, reinterpret_cast<pa_io_event*>(event.get()), event->userdata);
+  // What libpulse did not free is released the way freed events are.
+  auto markDead = [](auto& events) {
+    for (auto& event : events) {
+      event->dead = true;
     }
-  }
-  for (auto& event : timeEvents_) {
-    if (event->destroy != nullptr) {
-      event->destroy(&api_, reinterpret_cast<pa_time_event*>(event.get()), event->userdata);
-    }
-  }
-  for (auto& event : deferEvents_) {
-    if (event->destroy != nullptr) {
-      event->destroy(&api_, reinterpret_cast<pa_defer_event*>(event.get()), event->userdata);
-    }
-  }
+  };
+  markDead(ioEvents_);
+  markDead(timeEvents_);
+  markDead(deferEvents_);
+  anyDead_ = true;
+  reapDeadEvents();
   if (wakeFD_ >= 0) {
     ::close(wakeFD_);
   }
