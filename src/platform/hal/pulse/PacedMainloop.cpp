@@ -8,10 +8,14 @@
 #include <algorithm>
 #include <cstdint>
 #include <ctime>
+#include <type_traits>
 
 namespace quellix {
 
 struct PacedMainloop::IOEvent {
+  using Opaque = pa_io_event;
+  using Destroy = pa_io_event_destroy_cb_t;
+
   PacedMainloop* loop;
   int fd;
   pa_io_event_flags_t events;
@@ -22,6 +26,9 @@ struct PacedMainloop::IOEvent {
 };
 
 struct PacedMainloop::TimeEvent {
+  using Opaque = pa_time_event;
+  using Destroy = pa_time_event_destroy_cb_t;
+
   PacedMainloop* loop;
   std::int64_t whenUs;  // monotonic; negative: disabled
   pa_time_event_cb_t callback;
@@ -31,6 +38,9 @@ struct PacedMainloop::TimeEvent {
 };
 
 struct PacedMainloop::DeferEvent {
+  using Opaque = pa_defer_event;
+  using Destroy = pa_defer_event_destroy_cb_t;
+
   PacedMainloop* loop;
   bool enabled;
   pa_defer_event_cb_t callback;
@@ -106,16 +116,16 @@ PacedMainloop::PacedMainloop() : wakeFD_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK
   api_.userdata = this;
   api_.io_new = &PacedMainloop::ioNew;
   api_.io_enable = &PacedMainloop::ioEnable;
-  api_.io_free = &PacedMainloop::ioFree;
-  api_.io_set_destroy = &PacedMainloop::ioSetDestroy;
+  api_.io_free = &PacedMainloop::freeEvent<IOEvent>;
+  api_.io_set_destroy = &PacedMainloop::setDestroy<IOEvent>;
   api_.time_new = &PacedMainloop::timeNew;
   api_.time_restart = &PacedMainloop::timeRestart;
-  api_.time_free = &PacedMainloop::timeFree;
-  api_.time_set_destroy = &PacedMainloop::timeSetDestroy;
+  api_.time_free = &PacedMainloop::freeEvent<TimeEvent>;
+  api_.time_set_destroy = &PacedMainloop::setDestroy<TimeEvent>;
   api_.defer_new = &PacedMainloop::deferNew;
   api_.defer_enable = &PacedMainloop::deferEnable;
-  api_.defer_free = &PacedMainloop::deferFree;
-  api_.defer_set_destroy = &PacedMainloop::deferSetDestroy;
+  api_.defer_free = &PacedMainloop::freeEvent<DeferEvent>;
+  api_.defer_set_destroy = &PacedMainloop::setDestroy<DeferEvent>;
   api_.quit = &PacedMainloop::quit;
   pollSet_.reserve(16);
   polledEvents_.reserve(16);
@@ -297,23 +307,18 @@ void PacedMainloop::reapDeadEvents() {
     return;
   }
   anyDead_ = false;
-  auto reap = [](auto& events, auto destroyOne) {
+  auto reap = [this](auto& events) {
     for (auto& event : events) {
+      using Opaque = typename std::decay_t<decltype(*event)>::Opaque;
       if (event->dead && event->destroy != nullptr) {
-        destroyOne(event.get());
+        event->destroy(&api_, reinterpret_cast<Opaque*>(event.get()), event->userdata);
       }
     }
     std::erase_if(events, [](const auto& event) { return event->dead; });
   };
-  reap(ioEvents_, [this](IOEvent* event) {
-    event->destroy(&api_, reinterpret_cast<pa_io_event*>(event), event->userdata);
-  });
-  reap(timeEvents_, [this](TimeEvent* event) {
-    event->destroy(&api_, reinterpret_cast<pa_time_event*>(event), event->userdata);
-  });
-  reap(deferEvents_, [this](DeferEvent* event) {
-    event->destroy(&api_, reinterpret_cast<pa_defer_event*>(event), event->userdata);
-  });
+  reap(ioEvents_);
+  reap(timeEvents_);
+  reap(deferEvents_);
   pollSetChanged_ = true;
 }
 
@@ -349,17 +354,6 @@ void PacedMainloop::ioEnable(pa_io_event* opaque, pa_io_event_flags_t events) {
   }
 }
 
-void PacedMainloop::ioFree(pa_io_event* opaque) {
-  IOEvent* event = eventOf<IOEvent>(opaque);
-  event->dead = true;
-  event->loop->anyDead_ = true;
-  event->loop->pollSetChanged_ = true;
-}
-
-void PacedMainloop::ioSetDestroy(pa_io_event* opaque, pa_io_event_destroy_cb_t callback) {
-  eventOf<IOEvent>(opaque)->destroy = callback;
-}
-
 pa_time_event* PacedMainloop::timeNew(pa_mainloop_api* api, const struct timeval* when,
                                       pa_time_event_cb_t callback, void* userdata) {
   PacedMainloop* loop = loopOf(api);
@@ -370,16 +364,6 @@ pa_time_event* PacedMainloop::timeNew(pa_mainloop_api* api, const struct timeval
 
 void PacedMainloop::timeRestart(pa_time_event* opaque, const struct timeval* when) {
   eventOf<TimeEvent>(opaque)->whenUs = monotonicDeadline(when);
-}
-
-void PacedMainloop::timeFree(pa_time_event* opaque) {
-  TimeEvent* event = eventOf<TimeEvent>(opaque);
-  event->dead = true;
-  event->loop->anyDead_ = true;
-}
-
-void PacedMainloop::timeSetDestroy(pa_time_event* opaque, pa_time_event_destroy_cb_t callback) {
-  eventOf<TimeEvent>(opaque)->destroy = callback;
 }
 
 pa_defer_event* PacedMainloop::deferNew(pa_mainloop_api* api, pa_defer_event_cb_t callback,
@@ -394,14 +378,17 @@ void PacedMainloop::deferEnable(pa_defer_event* opaque, int enabled) {
   eventOf<DeferEvent>(opaque)->enabled = enabled != 0;
 }
 
-void PacedMainloop::deferFree(pa_defer_event* opaque) {
-  DeferEvent* event = eventOf<DeferEvent>(opaque);
+template <typename Event>
+void PacedMainloop::freeEvent(typename Event::Opaque* opaque) {
+  // Freed events stay allocated until the next reap: a dispatch under way may still hold them.
+  Event* event = eventOf<Event>(opaque);
   event->dead = true;
   event->loop->anyDead_ = true;
 }
 
-void PacedMainloop::deferSetDestroy(pa_defer_event* opaque, pa_defer_event_destroy_cb_t callback) {
-  eventOf<DeferEvent>(opaque)->destroy = callback;
+template <typename Event>
+void PacedMainloop::setDestroy(typename Event::Opaque* opaque, typename Event::Destroy callback) {
+  eventOf<Event>(opaque)->destroy = callback;
 }
 
 void PacedMainloop::quit(pa_mainloop_api* api, int) {

@@ -57,18 +57,16 @@ class PacedMainloop {
   static pa_io_event* ioNew(pa_mainloop_api* api, int fd, pa_io_event_flags_t events,
                             pa_io_event_cb_t callback, void* userdata);
   static void ioEnable(pa_io_event* event, pa_io_event_flags_t events);
-  static void ioFree(pa_io_event* event);
-  static void ioSetDestroy(pa_io_event* event, pa_io_event_destroy_cb_t callback);
   static pa_time_event* timeNew(pa_mainloop_api* api, const struct timeval* when,
                                 pa_time_event_cb_t callback, void* userdata);
   static void timeRestart(pa_time_event* event, const struct timeval* when);
-  static void timeFree(pa_time_event* event);
-  static void timeSetDestroy(pa_time_event* event, pa_time_event_destroy_cb_t callback);
   static pa_defer_event* deferNew(pa_mainloop_api* api, pa_defer_event_cb_t callback,
                                   void* userdata);
   static void deferEnable(pa_defer_event* event, int enabled);
-  static void deferFree(pa_defer_event* event);
-  static void deferSetDestroy(pa_defer_event* event, pa_defer_event_destroy_cb_t callback);
+  template <typename Event>
+  static void freeEvent(typename Event::Opaque* event);
+  template <typename Event>
+  static void setDestroy(typename Event::Opaque* event, typename Event::Destroy callback);
   static void quit(pa_mainloop_api* api, int retval);
 
   pa_mainloop_api api_{};

@@ -4,8 +4,6 @@
 #include <samplerate.h>
 
 #include <algorithm>
-#include <cmath>
-#include <cstring>
 
 #include "platform/hal/pulse/PulseModel.h"
 #include "support/BuildInfo.h"
