@@ -36,6 +36,8 @@ constexpr double kRateGain = 0.01;
 constexpr std::chrono::milliseconds kUnderrunStep{5};
 constexpr double kMaxHeldLatency = 3.0;  // in target latencies
 constexpr std::size_t kChunkFrames = 2048;
+// More than the converter looks ahead, so that it has played out the sound before a silence.
+constexpr std::size_t kResamplerFlushFrames = 256;
 // Each chunk resampled may grow by the largest correction plus what the converter holds back.
 constexpr std::size_t kResampledFrames =
     static_cast<std::size_t>(kChunkFrames * (1 + kMaxRateCorrection)) + 64;
@@ -261,22 +263,21 @@ void PulseIOPath::play(const float* input, std::size_t frames) {
   config_.block(nullptr, &inList, nullptr, &outList, nullptr);
 
   // A muted tap, the common case, plays silence: it needs no filtering, only the steered
-  // number of frames.
+  // number of frames. The converter first plays out the end of the sound before it, and keeps
+  // the silence it then holds: the sound that follows starts as late as it would have, and
+  // neither end loses a frame.
   const float* processed = processed_.data();
-  if (std::all_of(processed, processed + frames * kChannels,
-                  [](float sample) { return sample == 0.0f; })) {
+  const bool silent = std::all_of(processed, processed + frames * kChannels,
+                                  [](float sample) { return sample == 0.0f; });
+  if (silent && silenceThroughResampler_ >= kResamplerFlushFrames) {
     const double silentFrames = static_cast<double>(frames) * ratio_ + silenceCarry_;
     const auto whole = static_cast<std::size_t>(silentFrames);
     silenceCarry_ = silentFrames - static_cast<double>(whole);
-    resamplerHoldsSound_ = false;
     pa_stream_write(playback_, silence_.data(), whole * kBytesPerFrame, nullptr, 0,
                     PA_SEEK_RELATIVE);
     return;
   }
-  if (!resamplerHoldsSound_) {
-    src_reset(resampler_);  // what it held from before the silence is stale
-    resamplerHoldsSound_ = true;
-  }
+  silenceThroughResampler_ = silent ? silenceThroughResampler_ + frames : 0;
   SRC_DATA conversion{};
   conversion.data_in = processed_.data();
   conversion.input_frames = static_cast<long>(frames);

@@ -92,7 +92,7 @@ class PulseIOPath {
   // IO-thread state of the steering.
   double ratio_ = 1.0;
   double silenceCarry_ = 0;
-  bool resamplerHoldsSound_ = false;
+  std::size_t silenceThroughResampler_ = SIZE_MAX;  // frames since the last sound
   double heldLatencyMs_ = 0;
   double smoothedLatencyMs_ = -1;
   std::size_t skipBytes_ = 0;
