@@ -1,20 +1,24 @@
 // The tap path on a private sound server: time from tap construction to silence, the IO
 // thread's CPU per tap, dropouts and latency growth over a long attenuated run, moves that had
-// to be repeated, and the latency of the tap path against the server's own loopback module
-// set to 20 ms, both read from the server in the same run.
+// to be repeated, and the latency a burst gains through the tap path against what it gains
+// through the server's own loopback module set to 20 ms, both measured at the output in the
+// same run.
 //
 //   tap_path_bench [pulseaudio|pipewire] [seconds]
 #include <dirent.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <numeric>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
 
+#include "LevelMeter.h"
 #include "SoundServer.h"
 #include "TestPlayerProcess.h"
 #include "coreaudio/CoreAudioSupport.h"
@@ -59,35 +63,113 @@ double threadCPUSeconds(const std::string& name) {
   return seconds;
 }
 
-// The buffer plus device latency, in ms, of the streams whose listing contains `marker`.
-double streamLatencyMs(const testing::SoundServer& server, const std::string& kind,
-                       const std::string& marker) {
-  std::istringstream listing(server.pactl({"list", kind}));
-  std::string line;
-  std::string block;
-  double total = 0;
-  auto finish = [&] {
-    if (block.find(marker) == std::string::npos) {
-      return;
+std::vector<AudioObjectID> processObjectsOf(const PulseBackend& backend, pid_t pid) {
+  std::vector<AudioObjectID> objects;
+  testing::eventually([&] {
+    objects.clear();
+    for (const auto& process : backend.snapshot()->processes) {
+      if (process.pid == pid)
+        objects.push_back(process.id);
     }
-    std::istringstream lines(block);
-    for (std::string entry; std::getline(lines, entry);) {
-      const auto at = entry.find("Latency: ");
-      if (at != std::string::npos && entry.find("usec") != std::string::npos) {
-        total += std::stod(entry.substr(at + 9)) / 1000.0;
-      }
-    }
-  };
-  while (std::getline(listing, line)) {
-    if (!line.empty() && line[0] != '\t' && line[0] != ' ') {
-      finish();
-      block.clear();
-    }
-    block += line + "\n";
-  }
-  finish();
-  return total;
+    return !objects.empty();
+  });
+  return objects;
 }
+
+// Moves the player's stream with pactl until the server reports it on `sink`: a move may be
+// acknowledged and not carried out.
+bool moveStream(const testing::SoundServer& server, const PulseBackend& backend, pid_t pid,
+                const std::string& sink) {
+  auto placement = [&]() -> std::pair<std::uint32_t, bool> {
+    const auto snapshot = backend.snapshot();
+    const auto* device = snapshot->deviceWithUID(sink);
+    for (const auto& input : snapshot->sinkInputs) {
+      if (input.pid == pid && !input.isOurIO)
+        return {input.index, device != nullptr && input.sink == device->sinkIndex};
+    }
+    return {pulse::kInvalidIndex, false};
+  };
+  // Each move interrupts the stream: another is sent only once the last one has had its time.
+  constexpr int kAttempts = 5;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const auto [index, placed] = placement();
+    if (placed)
+      return true;
+    if (index != pulse::kInvalidIndex)
+      server.pactl({"move-sink-input", std::to_string(index), sink});
+    if (testing::eventually([&] { return placement().second; }, {}, std::chrono::seconds(1)))
+      return true;
+  }
+  return false;
+}
+
+// The added latency of a path, measured by a player of bursts on the beat of the monotonic
+// clock: one recording of the output spans every path in turn, and each path shifts the
+// bursts by its latency. The shift against the direct path before and after it is the added
+// latency; the direct path's own shift between two visits tells how steady the measure is.
+class BurstTimeline {
+ public:
+  static constexpr int kPeriodMs = 300;
+
+  void mark(const std::string& name) { segments_.push_back({name, Clock::now(), {}}); }
+
+  void finish(const std::vector<float>& recording, Clock::time_point stoppedAt) {
+    constexpr std::size_t kRate = 48000;
+    constexpr std::size_t kPeriod = kRate * kPeriodMs / 1000;
+    constexpr float kThreshold = 0.1f;
+    constexpr std::size_t kQuietBefore = kRate / 20;
+    const std::size_t frames = recording.size() / 2;
+    auto frameAt = [&](Clock::time_point at) {
+      const double before = std::chrono::duration<double>(stoppedAt - at).count() * kRate;
+      return before >= static_cast<double>(frames) ? std::size_t{0}
+                                                   : frames - static_cast<std::size_t>(before);
+    };
+    std::vector<std::size_t> onsets;
+    std::size_t lastLoud = 0;
+    for (std::size_t frame = 0; frame < frames; ++frame) {
+      if (std::abs(recording[2 * frame]) <= kThreshold)
+        continue;
+      if (onsets.empty() || frame - lastLoud > kQuietBefore)
+        onsets.push_back(frame);
+      lastLoud = frame;
+    }
+    std::optional<double> reference;
+    for (std::size_t i = 0; i < segments_.size(); ++i) {
+      // The paths settle for a while after each switch.
+      const std::size_t from = frameAt(segments_[i].startedAt + std::chrono::milliseconds(1500));
+      const std::size_t to =
+          i + 1 < segments_.size() ? frameAt(segments_[i + 1].startedAt) : frames;
+      std::vector<double> phases;
+      for (std::size_t onset : onsets) {
+        if (onset < from || onset >= to)
+          continue;
+        double phase = static_cast<double>(onset % kPeriod) * 1000.0 / kRate;
+        if (!reference)
+          reference = phase;
+        // Relative to the first burst, folded so that a path may be a little faster.
+        phase = std::fmod(phase - *reference + kPeriodMs * 1.25, kPeriodMs) - kPeriodMs * 0.25;
+        phases.push_back(phase);
+      }
+      segments_[i].phasesMs = phases;
+    }
+  }
+
+  std::optional<double> shiftMs(const std::string& name) const {
+    for (const auto& segment : segments_) {
+      if (segment.name == name && !segment.phasesMs.empty())
+        return testing::medianOf(segment.phasesMs);
+    }
+    return std::nullopt;
+  }
+
+ private:
+  struct Segment {
+    std::string name;
+    Clock::time_point startedAt;
+    std::vector<double> phasesMs;
+  };
+  std::vector<Segment> segments_;
+};
 
 }  // namespace
 
@@ -97,36 +179,34 @@ int main(int argc, char** argv) {
   Logger::installSink(std::make_shared<CapturingLogSink>());
   testing::SoundServer server(pipeWire ? testing::SoundServer::Kind::pipeWire
                                        : testing::SoundServer::Kind::pulseAudio);
-  testing::TestPlayerProcess player({.appID = "org.example.Player"});
   auto backend = PulseBackend::create({});
   installAudioBackend(backend);
-  std::vector<AudioObjectID> objects;
-  testing::eventually([&] {
-    objects.clear();
-    for (const auto& process : backend->snapshot()->processes) {
-      if (process.pid == player.pid())
-        objects.push_back(process.id);
-    }
-    return !objects.empty();
-  });
 
+  // A long attenuated session of a steady tone, then the tap's usual state, muted.
+  auto player = std::make_unique<testing::TestPlayerProcess>(
+      testing::TestPlayerProcess::Options{.appID = "org.example.Player"});
   const auto constructed = Clock::now();
-  ProcessMuteTap tap("Player", objects, 0.0f);
+  auto tap =
+      std::make_unique<ProcessMuteTap>("Player", processObjectsOf(*backend, player->pid()), 0.0f);
   const double silentAfterMs =
       std::chrono::duration<double, std::milli>(Clock::now() - constructed).count();
-  tap.setGain(0.5f);  // a long attenuated session
+  tap->setGain(0.5f);
 
   std::vector<double> latencies;
+  std::string underrunSeconds;
+  std::uint64_t underruns = 0;
   const double cpuBefore = threadCPUSeconds("quellix-io");
-  for (int second = 0; second < seconds; ++second) {
+  for (int second = 1; second <= seconds; ++second) {
     std::this_thread::sleep_for(std::chrono::seconds(1));
-    if (const auto statistics = backend->ioStatistics(tap.aggregateID())) {
+    if (const auto statistics = backend->ioStatistics(tap->aggregateID())) {
       latencies.push_back(statistics->playbackLatencyMs);
+      for (; underruns < statistics->underruns; ++underruns)
+        underrunSeconds.append(" ").append(std::to_string(second));
     }
   }
   const double cpuPercent = 100.0 * (threadCPUSeconds("quellix-io") - cpuBefore) / seconds;
   const auto statistics =
-      backend->ioStatistics(tap.aggregateID()).value_or(PulseIOPath::Statistics{});
+      backend->ioStatistics(tap->aggregateID()).value_or(PulseIOPath::Statistics{});
   const std::size_t quarter = std::max<std::size_t>(latencies.size() / 4, 1);
   auto mean = [](auto begin, auto end) {
     return begin == end ? 0.0 : std::accumulate(begin, end, 0.0) / static_cast<double>(end - begin);
@@ -134,39 +214,77 @@ int main(int argc, char** argv) {
   const double firstLatency = mean(latencies.begin(), latencies.begin() + quarter);
   const double lastLatency = mean(latencies.end() - quarter, latencies.end());
 
-  // Muted, the tap's usual state.
   constexpr int kMutedSeconds = 10;
-  tap.setGain(0.0f);
+  tap->setGain(0.0f);
   const double mutedCPUBefore = threadCPUSeconds("quellix-io");
   std::this_thread::sleep_for(std::chrono::seconds(kMutedSeconds));
   const double mutedCPUPercent =
       100.0 * (threadCPUSeconds("quellix-io") - mutedCPUBefore) / kMutedSeconds;
+  tap->invalidate();
+  tap.reset();
+  player.reset();
 
-  const double tapPathMs = streamLatencyMs(server, "source-outputs", "Quellix tap") +
-                           streamLatencyMs(server, "sink-inputs", "Quellix playback");
+  // Bursts through each path in turn, one recording.
+  constexpr auto kSegment = std::chrono::seconds(4);
+  testing::TestPlayerProcess clicker(
+      {.appID = "org.example.Clicker", .clickPeriodMs = BurstTimeline::kPeriodMs});
+  const auto clickerObjects = processObjectsOf(*backend, clicker.pid());
+  const auto scratch = server.runtimeDir() / "bursts.raw";
+  testing::MonitorRecording recording(scratch, "out1.monitor");
+  BurstTimeline timeline;
+  timeline.mark("direct");
+  std::this_thread::sleep_for(kSegment);
+  timeline.mark("tap");
+  {
+    ProcessMuteTap burstTap("Clicker", clickerObjects, 1.0f);
+    std::this_thread::sleep_for(kSegment);
+    burstTap.invalidate();
+  }
+  timeline.mark("direct again");
+  // The loopback settles on its latency while the direct path is measured.
   server.pactl(
       {"load-module", "module-loopback", "source=out2.monitor", "sink=out1", "latency_msec=20"});
-  std::this_thread::sleep_for(std::chrono::seconds(3));
-  const double loopbackMs = streamLatencyMs(server, "source-outputs", "module-loopback") +
-                            streamLatencyMs(server, "sink-inputs", "module-loopback");
+  std::this_thread::sleep_for(kSegment);
+  const bool moved = moveStream(server, *backend, clicker.pid(), "out2");
+  timeline.mark("loopback");
+  std::this_thread::sleep_for(kSegment);
+  const bool movedBack = moveStream(server, *backend, clicker.pid(), "out1");
+  timeline.mark("direct last");
+  std::this_thread::sleep_for(kSegment);
+  const auto stoppedAt = Clock::now();
+  timeline.finish(recording.stopSamples(), stoppedAt);
 
   std::printf("server: %s, %d s at gain 0.5\n", pipeWire ? "PipeWire" : "PulseAudio", seconds);
   std::printf("  silent after construction started: %.1f ms\n", silentAfterMs);
   std::printf("  IO thread CPU: %.2f %% of one core (muted: %.2f %%)\n", cpuPercent,
               mutedCPUPercent);
-  std::printf("  underruns: %llu, dropped frames: %llu, IO cycles: %llu\n",
-              static_cast<unsigned long long>(statistics.underruns),
+  std::printf("  underruns: %llu (in second:%s), dropped frames: %llu, IO cycles: %llu\n",
+              static_cast<unsigned long long>(statistics.underruns), underrunSeconds.c_str(),
               static_cast<unsigned long long>(statistics.droppedFrames),
               static_cast<unsigned long long>(statistics.cycles));
   std::printf(
       "  queued playback: first quarter %.1f ms, last quarter %.1f ms, held %.0f ms, rate x%.4f\n",
       firstLatency, lastLatency, statistics.heldLatencyMs, statistics.rateCorrection);
-  std::printf(
-      "  stream latency, tap path %.1f ms against loopback at 20 ms: %.1f ms (ratio %.2f)\n",
-      tapPathMs, loopbackMs, loopbackMs > 0 ? tapPathMs / loopbackMs : 0.0);
+  const auto direct = timeline.shiftMs("direct");
+  const auto directAgain = timeline.shiftMs("direct again");
+  const auto directLast = timeline.shiftMs("direct last");
+  const auto tapped = timeline.shiftMs("tap");
+  const auto loopback = timeline.shiftMs("loopback");
+  if (direct && directAgain && directLast && tapped && loopback && moved && movedBack) {
+    const double tapAdded = *tapped - (*direct + *directAgain) / 2;
+    const double loopbackAdded = *loopback - (*directAgain + *directLast) / 2;
+    std::printf(
+        "  added latency of a burst: tap path %.1f ms, loopback at 20 ms %.1f ms "
+        "(ratio %.2f); direct path moved by %.1f and %.1f ms\n",
+        tapAdded, loopbackAdded, loopbackAdded > 0 ? tapAdded / loopbackAdded : 0.0,
+        *directAgain - *direct, *directLast - *directAgain);
+  } else {
+    std::printf(
+        "  added latency of a burst: not measured (no bursts on some path, or a move "
+        "failed)\n");
+  }
   std::printf("  repeated moves: %llu\n",
               static_cast<unsigned long long>(backend->repeatedMoves()));
-  tap.invalidate();
   installAudioBackend(nullptr);
   return 0;
 }

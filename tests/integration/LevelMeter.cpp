@@ -40,7 +40,7 @@ MonitorRecording::~MonitorRecording() {
   }
 }
 
-std::vector<double> MonitorRecording::stop(std::chrono::milliseconds window) {
+std::vector<float> MonitorRecording::stopSamples() {
   recorder_->signal(SIGTERM);
   recorder_->wait(std::chrono::seconds(5));
   recorder_.reset();
@@ -48,6 +48,11 @@ std::vector<double> MonitorRecording::stop(std::chrono::milliseconds window) {
   std::vector<char> bytes((std::istreambuf_iterator<char>(input)), {});
   std::vector<float> samples(bytes.size() / sizeof(float));
   std::memcpy(samples.data(), bytes.data(), samples.size() * sizeof(float));
+  return samples;
+}
+
+std::vector<double> MonitorRecording::stop(std::chrono::milliseconds window) {
+  const auto samples = stopSamples();
   const std::size_t perWindow = static_cast<std::size_t>(kRate * window.count() / 1000) * kChannels;
   std::vector<double> levels;
   for (std::size_t at = 0; at + perWindow <= samples.size(); at += perWindow) {

@@ -21,6 +21,8 @@ class MonitorRecording {
 
   // Stops and returns the level of each `window` of the recording.
   std::vector<double> stop(std::chrono::milliseconds window = std::chrono::milliseconds(250));
+  // Stops and returns what was recorded, interleaved.
+  std::vector<float> stopSamples();
 
  private:
   std::filesystem::path file_;

@@ -16,7 +16,8 @@ class TestPlayerProcess {
     std::string appID;
     double frequency = 440.0;
     double amplitude = 0.5;
-    int fakePIDs = 0;  // further corked streams, each claiming pidBase + i
+    int clickPeriodMs = 0;  // bursts this far apart instead of a steady tone
+    int fakePIDs = 0;       // further corked streams, each claiming pidBase + i
     int pidBase = 0;
   };
 
