@@ -1,8 +1,9 @@
 // The tap path on a private sound server: time from tap construction to silence, the IO
-// thread's CPU per tap, dropouts and latency growth over a long attenuated run, moves that had
-// to be repeated, and the latency a burst gains through the tap path against what it gains
-// through the server's own loopback module set to 20 ms, both measured at the output in the
-// same run.
+// thread's CPU per tap against a plain player's, breaks in the tone heard at the output over a
+// long attenuated run against those of the same tone played directly for as long, latency
+// growth, moves that had to be repeated, and the latency a burst gains through the tap path
+// against what it gains through the server's own loopback module set to 20 ms, both measured
+// at the output in the same run.
 //
 //   tap_path_bench [pulseaudio|pipewire] [seconds]
 #include <dirent.h>
@@ -31,31 +32,36 @@ namespace {
 using namespace quellix;
 using Clock = std::chrono::steady_clock;
 
+// CPU seconds used so far by the task or process whose stat file this is.
+double cpuSecondsOf(const std::string& statFile) {
+  std::string stat;
+  std::getline(std::ifstream(statFile), stat);
+  if (stat.empty())
+    return 0;
+  std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+  std::string field;
+  unsigned long long user = 0;
+  unsigned long long system = 0;
+  for (int i = 3; i <= 15 && fields >> field; ++i) {
+    if (i == 14)
+      user = std::stoull(field);
+    if (i == 15)
+      system = std::stoull(field);
+  }
+  return static_cast<double>(user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
 // CPU seconds used so far by this process's threads with the given name.
 double threadCPUSeconds(const std::string& name) {
   double seconds = 0;
-  const long ticks = ::sysconf(_SC_CLK_TCK);
   DIR* tasks = ::opendir("/proc/self/task");
   while (dirent* entry = tasks != nullptr ? ::readdir(tasks) : nullptr) {
     const std::string task = std::string("/proc/self/task/") + entry->d_name;
     std::string comm;
     std::getline(std::ifstream(task + "/comm"), comm);
-    if (comm != name) {
-      continue;
+    if (comm == name) {
+      seconds += cpuSecondsOf(task + "/stat");
     }
-    std::string stat;
-    std::getline(std::ifstream(task + "/stat"), stat);
-    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
-    std::string field;
-    unsigned long long user = 0;
-    unsigned long long system = 0;
-    for (int i = 3; i <= 15 && fields >> field; ++i) {
-      if (i == 14)
-        user = std::stoull(field);
-      if (i == 15)
-        system = std::stoull(field);
-    }
-    seconds += static_cast<double>(user + system) / static_cast<double>(ticks);
   }
   if (tasks != nullptr) {
     ::closedir(tasks);
@@ -103,6 +109,50 @@ bool moveStream(const testing::SoundServer& server, const PulseBackend& backend,
   return false;
 }
 
+// Where a steady sine in channel 0 of a recording breaks, in seconds from the recording's
+// start: a sine predicts each sample from the two before it, so a gap, a skip or a click shows
+// as a residual far above what resampling leaves. Only the span between the tone's first and
+// last loud sample is looked at, less `settleSeconds` at its start.
+std::vector<double> dropoutsIn(const std::vector<float>& recording, double frequency,
+                               double settleSeconds) {
+  constexpr double kRate = 48000;
+  const std::size_t frames = recording.size() / 2;
+  auto sample = [&](std::size_t frame) { return static_cast<double>(recording[2 * frame]); };
+  double peak = 0;
+  for (std::size_t frame = 0; frame < frames; ++frame)
+    peak = std::max(peak, std::abs(sample(frame)));
+  std::size_t first = 0;
+  std::size_t last = frames;
+  while (first < frames && std::abs(sample(first)) < peak / 2)
+    ++first;
+  while (last > first && std::abs(sample(last - 1)) < peak / 2)
+    --last;
+  first += static_cast<std::size_t>(settleSeconds * kRate);
+  const double coefficient = 2 * std::cos(2 * M_PI * frequency / kRate);
+  const double threshold = 0.05 * peak;
+  // A break disturbs the prediction at both ends of a gap and for a while after a click; one
+  // within this span of the last is the same break.
+  const auto sameBreak = static_cast<std::size_t>(kRate / 10);
+  std::vector<double> breaks;
+  std::size_t lastBreak = 0;
+  for (std::size_t frame = first + 2; frame < last; ++frame) {
+    const double residual = sample(frame) - coefficient * sample(frame - 1) + sample(frame - 2);
+    if (std::abs(residual) <= threshold)
+      continue;
+    if (breaks.empty() || frame - lastBreak > sameBreak)
+      breaks.push_back(static_cast<double>(frame) / kRate);
+    lastBreak = frame;
+  }
+  return breaks;
+}
+
+std::string secondsList(const std::vector<double>& times) {
+  std::string text;
+  for (double time : times)
+    text.append(" ").append(std::to_string(static_cast<int>(time)));
+  return text;
+}
+
 // The added latency of a path, measured by a player of bursts on the beat of the monotonic
 // clock: one recording of the output spans every path in turn, and each path shifts the
 // bursts by its latency. The shift against the direct path before and after it is the added
@@ -115,7 +165,6 @@ class BurstTimeline {
 
   void finish(const std::vector<float>& recording, Clock::time_point stoppedAt) {
     constexpr std::size_t kRate = 48000;
-    constexpr std::size_t kPeriod = kRate * kPeriodMs / 1000;
     constexpr float kThreshold = 0.1f;
     constexpr std::size_t kQuietBefore = kRate / 20;
     const std::size_t frames = recording.size() / 2;
@@ -133,24 +182,15 @@ class BurstTimeline {
         onsets.push_back(frame);
       lastLoud = frame;
     }
+    // The reference is the first path's median phase, found from its first burst, which may be
+    // a stray, in two corrections.
     std::optional<double> reference;
-    for (std::size_t i = 0; i < segments_.size(); ++i) {
-      // The paths settle for a while after each switch.
-      const std::size_t from = frameAt(segments_[i].startedAt + std::chrono::milliseconds(1500));
-      const std::size_t to =
-          i + 1 < segments_.size() ? frameAt(segments_[i + 1].startedAt) : frames;
-      std::vector<double> phases;
-      for (std::size_t onset : onsets) {
-        if (onset < from || onset >= to)
-          continue;
-        double phase = static_cast<double>(onset % kPeriod) * 1000.0 / kRate;
-        if (!reference)
-          reference = phase;
-        // Relative to the first burst, folded so that a path may be a little faster.
-        phase = std::fmod(phase - *reference + kPeriodMs * 1.25, kPeriodMs) - kPeriodMs * 0.25;
-        phases.push_back(phase);
-      }
-      segments_[i].phasesMs = phases;
+    for (int pass = 0;; ++pass) {
+      foldPhases(onsets, frameAt, frames, reference);
+      if (pass == 2 || segments_.empty() || segments_.front().phasesMs.empty())
+        return;
+      reference = std::fmod(*reference + testing::medianOf(segments_.front().phasesMs) + kPeriodMs,
+                            kPeriodMs);
     }
   }
 
@@ -168,6 +208,32 @@ class BurstTimeline {
     Clock::time_point startedAt;
     std::vector<double> phasesMs;
   };
+
+  template <typename FrameAt>
+  void foldPhases(const std::vector<std::size_t>& onsets, const FrameAt& frameAt,
+                  std::size_t frames, std::optional<double>& reference) {
+    constexpr std::size_t kRate = 48000;
+    constexpr std::size_t kPeriod = kRate * kPeriodMs / 1000;
+    for (std::size_t i = 0; i < segments_.size(); ++i) {
+      // The paths settle for a while after each switch.
+      const std::size_t from = frameAt(segments_[i].startedAt + std::chrono::milliseconds(1500));
+      const std::size_t to =
+          i + 1 < segments_.size() ? frameAt(segments_[i + 1].startedAt) : frames;
+      std::vector<double> phases;
+      for (std::size_t onset : onsets) {
+        if (onset < from || onset >= to)
+          continue;
+        double phase = static_cast<double>(onset % kPeriod) * 1000.0 / kRate;
+        if (!reference)
+          reference = phase;
+        // Relative to the reference, folded so that a path may be a little faster.
+        phase = std::fmod(phase - *reference + kPeriodMs * 2.25, kPeriodMs) - kPeriodMs * 0.25;
+        phases.push_back(phase);
+      }
+      segments_[i].phasesMs = phases;
+    }
+  }
+
   std::vector<Segment> segments_;
 };
 
@@ -185,6 +251,13 @@ int main(int argc, char** argv) {
   // A long attenuated session of a steady tone, then the tap's usual state, muted.
   auto player = std::make_unique<testing::TestPlayerProcess>(
       testing::TestPlayerProcess::Options{.appID = "org.example.Player"});
+  // The same tone played directly first: the breaks this machine causes on its own.
+  constexpr double kRecorderStart = 1.5;
+  std::optional<testing::MonitorRecording> directRecording(
+      std::in_place, server.runtimeDir() / "direct.raw", "out1.monitor");
+  std::this_thread::sleep_for(std::chrono::duration<double>(seconds + kRecorderStart));
+  const auto directBreaks = dropoutsIn(directRecording->stopSamples(), 440.0, 0.5);
+  directRecording.reset();
   const auto constructed = Clock::now();
   auto tap =
       std::make_unique<ProcessMuteTap>("Player", processObjectsOf(*backend, player->pid()), 0.0f);
@@ -195,6 +268,11 @@ int main(int argc, char** argv) {
   std::vector<double> latencies;
   std::string underrunSeconds;
   std::uint64_t underruns = 0;
+  testing::MonitorRecording tapRecording(server.runtimeDir() / "tapped.raw", "out1.monitor");
+  // The player is a minimal client of the same server at the same latency: its CPU in the same
+  // seconds is the baseline of what this machine charges for such a stream.
+  const std::string playerStat = "/proc/" + std::to_string(player->pid()) + "/stat";
+  const double playerCPUBefore = cpuSecondsOf(playerStat);
   const double cpuBefore = threadCPUSeconds("quellix-io");
   for (int second = 1; second <= seconds; ++second) {
     std::this_thread::sleep_for(std::chrono::seconds(1));
@@ -205,14 +283,16 @@ int main(int argc, char** argv) {
     }
   }
   const double cpuPercent = 100.0 * (threadCPUSeconds("quellix-io") - cpuBefore) / seconds;
+  const double playerCPUPercent = 100.0 * (cpuSecondsOf(playerStat) - playerCPUBefore) / seconds;
+  const auto tapBreaks = dropoutsIn(tapRecording.stopSamples(), 440.0, 0.5);
   const auto statistics =
       backend->ioStatistics(tap->aggregateID()).value_or(PulseIOPath::Statistics{});
-  const std::size_t quarter = std::max<std::size_t>(latencies.size() / 4, 1);
+  const std::size_t span = std::clamp<std::size_t>(latencies.size() / 2, 1, 10);
   auto mean = [](auto begin, auto end) {
     return begin == end ? 0.0 : std::accumulate(begin, end, 0.0) / static_cast<double>(end - begin);
   };
-  const double firstLatency = mean(latencies.begin(), latencies.begin() + quarter);
-  const double lastLatency = mean(latencies.end() - quarter, latencies.end());
+  const double firstLatency = mean(latencies.begin(), latencies.begin() + span);
+  const double lastLatency = mean(latencies.end() - span, latencies.end());
 
   constexpr int kMutedSeconds = 10;
   tap->setGain(0.0f);
@@ -256,15 +336,23 @@ int main(int argc, char** argv) {
 
   std::printf("server: %s, %d s at gain 0.5\n", pipeWire ? "PipeWire" : "PulseAudio", seconds);
   std::printf("  silent after construction started: %.1f ms\n", silentAfterMs);
-  std::printf("  IO thread CPU: %.2f %% of one core (muted: %.2f %%)\n", cpuPercent,
-              mutedCPUPercent);
+  std::printf(
+      "  IO thread CPU: %.2f %% of one core (muted: %.2f %%); the player, same seconds: %.2f %% "
+      "(ratio %.2f)\n",
+      cpuPercent, mutedCPUPercent, playerCPUPercent,
+      playerCPUPercent > 0 ? cpuPercent / playerCPUPercent : 0.0);
   std::printf("  underruns: %llu (in second:%s), dropped frames: %llu, IO cycles: %llu\n",
               static_cast<unsigned long long>(statistics.underruns), underrunSeconds.c_str(),
               static_cast<unsigned long long>(statistics.droppedFrames),
               static_cast<unsigned long long>(statistics.cycles));
   std::printf(
-      "  queued playback: first quarter %.1f ms, last quarter %.1f ms, held %.0f ms, rate x%.4f\n",
-      firstLatency, lastLatency, statistics.heldLatencyMs, statistics.rateCorrection);
+      "  breaks in the tone heard at the output, %d s each: tapped %zu (at s%s), direct %zu (at "
+      "s%s)\n",
+      seconds, tapBreaks.size(), secondsList(tapBreaks).c_str(), directBreaks.size(),
+      secondsList(directBreaks).c_str());
+  std::printf(
+      "  queued playback: first %zu s %.1f ms, last %zu s %.1f ms, held %.0f ms, rate x%.4f\n",
+      span, firstLatency, span, lastLatency, statistics.heldLatencyMs, statistics.rateCorrection);
   const auto direct = timeline.shiftMs("direct");
   const auto directAgain = timeline.shiftMs("direct again");
   const auto directLast = timeline.shiftMs("direct last");
