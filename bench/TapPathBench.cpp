@@ -114,7 +114,7 @@ bool moveStream(const testing::SoundServer& server, const PulseBackend& backend,
 // as a residual far above what resampling leaves. Only the span between the tone's first and
 // last loud sample is looked at, less `settleSeconds` at its start.
 std::vector<double> dropoutsIn(const std::vector<float>& recording, double frequency,
-                               double settleSeconds) {
+                               double settleSeconds, std::size_t endFrame = SIZE_MAX) {
   constexpr double kRate = 48000;
   const std::size_t frames = recording.size() / 2;
   auto sample = [&](std::size_t frame) { return static_cast<double>(recording[2 * frame]); };
@@ -122,7 +122,7 @@ std::vector<double> dropoutsIn(const std::vector<float>& recording, double frequ
   for (std::size_t frame = 0; frame < frames; ++frame)
     peak = std::max(peak, std::abs(sample(frame)));
   std::size_t first = 0;
-  std::size_t last = frames;
+  std::size_t last = std::min(frames, endFrame);
   while (first < frames && std::abs(sample(first)) < peak / 2)
     ++first;
   while (last > first && std::abs(sample(last - 1)) < peak / 2)
@@ -153,6 +153,29 @@ std::string secondsList(const std::vector<double>& times) {
   return text;
 }
 
+// The frame of a recording that was playing at a moment, counted back from when the recording
+// stopped. The recorder's own lag makes every frame look later than it sounded.
+std::size_t frameAt(std::size_t frames, Clock::time_point stoppedAt, Clock::time_point at) {
+  const double before = std::chrono::duration<double>(stoppedAt - at).count() * 48000;
+  return before >= static_cast<double>(frames) ? std::size_t{0}
+                                               : frames - static_cast<std::size_t>(before);
+}
+
+// Milliseconds from `from` until the first 50 ms below -60 dBFS in channel 0.
+std::optional<double> silenceAfter(const std::vector<float>& recording, std::size_t from) {
+  constexpr std::size_t kRate = 48000;
+  constexpr std::size_t kSpan = kRate / 20;
+  constexpr float kQuiet = 0.001f;
+  std::size_t quietSince = from;
+  for (std::size_t frame = from; frame < recording.size() / 2; ++frame) {
+    if (std::abs(recording[2 * frame]) >= kQuiet)
+      quietSince = frame + 1;
+    else if (frame + 1 - quietSince >= kSpan)
+      return static_cast<double>(quietSince - from) * 1000.0 / kRate;
+  }
+  return std::nullopt;
+}
+
 // The added latency of a path, measured by a player of bursts on the beat of the monotonic
 // clock: one recording of the output spans every path in turn, and each path shifts the
 // bursts by its latency. The shift against the direct path before and after it is the added
@@ -168,11 +191,7 @@ class BurstTimeline {
     constexpr float kThreshold = 0.1f;
     constexpr std::size_t kQuietBefore = kRate / 20;
     const std::size_t frames = recording.size() / 2;
-    auto frameAt = [&](Clock::time_point at) {
-      const double before = std::chrono::duration<double>(stoppedAt - at).count() * kRate;
-      return before >= static_cast<double>(frames) ? std::size_t{0}
-                                                   : frames - static_cast<std::size_t>(before);
-    };
+    auto frameOf = [&](Clock::time_point at) { return frameAt(frames, stoppedAt, at); };
     std::vector<std::size_t> onsets;
     std::size_t lastLoud = 0;
     for (std::size_t frame = 0; frame < frames; ++frame) {
@@ -186,7 +205,7 @@ class BurstTimeline {
     // a stray, in two corrections.
     std::optional<double> reference;
     for (int pass = 0;; ++pass) {
-      foldPhases(onsets, frameAt, frames, reference);
+      foldPhases(onsets, frameOf, frames, reference);
       if (pass == 2 || segments_.empty() || segments_.front().phasesMs.empty())
         return;
       reference = std::fmod(*reference + testing::medianOf(segments_.front().phasesMs) + kPeriodMs,
@@ -209,16 +228,16 @@ class BurstTimeline {
     std::vector<double> phasesMs;
   };
 
-  template <typename FrameAt>
-  void foldPhases(const std::vector<std::size_t>& onsets, const FrameAt& frameAt,
+  template <typename FrameOf>
+  void foldPhases(const std::vector<std::size_t>& onsets, const FrameOf& frameOf,
                   std::size_t frames, std::optional<double>& reference) {
     constexpr std::size_t kRate = 48000;
     constexpr std::size_t kPeriod = kRate * kPeriodMs / 1000;
     for (std::size_t i = 0; i < segments_.size(); ++i) {
       // The paths settle for a while after each switch.
-      const std::size_t from = frameAt(segments_[i].startedAt + std::chrono::milliseconds(1500));
+      const std::size_t from = frameOf(segments_[i].startedAt + std::chrono::milliseconds(1500));
       const std::size_t to =
-          i + 1 < segments_.size() ? frameAt(segments_[i + 1].startedAt) : frames;
+          i + 1 < segments_.size() ? frameOf(segments_[i + 1].startedAt) : frames;
       std::vector<double> phases;
       for (std::size_t onset : onsets) {
         if (onset < from || onset >= to)
@@ -256,13 +275,21 @@ int main(int argc, char** argv) {
   std::optional<testing::MonitorRecording> directRecording(
       std::in_place, server.runtimeDir() / "direct.raw", "out1.monitor");
   std::this_thread::sleep_for(std::chrono::duration<double>(seconds + kRecorderStart));
-  const auto directBreaks = dropoutsIn(directRecording->stopSamples(), 440.0, 0.5);
-  directRecording.reset();
+  // The recording goes on while the tap is made, muted: the tone's end in it is the moment the
+  // output fell silent.
   const auto constructed = Clock::now();
   auto tap =
       std::make_unique<ProcessMuteTap>("Player", processObjectsOf(*backend, player->pid()), 0.0f);
-  const double silentAfterMs =
+  const double constructionMs =
       std::chrono::duration<double, std::milli>(Clock::now() - constructed).count();
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  const auto directStopped = Clock::now();
+  const auto directSamples = directRecording->stopSamples();
+  directRecording.reset();
+  const std::size_t constructionFrame =
+      frameAt(directSamples.size() / 2, directStopped, constructed);
+  const auto directBreaks = dropoutsIn(directSamples, 440.0, 0.5, constructionFrame);
+  const auto silentAfterMs = silenceAfter(directSamples, constructionFrame);
   tap->setGain(0.5f);
 
   std::vector<double> latencies;
@@ -335,7 +362,12 @@ int main(int argc, char** argv) {
   timeline.finish(recording.stopSamples(), stoppedAt);
 
   std::printf("server: %s, %d s at gain 0.5\n", pipeWire ? "PipeWire" : "PulseAudio", seconds);
-  std::printf("  silent after construction started: %.1f ms\n", silentAfterMs);
+  std::printf(
+      "  silent at the output %s ms after construction started (with the recorder's lag); "
+      "construction took %.1f ms\n",
+      silentAfterMs ? std::to_string(static_cast<int>(std::lround(*silentAfterMs))).c_str()
+                    : "never",
+      constructionMs);
   std::printf(
       "  IO thread CPU: %.2f %% of one core (muted: %.2f %%); the player, same seconds: %.2f %% "
       "(ratio %.2f)\n",
