@@ -35,6 +35,9 @@ constexpr double kRateGain = 0.01;
 // more, up to a limit.
 constexpr std::chrono::milliseconds kUnderrunStep{5};
 constexpr double kMaxHeldLatency = 3.0;  // in target latencies
+// Underruns at the most held latency mean the reading counts more than what is queued (a
+// server's graph may report its own delay in it): the steering then aims that much higher.
+constexpr double kMaxReadingExcess = 5.0;  // in target latencies
 constexpr std::size_t kChunkFrames = 2048;
 // More than the converter looks ahead, so that it has played out the sound before a silence.
 constexpr std::size_t kResamplerFlushFrames = 256;
@@ -294,8 +297,13 @@ void PulseIOPath::play(const float* input, std::size_t frames) {
 
 void PulseIOPath::onUnderrun() {
   underruns_.fetch_add(1, std::memory_order_relaxed);
-  const double limit = kMaxHeldLatency * static_cast<double>(config_.targetLatency.count());
-  heldLatencyMs_ = std::min(heldLatencyMs_ + static_cast<double>(kUnderrunStep.count()), limit);
+  const auto target = static_cast<double>(config_.targetLatency.count());
+  const auto step = static_cast<double>(kUnderrunStep.count());
+  if (heldLatencyMs_ < kMaxHeldLatency * target) {
+    heldLatencyMs_ = std::min(heldLatencyMs_ + step, kMaxHeldLatency * target);
+  } else {
+    readingExcessMs_ = std::min(readingExcessMs_ + step, kMaxReadingExcess * target);
+  }
   reportedHeldLatencyMs_.store(heldLatencyMs_, std::memory_order_relaxed);
 }
 
@@ -311,8 +319,9 @@ void PulseIOPath::adjustRate() {
   if (pa_stream_get_latency(playback_, &latency, &negative) < 0) {
     return;
   }
-  const double queuedMs = negative != 0 ? 0.0 : static_cast<double>(latency) / 1000.0;
-  playbackLatencyMs_.store(queuedMs, std::memory_order_relaxed);
+  const double readingMs = negative != 0 ? 0.0 : static_cast<double>(latency) / 1000.0;
+  playbackLatencyMs_.store(readingMs, std::memory_order_relaxed);
+  const double queuedMs = std::max(readingMs - readingExcessMs_, 0.0);
   if (queuedMs > kPlaybackRoom * heldLatencyMs_) {
     // Far too much queued (a burst): drop what is over at once rather than play it fast.
     skipBytes_ =

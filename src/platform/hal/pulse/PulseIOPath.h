@@ -94,6 +94,7 @@ class PulseIOPath {
   double silenceCarry_ = 0;
   std::size_t silenceThroughResampler_ = SIZE_MAX;  // frames since the last sound
   double heldLatencyMs_ = 0;
+  double readingExcessMs_ = 0;
   double smoothedLatencyMs_ = -1;
   std::size_t skipBytes_ = 0;
   std::uint64_t ticks_ = 0;
