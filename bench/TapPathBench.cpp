@@ -393,11 +393,17 @@ int main(int argc, char** argv) {
   if (direct && directAgain && directLast && tapped && loopback && moved && movedBack) {
     const double tapAdded = *tapped - (*direct + *directAgain) / 2;
     const double loopbackAdded = *loopback - (*directAgain + *directLast) / 2;
+    // A player whose own latency changed between two visits of the direct path (a move may
+    // leave more queued) makes the paths beside that change incomparable.
+    constexpr double kSteadyMs = 5.0;
+    const bool steady = std::abs(*directAgain - *direct) <= kSteadyMs &&
+                        std::abs(*directLast - *directAgain) <= kSteadyMs;
     std::printf(
         "  added latency of a burst: tap path %.1f ms, loopback at 20 ms %.1f ms "
-        "(ratio %.2f); direct path moved by %.1f and %.1f ms\n",
+        "(ratio %.2f); direct path moved by %.1f and %.1f ms%s\n",
         tapAdded, loopbackAdded, loopbackAdded > 0 ? tapAdded / loopbackAdded : 0.0,
-        *directAgain - *direct, *directLast - *directAgain);
+        *directAgain - *direct, *directLast - *directAgain,
+        steady ? "" : " (unsteady: not comparable)");
   } else {
     std::printf(
         "  added latency of a burst: not measured (no bursts on some path, or a move "
