@@ -32,6 +32,9 @@ namespace {
 using namespace quellix;
 using Clock = std::chrono::steady_clock;
 
+// The rate of every recording here.
+constexpr std::size_t kRate = 48000;
+
 // CPU seconds used so far by the task or process whose stat file this is.
 double cpuSecondsOf(const std::string& statFile) {
   std::string stat;
@@ -115,7 +118,6 @@ bool moveStream(const testing::SoundServer& server, const PulseBackend& backend,
 // last loud sample is looked at, less `settleSeconds` at its start.
 std::vector<double> dropoutsIn(const std::vector<float>& recording, double frequency,
                                double settleSeconds, std::size_t endFrame = SIZE_MAX) {
-  constexpr double kRate = 48000;
   const std::size_t frames = recording.size() / 2;
   auto sample = [&](std::size_t frame) { return static_cast<double>(recording[2 * frame]); };
   double peak = 0;
@@ -127,20 +129,20 @@ std::vector<double> dropoutsIn(const std::vector<float>& recording, double frequ
     ++first;
   while (last > first && std::abs(sample(last - 1)) < peak / 2)
     --last;
-  first += static_cast<std::size_t>(settleSeconds * kRate);
-  const double coefficient = 2 * std::cos(2 * M_PI * frequency / kRate);
+  first += static_cast<std::size_t>(settleSeconds * static_cast<double>(kRate));
+  const double coefficient = 2 * std::cos(2 * M_PI * frequency / static_cast<double>(kRate));
   const double threshold = 0.05 * peak;
   // A break disturbs the prediction at both ends of a gap and for a while after a click; one
   // within this span of the last is the same break.
-  const auto sameBreak = static_cast<std::size_t>(kRate / 10);
+  constexpr std::size_t kSameBreak = kRate / 10;
   std::vector<double> breaks;
   std::size_t lastBreak = 0;
   for (std::size_t frame = first + 2; frame < last; ++frame) {
     const double residual = sample(frame) - coefficient * sample(frame - 1) + sample(frame - 2);
     if (std::abs(residual) <= threshold)
       continue;
-    if (breaks.empty() || frame - lastBreak > sameBreak)
-      breaks.push_back(static_cast<double>(frame) / kRate);
+    if (breaks.empty() || frame - lastBreak > kSameBreak)
+      breaks.push_back(static_cast<double>(frame) / static_cast<double>(kRate));
     lastBreak = frame;
   }
   return breaks;
@@ -156,14 +158,14 @@ std::string secondsList(const std::vector<double>& times) {
 // The frame of a recording that was playing at a moment, counted back from when the recording
 // stopped. The recorder's own lag makes every frame look later than it sounded.
 std::size_t frameAt(std::size_t frames, Clock::time_point stoppedAt, Clock::time_point at) {
-  const double before = std::chrono::duration<double>(stoppedAt - at).count() * 48000;
+  const double before =
+      std::chrono::duration<double>(stoppedAt - at).count() * static_cast<double>(kRate);
   return before >= static_cast<double>(frames) ? std::size_t{0}
                                                : frames - static_cast<std::size_t>(before);
 }
 
 // Milliseconds from `from` until the first 50 ms below -60 dBFS in channel 0.
 std::optional<double> silenceAfter(const std::vector<float>& recording, std::size_t from) {
-  constexpr std::size_t kRate = 48000;
   constexpr std::size_t kSpan = kRate / 20;
   constexpr float kQuiet = 0.001f;
   std::size_t quietSince = from;
@@ -187,7 +189,6 @@ class BurstTimeline {
   void mark(const std::string& name) { segments_.push_back({name, Clock::now(), {}}); }
 
   void finish(const std::vector<float>& recording, Clock::time_point stoppedAt) {
-    constexpr std::size_t kRate = 48000;
     constexpr float kThreshold = 0.1f;
     constexpr std::size_t kQuietBefore = kRate / 20;
     const std::size_t frames = recording.size() / 2;
@@ -231,7 +232,6 @@ class BurstTimeline {
   template <typename FrameOf>
   void foldPhases(const std::vector<std::size_t>& onsets, const FrameOf& frameOf,
                   std::size_t frames, std::optional<double>& reference) {
-    constexpr std::size_t kRate = 48000;
     constexpr std::size_t kPeriod = kRate * kPeriodMs / 1000;
     for (std::size_t i = 0; i < segments_.size(); ++i) {
       // The paths settle for a while after each switch.
