@@ -31,13 +31,6 @@ constexpr double kLatencySmoothing = 0.1;
 // notices as pitch) and how hard the latency error, in held latencies, pulls.
 constexpr double kMaxRateCorrection = 0.005;
 constexpr double kRateGain = 0.01;
-// An underrun means the server's own cycle is longer than the held latency allows for: hold
-// more, up to a limit.
-constexpr std::chrono::milliseconds kUnderrunStep{5};
-constexpr double kMaxHeldLatency = 3.0;  // in target latencies
-// Underruns at the most held latency mean the reading counts more than what is queued (a
-// server's graph may report its own delay in it): the steering then aims that much higher.
-constexpr double kMaxReadingExcess = 5.0;  // in target latencies
 constexpr std::size_t kChunkFrames = 2048;
 // More than the converter looks ahead, so that it has played out the sound before a silence.
 constexpr std::size_t kResamplerFlushFrames = 256;
@@ -71,8 +64,8 @@ PulseIOPath::PulseIOPath(Config config)
       silence_(kResampledFrames * kChannels, 0.0f),
       processed_(kChunkFrames * kChannels, 0.0f),
       resampled_(kResampledFrames * kChannels, 0.0f),
-      heldLatencyMs_(static_cast<double>(config_.targetLatency.count())),
-      reportedHeldLatencyMs_(heldLatencyMs_) {}
+      held_(config_.targetLatency, kIOTick),
+      reportedHeldLatencyMs_(held_.heldMs()) {}
 
 PulseIOPath::~PulseIOPath() {
   // The loop's thread ends first; the streams and the context are then this thread's alone.
@@ -162,6 +155,9 @@ void PulseIOPath::onStateChange() {
   if (failed(recordState) || failed(playbackState)) {
     finishStartup(Startup::failed);
   } else if (recordState == PA_STREAM_READY && playbackState == PA_STREAM_READY) {
+    // The server starts playing once it holds a fragment, and the steering would take
+    // seconds to queue the rest: the first sound starts with the held latency queued instead.
+    writeSilence(held_.heldMs());
     loop_.setPaced(kIOTick);
     finishStartup(Startup::running);
   }
@@ -224,7 +220,7 @@ void PulseIOPath::onReadable(std::size_t readable) {
   // Every libpulse call costs a system call of its own (a fork check), so the loop peeks only
   // as many fragments as the server announced and asks for no latency here.
   const auto room =
-      static_cast<std::size_t>(kPlaybackRoom * heldLatencyMs_ * config_.sampleRate / 1000.0) *
+      static_cast<std::size_t>(kPlaybackRoom * held_.heldMs() * config_.sampleRate / 1000.0) *
       kBytesPerFrame;
   while (readable > 0) {
     const void* data = nullptr;
@@ -295,19 +291,52 @@ void PulseIOPath::play(const float* input, std::size_t frames) {
                   0, PA_SEEK_RELATIVE);
 }
 
+void PulseIOPath::writeSilence(double milliseconds) {
+  auto frames = static_cast<std::size_t>(milliseconds * config_.sampleRate / 1000.0);
+  while (frames > 0) {
+    const std::size_t chunk = std::min(frames, kResampledFrames);
+    pa_stream_write(playback_, silence_.data(), chunk * kBytesPerFrame, nullptr, 0,
+                    PA_SEEK_RELATIVE);
+    frames -= chunk;
+  }
+}
+
 void PulseIOPath::onUnderrun() {
   underruns_.fetch_add(1, std::memory_order_relaxed);
-  const auto target = static_cast<double>(config_.targetLatency.count());
-  const auto step = static_cast<double>(kUnderrunStep.count());
-  if (heldLatencyMs_ < kMaxHeldLatency * target) {
-    heldLatencyMs_ = std::min(heldLatencyMs_ + step, kMaxHeldLatency * target);
-  } else {
-    readingExcessMs_ = std::min(readingExcessMs_ + step, kMaxReadingExcess * target);
+  if (held_.onUnderrun()) {
+    reportedHeldLatencyMs_.store(held_.heldMs(), std::memory_order_relaxed);
   }
-  reportedHeldLatencyMs_.store(heldLatencyMs_, std::memory_order_relaxed);
+  // After an underrun the server waits for a fragment and then plays on from a near-empty
+  // queue, where the next late wake-up breaks the sound again. The gap is already audible:
+  // refill it to the held latency at once, as soon as a fresh reading tells how much is queued.
+  if (pa_operation* update =
+          pa_stream_update_timing_info(playback_, &PulseIOPath::refillCallback, this)) {
+    pa_operation_unref(update);
+  }
+}
+
+void PulseIOPath::refillCallback(pa_stream*, int success, void* userdata) {
+  if (success != 0) {
+    pathOf(userdata)->refill();
+  }
+}
+
+void PulseIOPath::refill() {
+  pa_usec_t latency = 0;
+  int negative = 0;
+  if (pa_stream_get_latency(playback_, &latency, &negative) < 0) {
+    return;
+  }
+  const double readingMs = negative != 0 ? 0.0 : static_cast<double>(latency) / 1000.0;
+  const double queuedMs = std::max(readingMs - held_.readingExcessMs(), 0.0);
+  if (queuedMs < held_.heldMs()) {
+    writeSilence(held_.heldMs() - queuedMs);
+  }
 }
 
 void PulseIOPath::onTick() {
+  held_.onTick();
+  reportedHeldLatencyMs_.store(held_.heldMs(), std::memory_order_relaxed);
   if (++ticks_ % kTicksPerRateCheck == 0) {
     adjustRate();
   }
@@ -321,13 +350,13 @@ void PulseIOPath::adjustRate() {
   }
   const double readingMs = negative != 0 ? 0.0 : static_cast<double>(latency) / 1000.0;
   playbackLatencyMs_.store(readingMs, std::memory_order_relaxed);
-  const double queuedMs = std::max(readingMs - readingExcessMs_, 0.0);
-  if (queuedMs > kPlaybackRoom * heldLatencyMs_) {
+  const double heldMs = held_.heldMs();
+  const double queuedMs = std::max(readingMs - held_.readingExcessMs(), 0.0);
+  if (queuedMs > kPlaybackRoom * heldMs) {
     // Far too much queued (a burst): drop what is over at once rather than play it fast.
-    skipBytes_ =
-        static_cast<std::size_t>((queuedMs - heldLatencyMs_) * config_.sampleRate / 1000.0) *
-        kBytesPerFrame;
-    smoothedLatencyMs_ = heldLatencyMs_;
+    skipBytes_ = static_cast<std::size_t>((queuedMs - heldMs) * config_.sampleRate / 1000.0) *
+                 kBytesPerFrame;
+    smoothedLatencyMs_ = heldMs;
     return;
   }
   smoothedLatencyMs_ =
@@ -336,7 +365,7 @@ void PulseIOPath::adjustRate() {
           : smoothedLatencyMs_ + kLatencySmoothing * (queuedMs - smoothedLatencyMs_);
   // More queued than held: the tap's clock runs ahead of the output's, so make fewer samples
   // of each second, and the other way round.
-  const double error = (smoothedLatencyMs_ - heldLatencyMs_) / heldLatencyMs_;
+  const double error = (smoothedLatencyMs_ - heldMs) / heldMs;
   ratio_ = std::clamp(1.0 - kRateGain * error, 1.0 - kMaxRateCorrection, 1.0 + kMaxRateCorrection);
   reportedRatio_.store(ratio_, std::memory_order_relaxed);
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/hal/AudioHardware.h"
+#include "platform/hal/pulse/HeldLatency.h"
 #include "platform/hal/pulse/PacedMainloop.h"
 
 struct pa_context;
@@ -67,6 +68,8 @@ class PulseIOPath {
   void onReadable(std::size_t readable);
   void play(const float* input, std::size_t frames);
   void onUnderrun();
+  void refill();
+  void writeSilence(double milliseconds);
   void onTick();
   void adjustRate();
 
@@ -74,6 +77,7 @@ class PulseIOPath {
   static void streamStateCallback(pa_stream* stream, void* userdata);
   static void readCallback(pa_stream* stream, std::size_t bytes, void* userdata);
   static void underflowCallback(pa_stream* stream, void* userdata);
+  static void refillCallback(pa_stream* stream, int success, void* userdata);
 
   Config config_;
   PacedMainloop loop_;
@@ -93,8 +97,7 @@ class PulseIOPath {
   double ratio_ = 1.0;
   double silenceCarry_ = 0;
   std::size_t silenceThroughResampler_ = SIZE_MAX;  // frames since the last sound
-  double heldLatencyMs_ = 0;
-  double readingExcessMs_ = 0;
+  HeldLatency held_;
   double smoothedLatencyMs_ = -1;
   std::size_t skipBytes_ = 0;
   std::uint64_t ticks_ = 0;
