@@ -70,5 +70,31 @@ TEST(HeldLatencyTests, AQuietStretchGivesTheExcessBackFirstThenTheLatencyDownToT
   EXPECT_EQ(held.heldMs(), 20);
 }
 
+TEST(HeldLatencyTests, ALatencyTakenAgainSoonAfterItWasGivenBackIsKeptTwiceAsLong) {
+  HeldLatency held(20ms, kTick);
+  auto raise = [&] {
+    for (int underrun = 0; underrun < 3; ++underrun) {
+      held.onUnderrun();
+      pass(held, 10ms);
+    }
+  };
+  raise();
+  ASSERT_EQ(held.heldMs(), 25);
+  pass(held, 30s);
+  ASSERT_EQ(held.heldMs(), 20);
+  pass(held, 20s);
+  raise();
+  EXPECT_EQ(held.heldMs(), 25);
+  pass(held, 59s);
+  EXPECT_EQ(held.heldMs(), 25);
+  pass(held, 1s);
+  EXPECT_EQ(held.heldMs(), 20);
+  // Taken again only after the wait: the next one is as long.
+  pass(held, 2min);
+  raise();
+  pass(held, 60s);
+  EXPECT_EQ(held.heldMs(), 20);
+}
+
 }  // namespace
 }  // namespace quellix

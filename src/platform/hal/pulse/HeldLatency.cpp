@@ -12,7 +12,8 @@ constexpr double kStepMs = static_cast<double>(HeldLatency::kStep.count());
 HeldLatency::HeldLatency(std::chrono::milliseconds target, std::chrono::microseconds tick)
     : targetMs_(static_cast<double>(target.count())),
       repeatedTicks_(static_cast<std::uint64_t>(kRepeatedSpan / tick)),
-      quietTicks_(static_cast<std::uint64_t>(kQuietSpan / tick)),
+      baseQuietTicks_(static_cast<std::uint64_t>(kQuietSpan / tick)),
+      quietTicks_(baseQuietTicks_),
       heldMs_(targetMs_) {}
 
 void HeldLatency::onTick() {
@@ -21,6 +22,8 @@ void HeldLatency::onTick() {
     return;
   }
   sinceChange_ = 0;
+  steppedDown_ = true;
+  steppedDownAt_ = ticks_;
   if (readingExcessMs_ > 0) {
     readingExcessMs_ = std::max(readingExcessMs_ - kStepMs, 0.0);
   } else {
@@ -38,6 +41,10 @@ bool HeldLatency::onUnderrun() {
   if (!repeated) {
     return false;
   }
+  if (steppedDown_ && ticks_ - steppedDownAt_ < quietTicks_) {
+    quietTicks_ = std::min(quietTicks_ * 2, baseQuietTicks_ * kMaxQuietSpans);
+  }
+  steppedDown_ = false;
   if (heldMs_ < kMaxHeld * targetMs_) {
     heldMs_ = std::min(heldMs_ + kStepMs, kMaxHeld * targetMs_);
   } else if (readingExcessMs_ < kMaxReadingExcess * targetMs_) {

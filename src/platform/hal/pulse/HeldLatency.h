@@ -12,7 +12,9 @@ namespace quellix {
 // hiccup of the machine that more latency would not have covered. Once the limit is reached,
 // further underruns mean the latency reading counts more than is queued (a server's graph may
 // report its own delay in it), and that excess is discounted instead. A quiet stretch gives
-// back a step at a time, so that one bad minute does not cost latency for the session.
+// back a step at a time, so that one bad minute does not cost latency for the session; when
+// a step given back is soon taken again, the condition lasts, and the next wait is twice as
+// long.
 //
 // Time is counted in the IO path's ticks, which the owner reports.
 class HeldLatency {
@@ -20,6 +22,7 @@ class HeldLatency {
   static constexpr std::chrono::milliseconds kStep{5};
   static constexpr std::chrono::seconds kRepeatedSpan{10};
   static constexpr std::chrono::seconds kQuietSpan{30};
+  static constexpr int kMaxQuietSpans = 16;
   static constexpr double kMaxHeld = 3.0;           // in targets
   static constexpr double kMaxReadingExcess = 5.0;  // in targets
 
@@ -35,12 +38,15 @@ class HeldLatency {
  private:
   double targetMs_;
   std::uint64_t repeatedTicks_;
+  std::uint64_t baseQuietTicks_;
   std::uint64_t quietTicks_;
   double heldMs_;
   double readingExcessMs_ = 0;
   std::uint64_t ticks_ = 0;
-  // Ticks since the last underrun or the last step down.
+  // Ticks since the last underrun or the last step down, and the tick of that step.
   std::uint64_t sinceChange_ = 0;
+  bool steppedDown_ = false;
+  std::uint64_t steppedDownAt_ = 0;
   std::array<std::uint64_t, 2> underrunTicks_{};
   std::uint64_t underrunsSeen_ = 0;
 };
