@@ -321,16 +321,21 @@ void PulseIOPath::refillCallback(pa_stream*, int success, void* userdata) {
   }
 }
 
-void PulseIOPath::refill() {
+std::optional<double> PulseIOPath::queuedMs() {
   pa_usec_t latency = 0;
   int negative = 0;
   if (pa_stream_get_latency(playback_, &latency, &negative) < 0) {
-    return;
+    return std::nullopt;
   }
   const double readingMs = negative != 0 ? 0.0 : static_cast<double>(latency) / 1000.0;
-  const double queuedMs = std::max(readingMs - held_.readingExcessMs(), 0.0);
-  if (queuedMs < held_.heldMs()) {
-    writeSilence(held_.heldMs() - queuedMs);
+  playbackLatencyMs_.store(readingMs, std::memory_order_relaxed);
+  return std::max(readingMs - held_.readingExcessMs(), 0.0);
+}
+
+void PulseIOPath::refill() {
+  const auto queued = queuedMs();
+  if (queued && *queued < held_.heldMs()) {
+    writeSilence(held_.heldMs() - *queued);
   }
 }
 
@@ -343,26 +348,22 @@ void PulseIOPath::onTick() {
 }
 
 void PulseIOPath::adjustRate() {
-  pa_usec_t latency = 0;
-  int negative = 0;
-  if (pa_stream_get_latency(playback_, &latency, &negative) < 0) {
+  const auto queued = queuedMs();
+  if (!queued) {
     return;
   }
-  const double readingMs = negative != 0 ? 0.0 : static_cast<double>(latency) / 1000.0;
-  playbackLatencyMs_.store(readingMs, std::memory_order_relaxed);
   const double heldMs = held_.heldMs();
-  const double queuedMs = std::max(readingMs - held_.readingExcessMs(), 0.0);
-  if (queuedMs > kPlaybackRoom * heldMs) {
+  if (*queued > kPlaybackRoom * heldMs) {
     // Far too much queued (a burst): drop what is over at once rather than play it fast.
-    skipBytes_ = static_cast<std::size_t>((queuedMs - heldMs) * config_.sampleRate / 1000.0) *
-                 kBytesPerFrame;
+    skipBytes_ =
+        static_cast<std::size_t>((*queued - heldMs) * config_.sampleRate / 1000.0) * kBytesPerFrame;
     smoothedLatencyMs_ = heldMs;
     return;
   }
   smoothedLatencyMs_ =
       smoothedLatencyMs_ < 0
-          ? queuedMs
-          : smoothedLatencyMs_ + kLatencySmoothing * (queuedMs - smoothedLatencyMs_);
+          ? *queued
+          : smoothedLatencyMs_ + kLatencySmoothing * (*queued - smoothedLatencyMs_);
   // More queued than held: the tap's clock runs ahead of the output's, so make fewer samples
   // of each second, and the other way round.
   const double error = (smoothedLatencyMs_ - heldMs) / heldMs;

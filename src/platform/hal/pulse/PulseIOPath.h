@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -68,6 +69,9 @@ class PulseIOPath {
   void onReadable(std::size_t readable);
   void play(const float* input, std::size_t frames);
   void onUnderrun();
+  // What the playback holds by the latency reading less its known excess, in ms; publishes
+  // the reading.
+  std::optional<double> queuedMs();
   void refill();
   void writeSilence(double milliseconds);
   void onTick();
