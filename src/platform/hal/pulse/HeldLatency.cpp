@@ -22,7 +22,6 @@ void HeldLatency::onTick() {
     return;
   }
   sinceChange_ = 0;
-  steppedDown_ = true;
   steppedDownAt_ = ticks_;
   if (readingExcessMs_ > 0) {
     readingExcessMs_ = std::max(readingExcessMs_ - kStepMs, 0.0);
@@ -41,10 +40,10 @@ bool HeldLatency::onUnderrun() {
   if (!repeated) {
     return false;
   }
-  if (steppedDown_ && ticks_ - steppedDownAt_ < quietTicks_) {
+  if (steppedDownAt_ && ticks_ - *steppedDownAt_ < quietTicks_) {
     quietTicks_ = std::min(quietTicks_ * 2, baseQuietTicks_ * kMaxQuietSpans);
   }
-  steppedDown_ = false;
+  steppedDownAt_.reset();
   if (heldMs_ < kMaxHeld * targetMs_) {
     heldMs_ = std::min(heldMs_ + kStepMs, kMaxHeld * targetMs_);
   } else if (readingExcessMs_ < kMaxReadingExcess * targetMs_) {

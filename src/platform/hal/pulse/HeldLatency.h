@@ -3,6 +3,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <optional>
 
 namespace quellix {
 
@@ -43,10 +44,10 @@ class HeldLatency {
   double heldMs_;
   double readingExcessMs_ = 0;
   std::uint64_t ticks_ = 0;
-  // Ticks since the last underrun or the last step down, and the tick of that step.
+  // Ticks since the last underrun or the last step down, and the tick of a step down no
+  // underrun has yet taken back.
   std::uint64_t sinceChange_ = 0;
-  bool steppedDown_ = false;
-  std::uint64_t steppedDownAt_ = 0;
+  std::optional<std::uint64_t> steppedDownAt_;
   std::array<std::uint64_t, 2> underrunTicks_{};
   std::uint64_t underrunsSeen_ = 0;
 };

@@ -303,9 +303,8 @@ void PulseIOPath::writeSilence(double milliseconds) {
 
 void PulseIOPath::onUnderrun() {
   underruns_.fetch_add(1, std::memory_order_relaxed);
-  if (held_.onUnderrun()) {
-    reportedHeldLatencyMs_.store(held_.heldMs(), std::memory_order_relaxed);
-  }
+  // What it holds from now on is published with the next tick.
+  held_.onUnderrun();
   // After an underrun the server waits for a fragment and then plays on from a near-empty
   // queue, where the next late wake-up breaks the sound again. The gap is already audible:
   // refill it to the held latency at once, as soon as a fresh reading tells how much is queued.
