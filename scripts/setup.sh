@@ -7,7 +7,7 @@ QUELLIX_PACKAGES=(
   build-essential cmake ninja-build pkg-config git
   clang clang-format libclang-rt-14-dev
   qt6-base-dev qt6-svg-dev qt6-tools-dev
-  libpulse-dev libsamplerate0-dev nlohmann-json3-dev libsystemd-dev
+  libpulse-dev libspeexdsp-dev nlohmann-json3-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus sox
 )

@@ -1,9 +1,10 @@
 #include "platform/hal/pulse/PulseIOPath.h"
 
 #include <pulse/pulseaudio.h>
-#include <samplerate.h>
+#include <speex/speex_resampler.h>
 
 #include <algorithm>
+#include <cmath>
 
 #include "platform/hal/pulse/PulseModel.h"
 #include "support/BuildInfo.h"
@@ -31,6 +32,9 @@ constexpr double kLatencySmoothing = 0.1;
 // notices as pitch) and how hard the latency error, in held latencies, pulls.
 constexpr double kMaxRateCorrection = 0.005;
 constexpr double kRateGain = 0.01;
+// The sound server's own default converter quality: what its loopback plays through when it
+// corrects drift the same way. Higher qualities cost up to three times as much per tap.
+constexpr int kResamplerQuality = 1;
 constexpr std::size_t kChunkFrames = 2048;
 // More than the converter looks ahead, so that it has played out the sound before a silence.
 constexpr std::size_t kResamplerFlushFrames = 256;
@@ -85,16 +89,23 @@ PulseIOPath::~PulseIOPath() {
     pa_context_unref(context_);
   }
   if (resampler_ != nullptr) {
-    src_delete(resampler_);
+    speex_resampler_destroy(resampler_);
   }
 }
 
 bool PulseIOPath::connect() {
   int error = 0;
-  resampler_ = src_new(SRC_SINC_FASTEST, kChannels, &error);
+  const spx_uint32_t rate = config_.sampleRate;
+  resampler_ = speex_resampler_init(kChannels, rate, rate, kResamplerQuality, &error);
   if (resampler_ == nullptr) {
     return false;
   }
+  // The converter's filter grows when it slows the sound down, and it allocates when it
+  // grows: at its largest once here, so that steering on the IO thread never allocates.
+  const auto slowest = static_cast<spx_uint32_t>(std::lround(rate * (1 - kMaxRateCorrection)));
+  speex_resampler_set_rate(resampler_, rate, slowest);
+  speex_resampler_set_rate(resampler_, rate, rate);
+  outputRate_ = rate;
   loop_.start(
       "quellix-io", [this] { beginConnecting(); }, [this] { onTick(); });
   std::unique_lock lock(startupMutex_);
@@ -277,18 +288,15 @@ void PulseIOPath::play(const float* input, std::size_t frames) {
     return;
   }
   silenceThroughResampler_ = silent ? silenceThroughResampler_ + frames : 0;
-  SRC_DATA conversion{};
-  conversion.data_in = processed_.data();
-  conversion.input_frames = static_cast<long>(frames);
-  conversion.data_out = resampled_.data();
-  conversion.output_frames = static_cast<long>(kResampledFrames);
-  conversion.src_ratio = ratio_;
-  if (src_process(resampler_, &conversion) != 0 || conversion.output_frames_gen == 0) {
+  auto consumed = static_cast<spx_uint32_t>(frames);
+  auto produced = static_cast<spx_uint32_t>(kResampledFrames);
+  if (speex_resampler_process_interleaved_float(resampler_, processed_.data(), &consumed,
+                                                resampled_.data(), &produced) != 0 ||
+      produced == 0) {
     return;
   }
-  pa_stream_write(playback_, resampled_.data(),
-                  static_cast<std::size_t>(conversion.output_frames_gen) * kBytesPerFrame, nullptr,
-                  0, PA_SEEK_RELATIVE);
+  pa_stream_write(playback_, resampled_.data(), produced * kBytesPerFrame, nullptr, 0,
+                  PA_SEEK_RELATIVE);
 }
 
 void PulseIOPath::writeSilence(double milliseconds) {
@@ -366,8 +374,18 @@ void PulseIOPath::adjustRate() {
   // More queued than held: the tap's clock runs ahead of the output's, so make fewer samples
   // of each second, and the other way round.
   const double error = (smoothedLatencyMs_ - heldMs) / heldMs;
-  ratio_ = std::clamp(1.0 - kRateGain * error, 1.0 - kMaxRateCorrection, 1.0 + kMaxRateCorrection);
-  reportedRatio_.store(ratio_, std::memory_order_relaxed);
+  const double wanted =
+      std::clamp(1.0 - kRateGain * error, 1.0 - kMaxRateCorrection, 1.0 + kMaxRateCorrection);
+  // The converter is steered in whole output hertz (2e-5 of the rate, a hundredth of a ms of
+  // latency per second): finer fractions overflow its arithmetic.
+  const double rate = config_.sampleRate;
+  const auto outputRate = static_cast<spx_uint32_t>(std::lround(rate * wanted));
+  if (outputRate != outputRate_) {
+    speex_resampler_set_rate(resampler_, config_.sampleRate, outputRate);
+    outputRate_ = outputRate;
+    ratio_ = outputRate / rate;
+    reportedRatio_.store(ratio_, std::memory_order_relaxed);
+  }
 }
 
 PulseIOPath::Statistics PulseIOPath::statistics() const {

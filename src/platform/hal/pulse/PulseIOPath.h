@@ -16,8 +16,8 @@
 
 struct pa_context;
 struct pa_stream;
-struct SRC_STATE_tag;
-typedef struct SRC_STATE_tag SRC_STATE;
+struct SpeexResamplerState_;
+typedef struct SpeexResamplerState_ SpeexResamplerState;
 
 namespace quellix {
 
@@ -91,13 +91,14 @@ class PulseIOPath {
   pa_context* context_ = nullptr;
   pa_stream* record_ = nullptr;
   pa_stream* playback_ = nullptr;
-  SRC_STATE* resampler_ = nullptr;
+  SpeexResamplerState* resampler_ = nullptr;
   // Buffers of the IO thread, sized once up front: silence for the holes a record stream may
   // report, what the block produced, and that resampled.
   std::vector<float> silence_;
   std::vector<float> processed_;
   std::vector<float> resampled_;
   // IO-thread state of the steering.
+  std::uint32_t outputRate_ = 0;  // the converter's, for the sample rate in
   double ratio_ = 1.0;
   double silenceCarry_ = 0;
   std::size_t silenceThroughResampler_ = SIZE_MAX;  // frames since the last sound
