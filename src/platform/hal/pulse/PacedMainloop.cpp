@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,6 +24,7 @@ struct PacedMainloop::IOEvent {
   void* userdata;
   pa_io_event_destroy_cb_t destroy = nullptr;
   bool dead = false;
+  bool socket = false;
 };
 
 struct PacedMainloop::TimeEvent {
@@ -197,7 +199,8 @@ bool PacedMainloop::iterate() {
       ::ppoll(&wake, 1, &timeout, nullptr);
     }
     // libpulse reads a socket one piece per readiness (a server without a shared ring sends
-    // everything through it), so a tick goes on handling until nothing more is ready.
+    // everything through it), so a tick goes on handling until no socket is ready: the
+    // second look is a system call for nothing when the ring carried it all.
     for (int round = 0; round < kMaxRoundsPerTick; ++round) {
       if (stopping_.load(std::memory_order_relaxed)) {
         return false;
@@ -258,6 +261,7 @@ bool PacedMainloop::dispatchIO(int timeoutMs, bool withWake) {
   if (ready <= 0) {
     return false;
   }
+  bool socketReady = false;
   if (withWake && pollSet_[0].revents != 0) {
     std::uint64_t value = 0;
     [[maybe_unused]] const auto read = ::read(wakeFD_, &value, sizeof(value));
@@ -271,10 +275,11 @@ bool PacedMainloop::dispatchIO(int timeoutMs, bool withWake) {
       continue;
     }
     pollSet_[i].revents = 0;
+    socketReady = socketReady || event->socket;
     event->callback(&api_, reinterpret_cast<pa_io_event*>(event), event->fd, eventFlags(revents),
                     event->userdata);
   }
-  return true;
+  return socketReady;
 }
 
 void PacedMainloop::dispatchTimeEvents(std::int64_t nowUs) {
@@ -340,8 +345,10 @@ bool PacedMainloop::anyDeferEnabled() const {
 pa_io_event* PacedMainloop::ioNew(pa_mainloop_api* api, int fd, pa_io_event_flags_t events,
                                   pa_io_event_cb_t callback, void* userdata) {
   PacedMainloop* loop = loopOf(api);
-  loop->ioEvents_.push_back(
-      std::make_unique<IOEvent>(IOEvent{loop, fd, events, callback, userdata}));
+  struct stat status {};
+  const bool socket = ::fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode);
+  loop->ioEvents_.push_back(std::make_unique<IOEvent>(
+      IOEvent{loop, fd, events, callback, userdata, nullptr, false, socket}));
   loop->pollSetChanged_ = true;
   return reinterpret_cast<pa_io_event*>(loop->ioEvents_.back().get());
 }

@@ -46,7 +46,8 @@ class PacedMainloop {
  private:
   void run(const std::function<void()>& setUp);
   bool iterate();
-  // Whether any descriptor was ready.
+  // Whether a socket was ready: libpulse reads a socket one piece per readiness, so it may
+  // hold more. A shared ring's notifications are handled whole.
   bool dispatchIO(int timeoutMs, bool withWake);
   void dispatchTimeEvents(std::int64_t nowUs);
   void dispatchDeferEvents();
