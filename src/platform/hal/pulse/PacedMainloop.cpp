@@ -165,6 +165,11 @@ void PacedMainloop::setPaced(std::chrono::microseconds tick) {
   nextTickUs_ = monotonicUs() + tick.count();
 }
 
+void PacedMainloop::setNextTick(std::chrono::microseconds delay, bool awaitMessage) {
+  nextTickUs_ = monotonicUs() + delay.count();
+  awaitingMessage_ = awaitMessage;
+}
+
 void PacedMainloop::stop() {
   stopping_.store(true);
   const std::uint64_t one = 1;
@@ -190,34 +195,40 @@ bool PacedMainloop::iterate() {
   const bool deferred = anyDeferEnabled();
   const std::int64_t now = monotonicUs();
   const std::int64_t nextTimer = nextTimeEventUs();
+  bool messaged = false;
   if (tick_.count() > 0 && !deferred) {
-    // Sleep until the tick or a timer; only a stop wakes the thread earlier.
     const std::int64_t until = nextTimer >= 0 ? std::min(nextTickUs_, nextTimer) : nextTickUs_;
-    if (until > now) {
-      pollfd wake{wakeFD_, POLLIN, 0};
-      const timespec timeout = durationSpec(until - now);
-      ::ppoll(&wake, 1, &timeout, nullptr);
+    Ready ready = Ready::nothing;
+    if (awaitingMessage_) {
+      ready = dispatchIO(std::max<std::int64_t>(until - now, 0), true);
+    } else {
+      // Sleep until the tick or a timer; only a stop wakes the thread earlier.
+      if (until > now) {
+        pollfd wake{wakeFD_, POLLIN, 0};
+        const timespec timeout = durationSpec(until - now);
+        ::ppoll(&wake, 1, &timeout, nullptr);
+      }
+      ready = dispatchIO(0, false);
     }
-    // libpulse reads a socket one piece per readiness (a server without a shared ring sends
-    // everything through it), so a tick goes on handling until no socket is ready: the
-    // second look is a system call for nothing when the ring carried it all.
-    for (int round = 0; round < kMaxRoundsPerTick; ++round) {
+    messaged = ready != Ready::nothing;
+    // A server without a shared ring sends everything through the socket: a tick goes on
+    // handling until no socket is ready. The second look is a system call for nothing when
+    // the ring carried it all.
+    for (int round = 1; ready == Ready::socket && round < kMaxRoundsPerTick; ++round) {
       if (stopping_.load(std::memory_order_relaxed)) {
         return false;
       }
-      if (!dispatchIO(0, false)) {
-        break;
-      }
       dispatchDeferEvents();
+      ready = dispatchIO(0, false);
     }
   } else {
-    int timeoutMs = -1;
+    std::int64_t timeoutUs = -1;
     if (deferred) {
-      timeoutMs = 0;
+      timeoutUs = 0;
     } else if (nextTimer >= 0) {
-      timeoutMs = static_cast<int>(std::max<std::int64_t>(nextTimer - now + 999, 0) / 1000);
+      timeoutUs = std::max<std::int64_t>(nextTimer - now, 0);
     }
-    dispatchIO(timeoutMs, true);
+    dispatchIO(timeoutUs, true);
   }
   if (stopping_.load(std::memory_order_relaxed)) {
     return false;
@@ -226,7 +237,8 @@ bool PacedMainloop::iterate() {
   dispatchDeferEvents();
   if (tick_.count() > 0) {
     const std::int64_t after = monotonicUs();
-    if (after >= nextTickUs_) {
+    if (after >= nextTickUs_ || (awaitingMessage_ && messaged)) {
+      awaitingMessage_ = false;
       nextTickUs_ += tick_.count();
       if (nextTickUs_ <= after) {
         nextTickUs_ = after + tick_.count();
@@ -239,7 +251,7 @@ bool PacedMainloop::iterate() {
   return true;
 }
 
-bool PacedMainloop::dispatchIO(int timeoutMs, bool withWake) {
+PacedMainloop::Ready PacedMainloop::dispatchIO(std::int64_t timeoutUs, bool withWake) {
   if (pollSetChanged_) {
     pollSet_.clear();
     polledEvents_.clear();
@@ -257,11 +269,11 @@ bool PacedMainloop::dispatchIO(int timeoutMs, bool withWake) {
   // pending stop cannot make the poll return at once forever.
   pollfd* first = withWake ? pollSet_.data() : pollSet_.data() + 1;
   const auto count = static_cast<nfds_t>(withWake ? pollSet_.size() : pollSet_.size() - 1);
-  const int ready = ::poll(first, count, timeoutMs);
-  if (ready <= 0) {
-    return false;
+  const timespec timeout = durationSpec(timeoutUs);
+  if (::ppoll(first, count, timeoutUs < 0 ? nullptr : &timeout, nullptr) <= 0) {
+    return Ready::nothing;
   }
-  bool socketReady = false;
+  Ready ready = Ready::nothing;
   if (withWake && pollSet_[0].revents != 0) {
     std::uint64_t value = 0;
     [[maybe_unused]] const auto read = ::read(wakeFD_, &value, sizeof(value));
@@ -275,11 +287,11 @@ bool PacedMainloop::dispatchIO(int timeoutMs, bool withWake) {
       continue;
     }
     pollSet_[i].revents = 0;
-    socketReady = socketReady || event->socket;
+    ready = event->socket ? Ready::socket : std::max(ready, Ready::ring);
     event->callback(&api_, reinterpret_cast<pa_io_event*>(event), event->fd, eventFlags(revents),
                     event->userdata);
   }
-  return socketReady;
+  return ready;
 }
 
 void PacedMainloop::dispatchTimeEvents(std::int64_t nowUs) {
