@@ -23,10 +23,11 @@ constexpr std::chrono::milliseconds kRecordFragment{10};
 constexpr double kPlaybackRoom = 3.0;
 // Once both streams run, the IO thread wakes when the monitor's next fragment is due rather
 // than at each message: the monitor and the playback's requests arrive on different clocks,
-// and handling each as it comes costs a context switch. The fragments come at the pace of the
-// tap sink's cycle, between these bounds. A tick lands this long after an arrival it waited
-// for, and each following one a hundredth of the pace earlier, so that it finds the
-// fragments fresh and, once it comes before one, learns anew when they arrive.
+// and handling each as it comes costs a context switch. The ticks follow the pace the fragments
+// come at (the tap sink's cycle), no quicker than this and no slower than a record fragment.
+// A tick lands this long after an arrival it waited for, and each following one a hundredth
+// of the pace earlier, so that it finds the fragments fresh and, once it comes before one,
+// learns anew when they arrive.
 constexpr std::chrono::microseconds kMinPace{5000};
 constexpr std::chrono::microseconds kArrivalMargin{1000};
 constexpr int kPaceCreepDivisor = 100;
@@ -292,7 +293,8 @@ void PulseIOPath::play(const float* input, std::size_t frames) {
   const bool silent = std::all_of(processed, processed + frames * kChannels,
                                   [](float sample) { return sample == 0.0f; });
   if (silent && silenceThroughResampler_ >= kResamplerFlushFrames) {
-    const double silentFrames = static_cast<double>(frames) * ratio_ + silenceCarry_;
+    const double ratio = static_cast<double>(outputRate_) / config_.sampleRate;
+    const double silentFrames = static_cast<double>(frames) * ratio + silenceCarry_;
     const auto whole = static_cast<std::size_t>(silentFrames);
     silenceCarry_ = silentFrames - static_cast<double>(whole);
     pa_stream_write(playback_, silence_.data(), whole * kBytesPerFrame, nullptr, 0,
@@ -437,8 +439,7 @@ void PulseIOPath::adjustRate() {
   if (outputRate != outputRate_) {
     speex_resampler_set_rate(resampler_, config_.sampleRate, outputRate);
     outputRate_ = outputRate;
-    ratio_ = outputRate / rate;
-    reportedRatio_.store(ratio_, std::memory_order_relaxed);
+    reportedRatio_.store(outputRate / rate, std::memory_order_relaxed);
   }
 }
 

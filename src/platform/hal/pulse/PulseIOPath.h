@@ -101,7 +101,6 @@ class PulseIOPath {
   std::vector<float> resampled_;
   // IO-thread state of the steering.
   std::uint32_t outputRate_ = 0;  // the converter's, for the sample rate in
-  double ratio_ = 1.0;
   double silenceCarry_ = 0;
   std::size_t silenceThroughResampler_ = SIZE_MAX;  // frames since the last sound
   HeldLatency held_;
