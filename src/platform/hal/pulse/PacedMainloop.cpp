@@ -165,11 +165,6 @@ void PacedMainloop::setPaced(std::chrono::microseconds tick) {
   nextTickUs_ = monotonicUs() + tick.count();
 }
 
-void PacedMainloop::setNextTick(std::chrono::microseconds delay, bool awaitMessage) {
-  nextTickUs_ = monotonicUs() + delay.count();
-  awaitingMessage_ = awaitMessage;
-}
-
 void PacedMainloop::stop() {
   stopping_.store(true);
   const std::uint64_t one = 1;
@@ -195,40 +190,34 @@ bool PacedMainloop::iterate() {
   const bool deferred = anyDeferEnabled();
   const std::int64_t now = monotonicUs();
   const std::int64_t nextTimer = nextTimeEventUs();
-  bool messaged = false;
   if (tick_.count() > 0 && !deferred) {
+    // Sleep until the tick or a timer; only a stop wakes the thread earlier.
     const std::int64_t until = nextTimer >= 0 ? std::min(nextTickUs_, nextTimer) : nextTickUs_;
-    Ready ready = Ready::nothing;
-    if (awaitingMessage_) {
-      ready = dispatchIO(std::max<std::int64_t>(until - now, 0), true);
-    } else {
-      // Sleep until the tick or a timer; only a stop wakes the thread earlier.
-      if (until > now) {
-        pollfd wake{wakeFD_, POLLIN, 0};
-        const timespec timeout = durationSpec(until - now);
-        ::ppoll(&wake, 1, &timeout, nullptr);
-      }
-      ready = dispatchIO(0, false);
+    if (until > now) {
+      pollfd wake{wakeFD_, POLLIN, 0};
+      const timespec timeout = durationSpec(until - now);
+      ::ppoll(&wake, 1, &timeout, nullptr);
     }
-    messaged = ready != Ready::nothing;
-    // A server without a shared ring sends everything through the socket: a tick goes on
-    // handling until no socket is ready. The second look is a system call for nothing when
-    // the ring carried it all.
-    for (int round = 1; ready == Ready::socket && round < kMaxRoundsPerTick; ++round) {
+    // libpulse reads a socket one piece per readiness (a server without a shared ring sends
+    // everything through it), so a tick goes on handling until no socket is ready: the
+    // second look is a system call for nothing when the ring carried it all.
+    for (int round = 0; round < kMaxRoundsPerTick; ++round) {
       if (stopping_.load(std::memory_order_relaxed)) {
         return false;
       }
+      if (!dispatchIO(0, false)) {
+        break;
+      }
       dispatchDeferEvents();
-      ready = dispatchIO(0, false);
     }
   } else {
-    std::int64_t timeoutUs = -1;
+    int timeoutMs = -1;
     if (deferred) {
-      timeoutUs = 0;
+      timeoutMs = 0;
     } else if (nextTimer >= 0) {
-      timeoutUs = std::max<std::int64_t>(nextTimer - now, 0);
+      timeoutMs = static_cast<int>(std::max<std::int64_t>(nextTimer - now + 999, 0) / 1000);
     }
-    dispatchIO(timeoutUs, true);
+    dispatchIO(timeoutMs, true);
   }
   if (stopping_.load(std::memory_order_relaxed)) {
     return false;
@@ -237,8 +226,7 @@ bool PacedMainloop::iterate() {
   dispatchDeferEvents();
   if (tick_.count() > 0) {
     const std::int64_t after = monotonicUs();
-    if (after >= nextTickUs_ || (awaitingMessage_ && messaged)) {
-      awaitingMessage_ = false;
+    if (after >= nextTickUs_) {
       nextTickUs_ += tick_.count();
       if (nextTickUs_ <= after) {
         nextTickUs_ = after + tick_.count();
@@ -251,7 +239,7 @@ bool PacedMainloop::iterate() {
   return true;
 }
 
-PacedMainloop::Ready PacedMainloop::dispatchIO(std::int64_t timeoutUs, bool withWake) {
+bool PacedMainloop::dispatchIO(int timeoutMs, bool withWake) {
   if (pollSetChanged_) {
     pollSet_.clear();
     polledEvents_.clear();
@@ -269,11 +257,11 @@ PacedMainloop::Ready PacedMainloop::dispatchIO(std::int64_t timeoutUs, bool with
   // pending stop cannot make the poll return at once forever.
   pollfd* first = withWake ? pollSet_.data() : pollSet_.data() + 1;
   const auto count = static_cast<nfds_t>(withWake ? pollSet_.size() : pollSet_.size() - 1);
-  const timespec timeout = durationSpec(timeoutUs);
-  if (::ppoll(first, count, timeoutUs < 0 ? nullptr : &timeout, nullptr) <= 0) {
-    return Ready::nothing;
+  const int ready = ::poll(first, count, timeoutMs);
+  if (ready <= 0) {
+    return false;
   }
-  Ready ready = Ready::nothing;
+  bool socketReady = false;
   if (withWake && pollSet_[0].revents != 0) {
     std::uint64_t value = 0;
     [[maybe_unused]] const auto read = ::read(wakeFD_, &value, sizeof(value));
@@ -287,11 +275,11 @@ PacedMainloop::Ready PacedMainloop::dispatchIO(std::int64_t timeoutUs, bool with
       continue;
     }
     pollSet_[i].revents = 0;
-    ready = event->socket ? Ready::socket : std::max(ready, Ready::ring);
+    socketReady = socketReady || event->socket;
     event->callback(&api_, reinterpret_cast<pa_io_event*>(event), event->fd, eventFlags(revents),
                     event->userdata);
   }
-  return ready;
+  return socketReady;
 }
 
 void PacedMainloop::dispatchTimeEvents(std::int64_t nowUs) {

@@ -36,10 +36,6 @@ class PacedMainloop {
              std::function<void()> onTick);
   // From the loop's thread: from now on wake every `tick` rather than at each message.
   void setPaced(std::chrono::microseconds tick);
-  // From `onTick`, for the next tick only: it comes `delay` from now rather than a tick after
-  // this one; or, awaited, with the first message from the server, `delay` from now at the
-  // latest.
-  void setNextTick(std::chrono::microseconds delay, bool awaitMessage);
   // From any thread; returns when the thread has ended.
   void stop();
 
@@ -50,11 +46,9 @@ class PacedMainloop {
  private:
   void run(const std::function<void()>& setUp);
   bool iterate();
-  // libpulse reads a socket one piece per readiness, so a ready one may hold more; a shared
-  // ring's notifications are handled whole.
-  enum class Ready { nothing, ring, socket };
-  // A negative timeout waits for as long as it takes.
-  Ready dispatchIO(std::int64_t timeoutUs, bool withWake);
+  // Whether a socket was ready: libpulse reads a socket one piece per readiness, so it may
+  // hold more. A shared ring's notifications are handled whole.
+  bool dispatchIO(int timeoutMs, bool withWake);
   void dispatchTimeEvents(std::int64_t nowUs);
   void dispatchDeferEvents();
   void reapDeadEvents();
@@ -83,7 +77,6 @@ class PacedMainloop {
   std::function<void()> onTick_;
   std::chrono::microseconds tick_{0};
   std::int64_t nextTickUs_ = 0;
-  bool awaitingMessage_ = false;
   std::vector<std::unique_ptr<IOEvent>> ioEvents_;
   std::vector<std::unique_ptr<TimeEvent>> timeEvents_;
   std::vector<std::unique_ptr<DeferEvent>> deferEvents_;

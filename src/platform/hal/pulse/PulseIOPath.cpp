@@ -21,17 +21,8 @@ constexpr std::chrono::milliseconds kRecordFragment{10};
 // as its other clients ask for. Sound beyond it is dropped (the first blocks of a new tap);
 // within it the steering pulls the latency back to the held one.
 constexpr double kPlaybackRoom = 3.0;
-// Once both streams run, the IO thread wakes when the monitor's next fragment is due rather
-// than at each message: the monitor and the playback's requests arrive on different clocks,
-// and handling each as it comes costs a context switch. The ticks follow the pace the fragments
-// come at (the tap sink's cycle), no quicker than this and no slower than a record fragment.
-// A tick lands this long after an arrival it waited for, and each following one a hundredth
-// of the pace earlier, so that it finds the fragments fresh and, once it comes before one,
-// learns anew when they arrive.
-constexpr std::chrono::microseconds kMinPace{5000};
-constexpr std::chrono::microseconds kArrivalMargin{1000};
-constexpr int kPaceCreepDivisor = 100;
-// The held latency and the steering count time in these ticks, whatever the pace.
+// The IO thread wakes at this pace once both streams run: the monitor arrives in whatever
+// fragments the tapped player asks for, and handling each as it comes costs a context switch.
 constexpr std::chrono::microseconds kIOTick{5000};
 constexpr int kTicksPerRateCheck = 20;
 // The latency reading moves by a whole fragment between two arrivals: the steering follows
@@ -78,7 +69,6 @@ PulseIOPath::PulseIOPath(Config config)
       processed_(kChunkFrames * kChannels, 0.0f),
       resampled_(kResampledFrames * kChannels, 0.0f),
       held_(config_.targetLatency, kIOTick),
-      pace_(kMinPace),
       reportedHeldLatencyMs_(held_.heldMs()) {}
 
 PulseIOPath::~PulseIOPath() {
@@ -179,10 +169,7 @@ void PulseIOPath::onStateChange() {
     // The server starts playing once it holds a fragment, and the steering would take
     // seconds to queue the rest: the first sound starts with the held latency queued instead.
     writeSilence(held_.heldMs());
-    const auto now = std::chrono::steady_clock::now();
-    nextTick_ = now + kIOTick;
-    paceCountedSince_ = now;
-    loop_.setPaced(pace_);
+    loop_.setPaced(kIOTick);
     finishStartup(Startup::running);
   }
 }
@@ -361,53 +348,11 @@ void PulseIOPath::refill() {
 }
 
 void PulseIOPath::onTick() {
-  const auto now = std::chrono::steady_clock::now();
-  if (now - nextTick_ > std::chrono::seconds(1)) {
-    // The thread was stopped for a while: catching up would only repeat the same checks.
-    nextTick_ = now;
-  }
-  while (now >= nextTick_) {
-    nextTick_ += kIOTick;
-    held_.onTick();
-    if (++ticks_ % kTicksPerRateCheck == 0) {
-      adjustRate();
-    }
-  }
+  held_.onTick();
   reportedHeldLatencyMs_.store(held_.heldMs(), std::memory_order_relaxed);
-  followArrivals(now);
-}
-
-void PulseIOPath::followArrivals(std::chrono::steady_clock::time_point now) {
-  using std::chrono::microseconds;
-  const std::uint64_t fragments = cycles_.load(std::memory_order_relaxed);
-  if (now - paceCountedSince_ >= std::chrono::seconds(1)) {
-    const std::uint64_t counted = fragments - fragmentsAtPaceCount_;
-    const auto span = std::chrono::duration_cast<microseconds>(now - paceCountedSince_);
-    pace_ = counted == 0 ? kMinPace
-                         : std::clamp(span / static_cast<std::int64_t>(counted), kMinPace,
-                                      microseconds(kRecordFragment));
-    paceCountedSince_ = now;
-    fragmentsAtPaceCount_ = fragments;
+  if (++ticks_ % kTicksPerRateCheck == 0) {
+    adjustRate();
   }
-  if (fragments == fragmentsAtTick_) {
-    // The tick came before the fragment: take it as it arrives rather than a pace later.
-    if (!awaitingUntil_) {
-      awaitingUntil_ = now + pace_;
-    }
-    if (now < *awaitingUntil_) {
-      loop_.setNextTick(std::chrono::ceil<microseconds>(*awaitingUntil_ - now), true);
-      return;
-    }
-    // None came (the tap sink stalled): keep to the pace.
-    awaitingUntil_.reset();
-    loop_.setNextTick(pace_, false);
-    return;
-  }
-  fragmentsAtTick_ = fragments;
-  const bool justArrived = awaitingUntil_.has_value();
-  awaitingUntil_.reset();
-  loop_.setNextTick(justArrived ? pace_ + kArrivalMargin : pace_ - pace_ / kPaceCreepDivisor,
-                    false);
 }
 
 void PulseIOPath::adjustRate() {

@@ -75,8 +75,6 @@ class PulseIOPath {
   void refill();
   void writeSilence(double milliseconds);
   void onTick();
-  // Schedules the next tick for when the next fragment of the monitor will be there.
-  void followArrivals(std::chrono::steady_clock::time_point now);
   void adjustRate();
 
   static void contextStateCallback(pa_context* context, void* userdata);
@@ -107,14 +105,6 @@ class PulseIOPath {
   double smoothedLatencyMs_ = -1;
   std::size_t skipBytes_ = 0;
   std::uint64_t ticks_ = 0;
-  std::chrono::steady_clock::time_point nextTick_;
-  // Arrivals of the monitor's fragments: their pace, counted over about a second, the count
-  // at the last tick, and while a tick waits for a late one, until when.
-  std::chrono::microseconds pace_;
-  std::chrono::steady_clock::time_point paceCountedSince_;
-  std::uint64_t fragmentsAtPaceCount_ = 0;
-  std::uint64_t fragmentsAtTick_ = 0;
-  std::optional<std::chrono::steady_clock::time_point> awaitingUntil_;
   std::atomic<std::uint64_t> cycles_{0};
   std::atomic<std::uint64_t> underruns_{0};
   std::atomic<std::uint64_t> droppedFrames_{0};
