@@ -377,8 +377,8 @@ void PulseIOPath::adjustRate() {
   const double error = (smoothedLatencyMs_ - heldMs) / heldMs;
   const double wanted =
       std::clamp(1.0 - kRateGain * error, 1.0 - kMaxRateCorrection, 1.0 + kMaxRateCorrection);
-  // The converter is steered in whole output hertz (2e-5 of the rate, a hundredth of a ms of
-  // latency per second): finer fractions overflow its arithmetic.
+  // The converter is steered in whole output hertz (2e-5 of the rate: 0.02 ms of latency per
+  // second): finer fractions overflow its arithmetic.
   const double rate = config_.sampleRate;
   const auto outputRate = static_cast<spx_uint32_t>(std::lround(rate * wanted));
   if (outputRate != outputRate_) {
