@@ -3,9 +3,10 @@
 // long attenuated run against those of the same tone played directly for as long, latency
 // growth, moves that had to be repeated, and the latency a burst gains through the tap path
 // against what it gains through the server's own loopback module set to 20 ms, both measured
-// at the output in the same run.
+// at the output in the same run. Muted afterwards, the IO thread's CPU and wake-ups, and the
+// latency once turned up again.
 //
-//   tap_path_bench [pulseaudio|pipewire] [seconds]
+//   tap_path_bench [pulseaudio|pipewire] [seconds] [muted seconds]
 #include <dirent.h>
 #include <unistd.h>
 
@@ -54,22 +55,41 @@ double cpuSecondsOf(const std::string& statFile) {
   return static_cast<double>(user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
-// CPU seconds used so far by this process's threads with the given name.
-double threadCPUSeconds(const std::string& name) {
-  double seconds = 0;
+struct ThreadUse {
+  double cpuSeconds = 0;
+  unsigned long long wakeUps = 0;
+};
+
+// What this process's threads with the given name used so far: CPU to the nanosecond, and how
+// often they went to sleep.
+ThreadUse threadUse(const std::string& name) {
+  ThreadUse use;
   DIR* tasks = ::opendir("/proc/self/task");
   while (dirent* entry = tasks != nullptr ? ::readdir(tasks) : nullptr) {
     const std::string task = std::string("/proc/self/task/") + entry->d_name;
     std::string comm;
     std::getline(std::ifstream(task + "/comm"), comm);
-    if (comm == name) {
-      seconds += cpuSecondsOf(task + "/stat");
+    if (comm != name) {
+      continue;
+    }
+    unsigned long long runNs = 0;
+    std::ifstream(task + "/schedstat") >> runNs;
+    use.cpuSeconds += static_cast<double>(runNs) / 1e9;
+    std::ifstream status(task + "/status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.rfind("voluntary_ctxt_switches:", 0) == 0) {
+        use.wakeUps += std::stoull(line.substr(line.find(':') + 1));
+      }
     }
   }
   if (tasks != nullptr) {
     ::closedir(tasks);
   }
-  return seconds;
+  return use;
+}
+
+double threadCPUSeconds(const std::string& name) {
+  return threadUse(name).cpuSeconds;
 }
 
 std::vector<AudioObjectID> processObjectsOf(const PulseBackend& backend, pid_t pid) {
@@ -321,12 +341,21 @@ int main(int argc, char** argv) {
   const double firstLatency = mean(latencies.begin(), latencies.begin() + span);
   const double lastLatency = mean(latencies.end() - span, latencies.end());
 
-  constexpr int kMutedSeconds = 10;
+  const int mutedSeconds = argc > 3 ? std::atoi(argv[3]) : 10;
   tap->setGain(0.0f);
-  const double mutedCPUBefore = threadCPUSeconds("quellix-io");
-  std::this_thread::sleep_for(std::chrono::seconds(kMutedSeconds));
+  // The first second muted is not the muted state yet.
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  const ThreadUse mutedBefore = threadUse("quellix-io");
+  std::this_thread::sleep_for(std::chrono::seconds(mutedSeconds));
+  const ThreadUse mutedAfter = threadUse("quellix-io");
   const double mutedCPUPercent =
-      100.0 * (threadCPUSeconds("quellix-io") - mutedCPUBefore) / kMutedSeconds;
+      100.0 * (mutedAfter.cpuSeconds - mutedBefore.cpuSeconds) / mutedSeconds;
+  const double mutedWakeUps =
+      static_cast<double>(mutedAfter.wakeUps - mutedBefore.wakeUps) / mutedSeconds;
+  // Turned up again: the latency it plays at from then on.
+  tap->setGain(0.5f);
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  const auto unmuted = backend->ioStatistics(tap->aggregateID());
   tap->invalidate();
   tap.reset();
   player.reset();
@@ -369,9 +398,9 @@ int main(int argc, char** argv) {
                     : "never",
       constructionMs);
   std::printf(
-      "  IO thread CPU: %.2f %% of one core (muted: %.2f %%); the player, same seconds: %.2f %% "
-      "(ratio %.2f)\n",
-      cpuPercent, mutedCPUPercent, playerCPUPercent,
+      "  IO thread CPU: %.2f %% of one core (muted: %.2f %%, %.0f wake-ups/s); the player, same "
+      "seconds: %.2f %% (ratio %.2f)\n",
+      cpuPercent, mutedCPUPercent, mutedWakeUps, playerCPUPercent,
       playerCPUPercent > 0 ? cpuPercent / playerCPUPercent : 0.0);
   std::printf("  underruns: %llu (in second:%s), dropped frames: %llu, IO cycles: %llu\n",
               static_cast<unsigned long long>(statistics.underruns), underrunSeconds.c_str(),
@@ -385,6 +414,13 @@ int main(int argc, char** argv) {
   std::printf(
       "  queued playback: first %zu s %.1f ms, last %zu s %.1f ms, held %.0f ms, rate x%.4f\n",
       span, firstLatency, span, lastLatency, statistics.heldLatencyMs, statistics.rateCorrection);
+  if (unmuted) {
+    std::printf(
+        "  queued playback 1 s after turning a muted tap up: %.1f ms (held %.0f ms); underruns "
+        "while muted and since: %llu\n",
+        unmuted->playbackLatencyMs, unmuted->heldLatencyMs,
+        static_cast<unsigned long long>(unmuted->underruns - statistics.underruns));
+  }
   const auto direct = timeline.shiftMs("direct");
   const auto directAgain = timeline.shiftMs("direct again");
   const auto directLast = timeline.shiftMs("direct last");
