@@ -24,6 +24,17 @@ constexpr double kPlaybackRoom = 3.0;
 // The IO thread wakes at this pace once both streams run: the monitor arrives in whatever
 // fragments the tapped player asks for, and handling each as it comes costs a context switch.
 constexpr std::chrono::microseconds kIOTick{5000};
+// A tap that the block silences while its player plays (muted, the usual state) is woken at a
+// slower pace, with one slow tick of silence queued on top of the held latency. The block's
+// output tells it: once it lets sound through again, the pace is back to the usual one and
+// the extra silence is left out of what follows, which shifts the first sound after a gain
+// change by that much. A silent player ends the slow pace too: a sound that starts after a
+// pause keeps its latency. An underrun at the slow pace is silence missing from silence: it
+// holds no more latency for the sound to come.
+constexpr std::chrono::microseconds kQuietTick{20000};
+constexpr int kTicksPerQuietTick = static_cast<int>(kQuietTick / kIOTick);
+constexpr double kQuietExtraMs = std::chrono::duration<double, std::milli>(kQuietTick).count();
+constexpr std::chrono::milliseconds kQuietAfter{500};
 constexpr int kTicksPerRateCheck = 20;
 // The latency reading moves by a whole fragment between two arrivals: the steering follows
 // its average over about a second.
@@ -254,7 +265,11 @@ void PulseIOPath::onReadable(std::size_t readable) {
     const auto* input = static_cast<const float*>(data);
     while (offset + kBytesPerFrame <= bytes) {
       const std::size_t frames = std::min((bytes - offset) / kBytesPerFrame, kChunkFrames);
-      play(input != nullptr ? input + offset / sizeof(float) : silence_.data(), frames);
+      if (input != nullptr) {
+        play(input + offset / sizeof(float), frames, false);
+      } else {
+        play(silence_.data(), frames, true);
+      }
       offset += frames * kBytesPerFrame;
     }
     cycles_.fetch_add(1, std::memory_order_relaxed);
@@ -262,7 +277,7 @@ void PulseIOPath::onReadable(std::size_t readable) {
   }
 }
 
-void PulseIOPath::play(const float* input, std::size_t frames) {
+void PulseIOPath::play(const float* input, std::size_t frames, bool hole) {
   const auto bytes = static_cast<UInt32>(frames * kBytesPerFrame);
   // The block may write nothing (muted): the device then plays this silence.
   std::fill_n(processed_.data(), frames * kChannels, 0.0f);
@@ -276,16 +291,18 @@ void PulseIOPath::play(const float* input, std::size_t frames) {
   // number of frames. The converter first plays out the end of the sound before it, and keeps
   // the silence it then holds: the sound that follows starts as late as it would have, and
   // neither end loses a frame.
-  const float* processed = processed_.data();
-  const bool silent = std::all_of(processed, processed + frames * kChannels,
-                                  [](float sample) { return sample == 0.0f; });
+  auto isSilent = [frames](const float* samples) {
+    return std::all_of(samples, samples + frames * kChannels,
+                       [](float sample) { return sample == 0.0f; });
+  };
+  const bool silent = isSilent(processed_.data());
+  followPace(silent, hole || isSilent(input), frames);
   if (silent && silenceThroughResampler_ >= kResamplerFlushFrames) {
     const double ratio = static_cast<double>(outputRate_) / config_.sampleRate;
     const double silentFrames = static_cast<double>(frames) * ratio + silenceCarry_;
     const auto whole = static_cast<std::size_t>(silentFrames);
     silenceCarry_ = silentFrames - static_cast<double>(whole);
-    pa_stream_write(playback_, silence_.data(), whole * kBytesPerFrame, nullptr, 0,
-                    PA_SEEK_RELATIVE);
+    writeOutput(silence_.data(), whole);
     return;
   }
   silenceThroughResampler_ = silent ? silenceThroughResampler_ + frames : 0;
@@ -296,12 +313,52 @@ void PulseIOPath::play(const float* input, std::size_t frames) {
       produced == 0) {
     return;
   }
-  pa_stream_write(playback_, resampled_.data(), produced * kBytesPerFrame, nullptr, 0,
-                  PA_SEEK_RELATIVE);
+  writeOutput(resampled_.data(), produced);
+}
+
+void PulseIOPath::writeOutput(const float* samples, std::size_t frames) {
+  const std::size_t left = std::min(frames, owedFrames_);
+  owedFrames_ -= left;
+  if (frames > left) {
+    pa_stream_write(playback_, samples + left * kChannels, (frames - left) * kBytesPerFrame,
+                    nullptr, 0, PA_SEEK_RELATIVE);
+  }
+}
+
+void PulseIOPath::followPace(bool outputSilent, bool inputSilent, std::size_t frames) {
+  if (quiet_) {
+    if (!outputSilent || inputSilent) {
+      quiet_ = false;
+      silencedFrames_ = 0;
+      loop_.setPaced(kIOTick);
+      if (smoothedLatencyMs_ >= 0) {
+        smoothedLatencyMs_ -= kQuietExtraMs;
+      }
+      owedFrames_ = static_cast<std::size_t>(kQuietExtraMs * config_.sampleRate / 1000.0);
+    }
+    return;
+  }
+  silencedFrames_ = outputSilent && !inputSilent ? silencedFrames_ + frames : 0;
+  const auto quietAfter = static_cast<std::size_t>(config_.sampleRate * kQuietAfter.count() / 1000);
+  if (silencedFrames_ >= quietAfter) {
+    quiet_ = true;
+    loop_.setPaced(kQuietTick);
+    if (smoothedLatencyMs_ >= 0) {
+      smoothedLatencyMs_ += kQuietExtraMs;
+    }
+    // Silence still owed from a slow pace just left is silence not yet written.
+    const double owedMs = static_cast<double>(owedFrames_) * 1000.0 / config_.sampleRate;
+    owedFrames_ = 0;
+    writeSilence(kQuietExtraMs - owedMs);
+  }
+}
+
+double PulseIOPath::aimedLatencyMs() const {
+  return held_.heldMs() + (quiet_ ? kQuietExtraMs : 0.0);
 }
 
 void PulseIOPath::writeSilence(double milliseconds) {
-  auto frames = static_cast<std::size_t>(milliseconds * config_.sampleRate / 1000.0);
+  auto frames = static_cast<std::size_t>(std::max(milliseconds, 0.0) * config_.sampleRate / 1000.0);
   while (frames > 0) {
     const std::size_t chunk = std::min(frames, kResampledFrames);
     pa_stream_write(playback_, silence_.data(), chunk * kBytesPerFrame, nullptr, 0,
@@ -313,7 +370,9 @@ void PulseIOPath::writeSilence(double milliseconds) {
 void PulseIOPath::onUnderrun() {
   underruns_.fetch_add(1, std::memory_order_relaxed);
   // What it holds from now on is published with the next tick.
-  held_.onUnderrun();
+  if (!quiet_) {
+    held_.onUnderrun();
+  }
   // After an underrun the server waits for a fragment and then plays on from a near-empty
   // queue, where the next late wake-up breaks the sound again. The gap is already audible:
   // refill it to the held latency at once, as soon as a fresh reading tells how much is queued.
@@ -342,15 +401,23 @@ std::optional<double> PulseIOPath::queuedMs() {
 
 void PulseIOPath::refill() {
   const auto queued = queuedMs();
-  if (queued && *queued < held_.heldMs()) {
-    writeSilence(held_.heldMs() - *queued);
+  if (queued && *queued < aimedLatencyMs()) {
+    writeSilence(aimedLatencyMs() - *queued);
   }
 }
 
 void PulseIOPath::onTick() {
-  held_.onTick();
+  // Time is counted in ticks of the usual pace; a change of pace takes effect after the tick
+  // in which it was made.
+  const int elapsed = lastTickLength_;
+  lastTickLength_ = quiet_ ? kTicksPerQuietTick : 1;
+  for (int tick = 0; tick < elapsed; ++tick) {
+    held_.onTick();
+  }
   reportedHeldLatencyMs_.store(held_.heldMs(), std::memory_order_relaxed);
-  if (++ticks_ % kTicksPerRateCheck == 0) {
+  const std::uint64_t before = ticks_;
+  ticks_ += static_cast<std::uint64_t>(elapsed);
+  if (ticks_ / kTicksPerRateCheck != before / kTicksPerRateCheck) {
     adjustRate();
   }
 }
@@ -360,7 +427,7 @@ void PulseIOPath::adjustRate() {
   if (!queued) {
     return;
   }
-  const double heldMs = held_.heldMs();
+  const double heldMs = aimedLatencyMs();
   if (*queued > kPlaybackRoom * heldMs) {
     // Far too much queued (a burst): drop what is over at once rather than play it fast.
     skipBytes_ =

@@ -67,7 +67,13 @@ class PulseIOPath {
   void onStateChange();
   bool connectStreams();
   void onReadable(std::size_t readable);
-  void play(const float* input, std::size_t frames);
+  // `hole`: the record stream had nothing there.
+  void play(const float* input, std::size_t frames, bool hole);
+  // Writes all but what is owed: frames a slow pace queued as silence ahead of time.
+  void writeOutput(const float* samples, std::size_t frames);
+  void followPace(bool outputSilent, bool inputSilent, std::size_t frames);
+  // The held latency, and at the slow pace the silence queued ahead of its longer wait.
+  double aimedLatencyMs() const;
   void onUnderrun();
   // What the playback holds by the latency reading less its known excess, in ms; publishes
   // the reading.
@@ -104,6 +110,10 @@ class PulseIOPath {
   HeldLatency held_;
   double smoothedLatencyMs_ = -1;
   std::size_t skipBytes_ = 0;
+  bool quiet_ = false;
+  std::size_t silencedFrames_ = 0;  // sound in that the block made silent, in a row
+  std::size_t owedFrames_ = 0;
+  int lastTickLength_ = 1;  // in ticks of the usual pace
   std::uint64_t ticks_ = 0;
   std::atomic<std::uint64_t> cycles_{0};
   std::atomic<std::uint64_t> underruns_{0};
