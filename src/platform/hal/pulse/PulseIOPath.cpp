@@ -58,6 +58,10 @@ std::uint32_t bytesFor(std::chrono::milliseconds duration, std::uint32_t rate) {
          static_cast<std::uint32_t>(kBytesPerFrame);
 }
 
+std::size_t framesFor(double milliseconds, std::uint32_t rate) {
+  return static_cast<std::size_t>(std::max(milliseconds, 0.0) * rate / 1000.0);
+}
+
 PulseIOPath* pathOf(void* userdata) {
   return static_cast<PulseIOPath*>(userdata);
 }
@@ -241,9 +245,8 @@ void PulseIOPath::underflowCallback(pa_stream*, void* userdata) {
 void PulseIOPath::onReadable(std::size_t readable) {
   // Every libpulse call costs a system call of its own (a fork check), so the loop peeks only
   // as many fragments as the server announced and asks for no latency here.
-  const auto room =
-      static_cast<std::size_t>(kPlaybackRoom * held_.heldMs() * config_.sampleRate / 1000.0) *
-      kBytesPerFrame;
+  const std::size_t room =
+      framesFor(kPlaybackRoom * held_.heldMs(), config_.sampleRate) * kBytesPerFrame;
   while (readable > 0) {
     const void* data = nullptr;
     std::size_t bytes = 0;
@@ -265,11 +268,7 @@ void PulseIOPath::onReadable(std::size_t readable) {
     const auto* input = static_cast<const float*>(data);
     while (offset + kBytesPerFrame <= bytes) {
       const std::size_t frames = std::min((bytes - offset) / kBytesPerFrame, kChunkFrames);
-      if (input != nullptr) {
-        play(input + offset / sizeof(float), frames, false);
-      } else {
-        play(silence_.data(), frames, true);
-      }
+      play(input != nullptr ? input + offset / sizeof(float) : silence_.data(), frames);
       offset += frames * kBytesPerFrame;
     }
     cycles_.fetch_add(1, std::memory_order_relaxed);
@@ -277,7 +276,7 @@ void PulseIOPath::onReadable(std::size_t readable) {
   }
 }
 
-void PulseIOPath::play(const float* input, std::size_t frames, bool hole) {
+void PulseIOPath::play(const float* input, std::size_t frames) {
   const auto bytes = static_cast<UInt32>(frames * kBytesPerFrame);
   // The block may write nothing (muted): the device then plays this silence.
   std::fill_n(processed_.data(), frames * kChannels, 0.0f);
@@ -296,7 +295,7 @@ void PulseIOPath::play(const float* input, std::size_t frames, bool hole) {
                        [](float sample) { return sample == 0.0f; });
   };
   const bool silent = isSilent(processed_.data());
-  followPace(silent, hole || isSilent(input), frames);
+  followPace(silent, isSilent(input), frames);
   if (silent && silenceThroughResampler_ >= kResamplerFlushFrames) {
     const double ratio = static_cast<double>(outputRate_) / config_.sampleRate;
     const double silentFrames = static_cast<double>(frames) * ratio + silenceCarry_;
@@ -334,22 +333,21 @@ void PulseIOPath::followPace(bool outputSilent, bool inputSilent, std::size_t fr
       if (smoothedLatencyMs_ >= 0) {
         smoothedLatencyMs_ -= kQuietExtraMs;
       }
-      owedFrames_ = static_cast<std::size_t>(kQuietExtraMs * config_.sampleRate / 1000.0);
+      owedFrames_ = framesFor(kQuietExtraMs, config_.sampleRate);
     }
     return;
   }
   silencedFrames_ = outputSilent && !inputSilent ? silencedFrames_ + frames : 0;
-  const auto quietAfter = static_cast<std::size_t>(config_.sampleRate * kQuietAfter.count() / 1000);
-  if (silencedFrames_ >= quietAfter) {
+  if (silencedFrames_ >= framesFor(kQuietAfter.count(), config_.sampleRate)) {
     quiet_ = true;
     loop_.setPaced(kQuietTick);
     if (smoothedLatencyMs_ >= 0) {
       smoothedLatencyMs_ += kQuietExtraMs;
     }
     // Silence still owed from a slow pace just left is silence not yet written.
-    const double owedMs = static_cast<double>(owedFrames_) * 1000.0 / config_.sampleRate;
+    const std::size_t extra = framesFor(kQuietExtraMs, config_.sampleRate);
+    writeSilenceFrames(extra - std::min(extra, owedFrames_));
     owedFrames_ = 0;
-    writeSilence(kQuietExtraMs - owedMs);
   }
 }
 
@@ -358,7 +356,10 @@ double PulseIOPath::aimedLatencyMs() const {
 }
 
 void PulseIOPath::writeSilence(double milliseconds) {
-  auto frames = static_cast<std::size_t>(std::max(milliseconds, 0.0) * config_.sampleRate / 1000.0);
+  writeSilenceFrames(framesFor(milliseconds, config_.sampleRate));
+}
+
+void PulseIOPath::writeSilenceFrames(std::size_t frames) {
   while (frames > 0) {
     const std::size_t chunk = std::min(frames, kResampledFrames);
     pa_stream_write(playback_, silence_.data(), chunk * kBytesPerFrame, nullptr, 0,
@@ -430,8 +431,7 @@ void PulseIOPath::adjustRate() {
   const double heldMs = aimedLatencyMs();
   if (*queued > kPlaybackRoom * heldMs) {
     // Far too much queued (a burst): drop what is over at once rather than play it fast.
-    skipBytes_ =
-        static_cast<std::size_t>((*queued - heldMs) * config_.sampleRate / 1000.0) * kBytesPerFrame;
+    skipBytes_ = framesFor(*queued - heldMs, config_.sampleRate) * kBytesPerFrame;
     smoothedLatencyMs_ = heldMs;
     return;
   }

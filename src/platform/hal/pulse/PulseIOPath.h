@@ -67,8 +67,7 @@ class PulseIOPath {
   void onStateChange();
   bool connectStreams();
   void onReadable(std::size_t readable);
-  // `hole`: the record stream had nothing there.
-  void play(const float* input, std::size_t frames, bool hole);
+  void play(const float* input, std::size_t frames);
   // Writes all but what is owed: frames a slow pace queued as silence ahead of time.
   void writeOutput(const float* samples, std::size_t frames);
   void followPace(bool outputSilent, bool inputSilent, std::size_t frames);
@@ -80,6 +79,7 @@ class PulseIOPath {
   std::optional<double> queuedMs();
   void refill();
   void writeSilence(double milliseconds);
+  void writeSilenceFrames(std::size_t frames);
   void onTick();
   void adjustRate();
 
