@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
 #include "LevelMeter.h"
 #include "ServerTest.h"
 #include "TestPlayerProcess.h"
@@ -133,6 +136,72 @@ TEST_P(MuteControllerIntegrationTest, AMutedPlayerThatRestartsIsMutedFromItsFirs
   TestPlayerProcess again({.appID = "org.example.Player"});
   EXPECT_TRUE(eventually([&] { return controller->hasTap("org.example.Player"); }));
   EXPECT_LT(level(), kSilenceLevel);
+}
+
+TEST_P(MuteControllerIntegrationTest, MutedPlayersAreSilentAgainSoonAfterTheServerRestarts) {
+  std::vector<std::unique_ptr<TestPlayerProcess>> players;
+  for (const char* key : {"org.example.First", "org.example.Second", "org.example.Third"}) {
+    players.push_back(std::make_unique<TestPlayerProcess>(
+        TestPlayerProcess::Options{.appID = key, .reconnect = true}));
+    controller->toggle(waitForApp(key));
+  }
+  ASSERT_EQ(controller->tapCount(), 3u);
+
+  server->stop();
+  ASSERT_TRUE(eventually([&] { return !backend->isConnected(); }));
+  // When each player's stream shows up on the new connection, and when it was last heard
+  // (off a tap sink), watched closely while the main queue is served here.
+  using Clock = std::chrono::steady_clock;
+  std::map<pid_t, Clock::time_point> appeared;
+  std::map<pid_t, Clock::time_point> lastHeard;
+  std::atomic<std::size_t> onTaps{0};
+  std::atomic<bool> watching{true};
+  std::thread watcher([&] {
+    while (watching) {
+      const auto snapshot = backend->snapshot();
+      std::size_t count = 0;
+      for (const auto& stream : snapshot->sinkInputs) {
+        if (stream.pid == 0 || stream.isOurIO) {
+          continue;
+        }
+        appeared.try_emplace(stream.pid, Clock::now());
+        if (std::any_of(snapshot->tapSinks.begin(), snapshot->tapSinks.end(),
+                        [&](const pulse::TapSink& tap) { return tap.index == stream.sink; })) {
+          ++count;
+        } else {
+          lastHeard[stream.pid] = Clock::now();
+        }
+      }
+      onTaps = count;
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  });
+  server->start();
+  const bool allSilenced = eventually([&] { return onTaps == players.size(); });
+  const double silence = level();  // a rebuild that follows would be heard here
+  watching = false;
+  watcher.join();
+  ASSERT_TRUE(allSilenced) << server->pactl({"list", "sink-inputs"});
+  EXPECT_LT(silence, kSilenceLevel) << lastLevels;
+  EXPECT_EQ(onTaps, players.size());
+  for (const auto& [pid, at] : lastHeard) {
+    EXPECT_LT(at - appeared[pid], std::chrono::seconds(2))
+        << std::chrono::duration_cast<std::chrono::milliseconds>(at - appeared[pid]).count()
+        << " ms";
+  }
+  // Taps that went with the old connection are gone, which their removal finds in order.
+  const auto entries = logs->entries();
+  EXPECT_EQ(std::count_if(entries.begin(), entries.end(),
+                          [](const LogEntry& e) {
+                            return e.category == "ProcessMuteTap" && e.level == LogLevel::error;
+                          }),
+            0);
+  // Nothing of the old connection: three taps, each with its one sink and its two streams.
+  EXPECT_EQ(controller->tapCount(), 3u);
+  EXPECT_EQ(backend->snapshot()->tapSinks.size(), 3u);
+  const auto streams = backend->snapshot()->sinkInputs;
+  EXPECT_EQ(std::count_if(streams.begin(), streams.end(), [](const auto& s) { return s.isOurIO; }),
+            3);
 }
 
 QUELLIX_ON_EVERY_SERVER(MuteControllerIntegrationTest);

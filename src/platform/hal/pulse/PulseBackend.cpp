@@ -252,6 +252,12 @@ void PulseBackend::onContextState(pa_context* context) {
       {
         // Taps and aggregate devices died with the server; their IO paths stop here.
         std::lock_guard lock(objectsMutex_);
+        for (const auto& entry : taps_) {
+          lostWithServer_.insert(entry.first);
+        }
+        for (const auto& entry : aggregates_) {
+          lostWithServer_.insert(entry.first);
+        }
         taps_.clear();
         aggregates_.clear();
       }
@@ -976,7 +982,8 @@ OSStatus PulseBackend::destroyProcessTap(AudioObjectID tapID) {
     std::lock_guard objectsLock(objectsMutex_);
     const auto found = taps_.find(tapID);
     if (found == taps_.end()) {
-      return kAudioHardwareBadObjectError;
+      return lostWithServer_.erase(tapID) > 0 ? kAudioHardwareNoError
+                                              : kAudioHardwareBadObjectError;
     }
     tap = std::move(found->second);
     taps_.erase(found);
@@ -1039,7 +1046,8 @@ OSStatus PulseBackend::destroyAggregateDevice(AudioObjectID device) {
     std::lock_guard lock(objectsMutex_);
     const auto found = aggregates_.find(device);
     if (found == aggregates_.end()) {
-      return kAudioHardwareBadDeviceError;
+      return lostWithServer_.erase(device) > 0 ? kAudioHardwareNoError
+                                               : kAudioHardwareBadDeviceError;
     }
     procs = std::move(found->second.procs);
     aggregates_.erase(found);
@@ -1110,7 +1118,8 @@ OSStatus PulseBackend::stopDevice(AudioObjectID device, AudioDeviceIOProcID proc
     std::lock_guard lock(objectsMutex_);
     const auto aggregate = aggregates_.find(device);
     if (aggregate == aggregates_.end()) {
-      return kAudioHardwareBadDeviceError;
+      return lostWithServer_.count(device) > 0 ? kAudioHardwareNoError
+                                               : kAudioHardwareBadDeviceError;
     }
     const auto ioProc = aggregate->second.procs.find(proc);
     if (ioProc == aggregate->second.procs.end()) {
@@ -1127,7 +1136,8 @@ OSStatus PulseBackend::destroyIOProcID(AudioObjectID device, AudioDeviceIOProcID
     std::lock_guard lock(objectsMutex_);
     const auto aggregate = aggregates_.find(device);
     if (aggregate == aggregates_.end()) {
-      return kAudioHardwareBadDeviceError;
+      return lostWithServer_.count(device) > 0 ? kAudioHardwareNoError
+                                               : kAudioHardwareBadDeviceError;
     }
     const auto ioProc = aggregate->second.procs.find(proc);
     if (ioProc == aggregate->second.procs.end()) {
