@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <sstream>
 #include <thread>
 
 #include "LevelMeter.h"
@@ -202,6 +203,52 @@ TEST_P(MuteControllerIntegrationTest, MutedPlayersAreSilentAgainSoonAfterTheServ
   const auto streams = backend->snapshot()->sinkInputs;
   EXPECT_EQ(std::count_if(streams.begin(), streams.end(), [](const auto& s) { return s.isOurIO; }),
             3);
+}
+
+TEST_P(MuteControllerIntegrationTest, TapsFollowTheNewDefaultWhenTheirOutputIsRemoved) {
+  TestPlayerProcess first({.appID = "org.example.First"});
+  TestPlayerProcess second({.appID = "org.example.Second", .frequency = 660});
+  controller->setVolume(0.5f, waitForApp("org.example.First"));
+  controller->setVolume(0.5f, waitForApp("org.example.Second"));
+  ASSERT_EQ(controller->tapCount(), 2u);
+
+  // The headset is unplugged: its sink goes, and the server picks the other one.
+  std::istringstream modules(server->pactl({"list", "short", "modules"}));
+  std::string out1Module;
+  for (std::string line; std::getline(modules, line);) {
+    if (line.find("sink_name=out1") != std::string::npos) {
+      out1Module = line.substr(0, line.find('\t'));
+    }
+  }
+  ASSERT_FALSE(out1Module.empty());
+  const auto removed = std::chrono::steady_clock::now();
+  server->pactl({"unload-module", out1Module});
+  // Both players on taps whose sound goes to out2, and no stream of ours anywhere else.
+  auto followed = [&] {
+    const auto snapshot = backend->snapshot();
+    const auto* out2 = snapshot->deviceWithUID("out2");
+    if (out2 == nullptr || snapshot->defaultOutput != out2->id || snapshot->tapSinks.size() != 2) {
+      return false;
+    }
+    int ours = 0;
+    for (const auto& stream : snapshot->sinkInputs) {
+      const bool onTap =
+          std::any_of(snapshot->tapSinks.begin(), snapshot->tapSinks.end(),
+                      [&](const pulse::TapSink& tap) { return tap.index == stream.sink; });
+      if (stream.isOurIO ? stream.sink != out2->sinkIndex : !onTap) {
+        return false;
+      }
+      ours += stream.isOurIO ? 1 : 0;
+    }
+    return ours == 2;
+  };
+  ASSERT_TRUE(eventually(followed)) << server->pactl({"list", "short", "sink-inputs"});
+  const auto took = std::chrono::steady_clock::now() - removed;
+  EXPECT_LT(took, std::chrono::seconds(1))
+      << std::chrono::duration_cast<std::chrono::milliseconds>(took).count() << " ms";
+  EXPECT_EQ(controller->tapCount(), 2u);
+  // Two tones at half amplitude each.
+  EXPECT_NEAR(level("out2"), kToneLevel - 6.02 + 3.01, kTolerance) << lastLevels;
 }
 
 QUELLIX_ON_EVERY_SERVER(MuteControllerIntegrationTest);
