@@ -8,7 +8,7 @@ QUELLIX_PACKAGES=(
   clang clang-format libclang-rt-14-dev
   qt6-base-dev qt6-svg-dev qt6-tools-dev
   libpulse-dev libspeexdsp-dev nlohmann-json3-dev libsystemd-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev libbenchmark-dev desktop-file-utils
   pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus sox
 )
 
