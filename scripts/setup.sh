@@ -10,6 +10,7 @@ QUELLIX_PACKAGES=(
   libpulse-dev libspeexdsp-dev nlohmann-json3-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev desktop-file-utils
   pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus sox
+  desktop-file-utils
 )
 
 quellix_missing_packages() {
