@@ -10,7 +10,7 @@ QUELLIX_PACKAGES=(
   libpulse-dev libspeexdsp-dev nlohmann-json3-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev desktop-file-utils
   pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus sox
-  desktop-file-utils
+  xvfb xauth x11-utils dbus-x11 imagemagick fonts-dejavu-core
 )
 
 quellix_missing_packages() {
