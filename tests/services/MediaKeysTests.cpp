@@ -178,15 +178,6 @@ TEST_F(MediaKeysTest, AnEventThatCannotBeMadeIsSkippedAlone) {
   EXPECT_TRUE(logs->messages().empty());
 }
 
-TEST_F(MediaKeysTest, TheStandardFactoryMakesOnlyOtherEventsWithARealTimestamp) {
-  auto standard = makeStandardEventFactory();
-  constexpr NSEventType kKeyDownType = 10;
-  EXPECT_FALSE(standard->otherEvent(kKeyDownType, {}, 0, 1.0, 0, nullptr, 8, 0, -1));
-  EXPECT_TRUE(standard->otherEvent(NSEventTypeSystemDefined, {}, 0, 1.0, 0, nullptr, 8, 0, -1));
-  EXPECT_FALSE(standard->cgEvent(SystemDefinedEvent{.timestamp = -1}));
-  EXPECT_FALSE(standard->cgEvent(SystemDefinedEvent{.timestamp = std::nan("")}));
-}
-
 TEST_F(MediaKeysTest, WithoutAWayToThePlayersTheDesktopTrustSaysNoAndLogsWhy) {
   installAccessibilityTrust(nullptr);
   EXPECT_TRUE(AXIsProcessTrusted());

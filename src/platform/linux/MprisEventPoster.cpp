@@ -32,6 +32,15 @@ QString nextConnectionName() {
   return QStringLiteral("quellix-media-keys-%1").arg(++count);
 }
 
+// The bus the environment names now: the library behind the bus type reads it only once per
+// process, and a poster made later must follow a changed environment.
+QDBusConnection connectToSessionBus(const QString& connectionName) {
+  const QString address = qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS");
+  return address.isEmpty()
+             ? QDBusConnection::connectToBus(QDBusConnection::SessionBus, connectionName)
+             : QDBusConnection::connectToBus(address, connectionName);
+}
+
 bool isPlayerName(const QString& name) {
   return name.startsWith(kPlayerNamePrefix);
 }
@@ -65,8 +74,7 @@ MprisPlayerState playerStateFrom(const QVariantMap& properties) {
 }  // namespace
 
 MprisEventPoster::MprisEventPoster()
-    : connectionName_(nextConnectionName()),
-      connection_(QDBusConnection::connectToBus(QDBusConnection::SessionBus, connectionName_)) {
+    : connectionName_(nextConnectionName()), connection_(connectToSessionBus(connectionName_)) {
   if (!connection_.isConnected()) {
     const QString why = connection_.lastError().message();
     unreachableReason_ = why.isEmpty() ? std::string("no session bus") : why.toStdString();
