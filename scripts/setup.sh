@@ -9,7 +9,7 @@ QUELLIX_PACKAGES=(
   qt6-base-dev qt6-svg-dev qt6-tools-dev
   libpulse-dev libspeexdsp-dev nlohmann-json3-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev desktop-file-utils
-  pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus sox
+  pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus sox mpv mpv-mpris
   xvfb xauth x11-utils dbus-x11 imagemagick fonts-dejavu-core
 )
 
