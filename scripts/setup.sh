@@ -9,6 +9,7 @@ QUELLIX_PACKAGES=(
   qt6-base-dev qt6-svg-dev qt6-tools-dev
   libpulse-dev libspeexdsp-dev nlohmann-json3-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  qt6-l10n-tools dpkg-dev lintian desktop-file-utils appstream patchelf
   pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus sox
 )
 
