@@ -71,7 +71,8 @@ bundle_libraries() {
 qt_plugins=$(qtpaths6 --query QT_INSTALL_PLUGINS 2>/dev/null ||
   echo /usr/lib/x86_64-linux-gnu/qt6/plugins)
 plugins=()
-needs() { ldd "$folder/bin/quellix" | grep -q "$1"; }
+program_libraries=$(ldd "$folder/bin/quellix")
+needs() { [[ $program_libraries == *"$1"* ]]; }
 if needs libQt6Gui; then
   plugins+=(platforms/libqxcb.so platforms/libqwayland-*.so platforms/libqoffscreen.so
     platformthemes platforminputcontexts xcbglintegrations wayland-shell-integration
