@@ -96,12 +96,14 @@ bundle_libraries "$folder/bin/quellix" "${plugin_files[@]}"
 
 # The program's run path reaches every library loaded for it, the plugins' too, as long as
 # they carry none of their own.
-patchelf --force-rpath --set-rpath '$ORIGIN/../lib' "$folder/bin/quellix"
+# shellcheck disable=SC2016 # for the loader to expand, not the shell
+origin='$ORIGIN'
+patchelf --force-rpath --set-rpath "$origin/../lib" "$folder/bin/quellix"
 for library in "$folder"/lib/*.so*; do
-  [ -e "$library" ] && patchelf --force-rpath --set-rpath '$ORIGIN' "$library"
+  [ -e "$library" ] && patchelf --force-rpath --set-rpath "$origin" "$library"
 done
 for plugin in "${plugin_files[@]}"; do
-  patchelf --force-rpath --set-rpath '$ORIGIN/../../lib' "$plugin"
+  patchelf --force-rpath --set-rpath "$origin/../../lib" "$plugin"
 done
 
 mkdir -p "$(dirname "$archive")"
