@@ -25,6 +25,8 @@ source_dir=$(realpath "$(dirname "$0")/../..")
 readonly package=quellix
 readonly app_id=com.norvalin.quellix
 readonly spike_log=/tmp/quellix-spike.log
+# Other work on the machine may hold the package database for a while.
+apt=(env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=120 -y -q)
 
 work=$(mktemp -d)
 server=""
@@ -34,7 +36,7 @@ cleanup() {
   [ -n "$player_pid" ] && kill "$player_pid" 2>/dev/null
   [ -n "$server" ] && kill "$server" 2>/dev/null
   if dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed'; then
-    DEBIAN_FRONTEND=noninteractive apt-get remove --purge -y -q "$package" >/dev/null 2>&1
+    "${apt[@]}" remove --purge "$package" >/dev/null 2>&1
   fi
   rm -rf "$work"
 }
@@ -74,8 +76,10 @@ step "the Debian package passes lintian"
 cpack --config "$build_dir/CPackConfig.cmake" -B "$work/deb" >/dev/null
 deb=$(echo "$work"/deb/${package}_*.deb)
 [ -f "$deb" ] || fail "cpack made no package"
-lintian --fail-on error --info --pedantic "$deb" 2>&1 | grep -v 'root privileges' || true
-lintian --fail-on error "$deb" >/dev/null 2>&1 || fail "lintian reports errors"
+lintian_status=0
+lintian --fail-on error --info --pedantic "$deb" >"$work/lintian.log" 2>&1 || lintian_status=$?
+grep -v 'root privileges' "$work/lintian.log" || true
+[ "$lintian_status" -eq 0 ] || fail "lintian reports errors"
 
 step "a private sound server with a test player"
 runtime="$work/runtime"
@@ -90,27 +94,28 @@ PA
 pulseaudio -n -F "$runtime/packaging.pa" --daemonize=no --exit-idle-time=-1 \
   --use-pid-file=no >"$runtime/server.log" 2>&1 &
 server=$!
-for _ in $(seq 100); do pactl info >/dev/null 2>&1 && break; sleep 0.1; done
+for _ in $(seq 300); do pactl info >/dev/null 2>&1 && break; sleep 0.1; done
 pactl info >/dev/null || fail "the private sound server did not start"
 # The player plays until its standard input closes, which this script holds open.
 mkfifo "$work/player.in"
 "$player" <"$work/player.in" >"$work/player.out" 2>&1 &
 player_pid=$!
 exec 3>"$work/player.in"
-for _ in $(seq 100); do
+for _ in $(seq 300); do
   grep -q '^ok' "$work/player.out" && break
   sleep 0.1
 done
 grep -q '^ok' "$work/player.out" || fail "the test player did not start playing"
 
 step "apt installs the package, and the installed program lists the player"
-DEBIAN_FRONTEND=noninteractive apt-get install -y -q "$deb" >"$work/apt.log" 2>&1 ||
+"${apt[@]}" install "$deb" >"$work/apt.log" 2>&1 ||
   { cat "$work/apt.log"; fail "apt-get install failed"; }
 dpkg-query -L "$package" >"$work/files"
 lists_the_player /usr/bin/quellix
 
 step "purging the package leaves nothing behind"
-DEBIAN_FRONTEND=noninteractive apt-get remove --purge -y -q "$package" >/dev/null 2>&1
+"${apt[@]}" remove --purge "$package" >"$work/apt.log" 2>&1 ||
+  { cat "$work/apt.log"; fail "apt-get remove failed"; }
 if dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'installed'; then
   fail "the package is still known to dpkg"
 fi
