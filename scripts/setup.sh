@@ -8,7 +8,8 @@ QUELLIX_PACKAGES=(
   clang clang-format libclang-rt-14-dev
   qt6-base-dev qt6-svg-dev qt6-tools-dev
   libpulse-dev libspeexdsp-dev nlohmann-json3-dev libsystemd-dev
-  libgtest-dev libgmock-dev libbenchmark-dev desktop-file-utils
+  libgtest-dev libgmock-dev libbenchmark-dev
+  qt6-l10n-tools dpkg-dev lintian desktop-file-utils appstream patchelf
   pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus sox mpv mpv-mpris
   xvfb xauth x11-utils dbus-x11 imagemagick fonts-dejavu-core
 )

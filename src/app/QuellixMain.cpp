@@ -9,6 +9,7 @@
 #include "platform/linux/JournalLogSink.h"
 #include "platform/qt/QtMainQueue.h"
 #include "platform/qt/TerminationSignals.h"
+#include "platform/qt/Translations.h"
 #include "support/BuildInfo.h"
 #include "support/Logger.h"
 
@@ -57,6 +58,7 @@ int main(int argc, char** argv) {
 
   QCoreApplication application(argc, argv);
   QCoreApplication::setApplicationName("Quellix");
+  installTranslations(application);
   quitOnTerminationSignals();
   QtMainQueue queue;
   // The backend's thread posts to the queue: it must be gone before the queue is.
