@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Sets up a fresh Debian 12 machine and runs the whole test suite:
 # format check, debug build (GCC) with every test, ASan+UBSan build (Clang) with the unit
-# tests, and a TSan build (Clang) of the audio-path tests.
+# tests, a TSan build (Clang) of the audio-path tests, and, as root with apt, the packages:
+# the Debian package installed and purged again, and the portable folder.
 set -euo pipefail
 cd "$(dirname "$0")"
 source scripts/setup.sh
@@ -15,7 +16,7 @@ git ls-files -- '*.h' '*.cpp' | xargs clang-format --dry-run --Werror
 echo "== debug build (GCC), all tests"
 cmake --preset debug >/dev/null
 cmake --build --preset debug -j "$jobs"
-ctest --preset debug -j "$jobs"
+ctest --preset debug -j "$jobs" -LE packaging
 
 echo "== ASan+UBSan build (Clang), unit tests"
 cmake --preset asan >/dev/null
@@ -27,3 +28,10 @@ echo "== TSan build (Clang), audio-path tests"
 cmake --preset tsan >/dev/null
 cmake --build --preset tsan -j "$jobs" --target tsan_tests
 TSAN_OPTIONS=halt_on_error=1 ctest --preset tsan -L tsan
+
+echo "== packages (Debian package installed and purged, portable folder)"
+if [ "$(id -u)" -eq 0 ] && command -v apt-get >/dev/null; then
+  QUELLIX_PACKAGING_TESTS=1 ctest --preset debug -L packaging
+else
+  echo "skipped: installing a package needs root and apt-get"
+fi

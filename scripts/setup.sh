@@ -9,8 +9,9 @@ QUELLIX_PACKAGES=(
   qt6-base-dev qt6-svg-dev qt6-tools-dev
   libpulse-dev libspeexdsp-dev nlohmann-json3-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus sox
-  fonts-dejavu-core
+  qt6-l10n-tools dpkg-dev lintian desktop-file-utils appstream patchelf
+  pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus sox mpv mpv-mpris
+  xvfb xauth x11-utils dbus-x11 imagemagick fonts-dejavu-core
 )
 
 quellix_missing_packages() {

@@ -5,9 +5,11 @@
 
 #include "app/SpikeRunner.h"
 #include "platform/hal/BackendSelection.h"
+#include "platform/hal/pulse/TapGuard.h"
 #include "platform/linux/JournalLogSink.h"
 #include "platform/qt/QtMainQueue.h"
 #include "platform/qt/TerminationSignals.h"
+#include "platform/qt/Translations.h"
 #include "support/BuildInfo.h"
 #include "support/Logger.h"
 
@@ -48,9 +50,15 @@ Invocation dispatch(const std::vector<std::string>& arguments) {
 int main(int argc, char** argv) {
   Logger::installSink(makeSystemLogSink());
   const Invocation invocation = dispatch(std::vector<std::string>(argv, argv + argc));
+  // Taps outlive a program that ends; the guard removes them then. It must be forked while
+  // this is the only thread.
+  if (invocation.mode == Mode::spike || invocation.mode == Mode::application) {
+    TapGuard::start();
+  }
 
   QCoreApplication application(argc, argv);
   QCoreApplication::setApplicationName("Quellix");
+  installTranslations(application);
   quitOnTerminationSignals();
   QtMainQueue queue;
   // The backend's thread posts to the queue: it must be gone before the queue is.

@@ -28,6 +28,9 @@ class WindowCoordinator {
   QWidget* window(const std::string& id) const;
   // Forgets the window held under `id` (and destroys it), if any.
   void remove(const std::string& id);
+
+ private:
+  std::map<std::string, std::unique_ptr<QWidget>> windows_;
 };
 
 }  // namespace quellix

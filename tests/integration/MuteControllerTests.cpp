@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <sstream>
+#include <thread>
+
 #include "LevelMeter.h"
 #include "ServerTest.h"
 #include "TestPlayerProcess.h"
@@ -133,6 +137,118 @@ TEST_P(MuteControllerIntegrationTest, AMutedPlayerThatRestartsIsMutedFromItsFirs
   TestPlayerProcess again({.appID = "org.example.Player"});
   EXPECT_TRUE(eventually([&] { return controller->hasTap("org.example.Player"); }));
   EXPECT_LT(level(), kSilenceLevel);
+}
+
+TEST_P(MuteControllerIntegrationTest, MutedPlayersAreSilentAgainSoonAfterTheServerRestarts) {
+  std::vector<std::unique_ptr<TestPlayerProcess>> players;
+  for (const char* key : {"org.example.First", "org.example.Second", "org.example.Third"}) {
+    players.push_back(std::make_unique<TestPlayerProcess>(
+        TestPlayerProcess::Options{.appID = key, .reconnect = true}));
+    controller->toggle(waitForApp(key));
+  }
+  ASSERT_EQ(controller->tapCount(), 3u);
+
+  server->stop();
+  ASSERT_TRUE(eventually([&] { return !backend->isConnected(); }));
+  // When each player's stream shows up on the new connection, and when it was last heard
+  // (off a tap sink), watched closely while the main queue is served here.
+  using Clock = std::chrono::steady_clock;
+  std::map<pid_t, Clock::time_point> appeared;
+  std::map<pid_t, Clock::time_point> lastHeard;
+  std::atomic<std::size_t> onTaps{0};
+  std::atomic<bool> watching{true};
+  std::thread watcher([&] {
+    while (watching) {
+      const auto snapshot = backend->snapshot();
+      std::size_t count = 0;
+      for (const auto& stream : snapshot->sinkInputs) {
+        if (stream.pid == 0 || stream.isOurIO) {
+          continue;
+        }
+        appeared.try_emplace(stream.pid, Clock::now());
+        if (std::any_of(snapshot->tapSinks.begin(), snapshot->tapSinks.end(),
+                        [&](const pulse::TapSink& tap) { return tap.index == stream.sink; })) {
+          ++count;
+        } else {
+          lastHeard[stream.pid] = Clock::now();
+        }
+      }
+      onTaps = count;
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  });
+  server->start();
+  const bool allSilenced = eventually([&] { return onTaps == players.size(); });
+  const double silence = level();  // a rebuild that follows would be heard here
+  watching = false;
+  watcher.join();
+  ASSERT_TRUE(allSilenced) << server->pactl({"list", "sink-inputs"});
+  EXPECT_LT(silence, kSilenceLevel) << lastLevels;
+  EXPECT_EQ(onTaps, players.size());
+  for (const auto& [pid, at] : lastHeard) {
+    EXPECT_LT(at - appeared[pid], std::chrono::seconds(2))
+        << std::chrono::duration_cast<std::chrono::milliseconds>(at - appeared[pid]).count()
+        << " ms";
+  }
+  // Taps that went with the old connection are gone, which their removal finds in order.
+  const auto entries = logs->entries();
+  EXPECT_EQ(std::count_if(entries.begin(), entries.end(),
+                          [](const LogEntry& e) {
+                            return e.category == "ProcessMuteTap" && e.level == LogLevel::error;
+                          }),
+            0);
+  // Nothing of the old connection: three taps, each with its one sink and its two streams.
+  EXPECT_EQ(controller->tapCount(), 3u);
+  EXPECT_EQ(backend->snapshot()->tapSinks.size(), 3u);
+  const auto streams = backend->snapshot()->sinkInputs;
+  EXPECT_EQ(std::count_if(streams.begin(), streams.end(), [](const auto& s) { return s.isOurIO; }),
+            3);
+}
+
+TEST_P(MuteControllerIntegrationTest, TapsFollowTheNewDefaultWhenTheirOutputIsRemoved) {
+  TestPlayerProcess first({.appID = "org.example.First"});
+  TestPlayerProcess second({.appID = "org.example.Second", .frequency = 660});
+  controller->setVolume(0.5f, waitForApp("org.example.First"));
+  controller->setVolume(0.5f, waitForApp("org.example.Second"));
+  ASSERT_EQ(controller->tapCount(), 2u);
+
+  // The headset is unplugged: its sink goes, and the server picks the other one.
+  std::istringstream modules(server->pactl({"list", "short", "modules"}));
+  std::string out1Module;
+  for (std::string line; std::getline(modules, line);) {
+    if (line.find("sink_name=out1") != std::string::npos) {
+      out1Module = line.substr(0, line.find('\t'));
+    }
+  }
+  ASSERT_FALSE(out1Module.empty());
+  const auto removed = std::chrono::steady_clock::now();
+  server->pactl({"unload-module", out1Module});
+  // Both players on taps whose sound goes to out2, and no stream of ours anywhere else.
+  auto followed = [&] {
+    const auto snapshot = backend->snapshot();
+    const auto* out2 = snapshot->deviceWithUID("out2");
+    if (out2 == nullptr || snapshot->defaultOutput != out2->id || snapshot->tapSinks.size() != 2) {
+      return false;
+    }
+    int ours = 0;
+    for (const auto& stream : snapshot->sinkInputs) {
+      const bool onTap =
+          std::any_of(snapshot->tapSinks.begin(), snapshot->tapSinks.end(),
+                      [&](const pulse::TapSink& tap) { return tap.index == stream.sink; });
+      if (stream.isOurIO ? stream.sink != out2->sinkIndex : !onTap) {
+        return false;
+      }
+      ours += stream.isOurIO ? 1 : 0;
+    }
+    return ours == 2;
+  };
+  ASSERT_TRUE(eventually(followed)) << server->pactl({"list", "short", "sink-inputs"});
+  const auto took = std::chrono::steady_clock::now() - removed;
+  EXPECT_LT(took, std::chrono::seconds(1))
+      << std::chrono::duration_cast<std::chrono::milliseconds>(took).count() << " ms";
+  EXPECT_EQ(controller->tapCount(), 2u);
+  // Two tones at half amplitude each.
+  EXPECT_NEAR(level("out2"), kToneLevel - 6.02 + 3.01, kTolerance) << lastLevels;
 }
 
 QUELLIX_ON_EVERY_SERVER(MuteControllerIntegrationTest);

@@ -139,7 +139,7 @@ TEST_P(TapTest, ASecondStreamOpenedWhileTappedIsSilentToo) {
   EXPECT_GT(outputLevel(), kSilenceLevel);
 }
 
-TEST_P(TapTest, AKilledSpikeIsCleanedUpByTheNextStart) {
+TEST_P(TapTest, AKilledSpikeLeavesThePlayerAudibleAndNothingBehind) {
   TestPlayerProcess player({});
   {
     testing::ChildProcess spike({QUELLIX_BINARY, "--spike", std::to_string(player.pid())},
@@ -149,8 +149,7 @@ TEST_P(TapTest, AKilledSpikeIsCleanedUpByTheNextStart) {
     spike.signal(SIGKILL);
     spike.wait(std::chrono::seconds(5));
   }
-  EXPECT_LT(outputLevel(), kSilenceLevel) << "the leftover sink still holds the stream";
-  connectBackend();
+  // Its guard cleans up after it.
   EXPECT_TRUE(testing::eventually([&] { return nothingOfOursLeft(); }));
   EXPECT_NEAR(outputLevel(), kToneLevel, kTolerance);
 }

@@ -3,7 +3,7 @@
 // tone), "quit". Answers each command with "ok" on standard output once the server confirmed.
 //
 //   quellix-test-player [--name NAME] [--app-id ID] [--frequency HZ] [--amplitude A]
-//                       [--clicks MS] [--fake-pids N --pid-base B]
+//                       [--clicks MS] [--fake-pids N --pid-base B] [--reconnect 1]
 //
 // --clicks plays, instead of a steady tone, a 2 ms burst of it every MS milliseconds of the
 // monotonic clock, placed in each write as if the write's first frame sounded at once: a
@@ -12,6 +12,9 @@
 //
 // --fake-pids opens N further streams, corked, each claiming the process id B + i, so one
 // helper stands in for N audio processes.
+//
+// --reconnect 1 connects again when the server goes away, as often as it takes, and opens
+// its streams anew once it is back, as a desktop application does.
 #include <pulse/pulseaudio.h>
 #include <time.h>
 
@@ -46,16 +49,103 @@ std::int64_t monotonicNs() {
 
 constexpr std::uint64_t kClickFrames = kRate / 500;
 
+const pa_buffer_attr kBufferAttributes{
+    static_cast<std::uint32_t>(-1), static_cast<std::uint32_t>(kRate / 50 * 8),
+    static_cast<std::uint32_t>(-1), static_cast<std::uint32_t>(-1), static_cast<std::uint32_t>(-1)};
+constexpr pa_usec_t kReconnectDelay = 100 * PA_USEC_PER_MSEC;
+
 struct Player {
   pa_threaded_mainloop* mainloop = nullptr;
   pa_context* context = nullptr;
   std::vector<pa_stream*> streams;
   std::vector<Tone> tones;
   Tone prototype;
+  std::string name;
+  std::string appID;
+  bool reconnect = false;
+  bool ready = false;  // connected at least once
 };
 
-void contextState(pa_context*, void* userdata) {
-  pa_threaded_mainloop_signal(static_cast<Player*>(userdata)->mainloop, 0);
+pa_context* newContext(Player& player);
+void write(pa_stream* stream, std::size_t bytes, void* userdata);
+
+void reopenStreams(pa_mainloop_api* api, pa_time_event* event, const struct timeval*,
+                   void* userdata);
+
+void later(Player& player, pa_time_event_cb_t callback) {
+  pa_mainloop_api* api = pa_threaded_mainloop_get_api(player.mainloop);
+  timeval when{};
+  pa_timeval_add(pa_gettimeofday(&when), kReconnectDelay);
+  api->time_new(api, &when, callback, &player);
+}
+
+// A server that is still starting may refuse a stream (no sink yet): it is asked again.
+void reopenedStreamState(pa_stream* stream, void* userdata) {
+  auto* player = static_cast<Player*>(userdata);
+  if (pa_stream_get_state(stream) == PA_STREAM_FAILED &&
+      pa_context_get_state(player->context) == PA_CONTEXT_READY) {
+    later(*player, reopenStreams);
+  }
+}
+
+// On the main loop's thread: the streams that do not play, opened anew without waiting.
+void reopenStreams(pa_mainloop_api* api, pa_time_event* event, const struct timeval*,
+                   void* userdata) {
+  if (event != nullptr) {
+    api->time_free(event);
+  }
+  auto* player = static_cast<Player*>(userdata);
+  if (pa_context_get_state(player->context) != PA_CONTEXT_READY) {
+    return;
+  }
+  const pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, kRate, kChannels};
+  for (std::size_t i = 0; i < player->streams.size(); ++i) {
+    pa_stream*& stream = player->streams[i];
+    if (pa_stream_get_context(stream) == player->context &&
+        PA_STREAM_IS_GOOD(pa_stream_get_state(stream))) {
+      continue;
+    }
+    pa_stream_set_state_callback(stream, nullptr, nullptr);
+    pa_stream_unref(stream);
+    stream = pa_stream_new(player->context, ("tone " + std::to_string(i)).c_str(), &spec, nullptr);
+    pa_stream_set_state_callback(stream, reopenedStreamState, player);
+    pa_stream_set_write_callback(stream, write, &player->tones[i]);
+    pa_stream_connect_playback(stream, nullptr, &kBufferAttributes, PA_STREAM_ADJUST_LATENCY,
+                               nullptr, nullptr);
+  }
+}
+
+void retry(pa_mainloop_api* api, pa_time_event* event, const struct timeval*, void* userdata) {
+  api->time_free(event);
+  auto* player = static_cast<Player*>(userdata);
+  pa_context_unref(player->context);
+  player->context = newContext(*player);
+  pa_context_connect(player->context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr);
+}
+
+void contextState(pa_context* context, void* userdata) {
+  auto* player = static_cast<Player*>(userdata);
+  const auto state = pa_context_get_state(context);
+  if (player->reconnect && player->ready) {
+    if (state == PA_CONTEXT_READY) {
+      reopenStreams(nullptr, nullptr, nullptr, player);
+    } else if (!PA_CONTEXT_IS_GOOD(state)) {
+      later(*player, retry);
+    }
+  }
+  pa_threaded_mainloop_signal(player->mainloop, 0);
+}
+
+pa_context* newContext(Player& player) {
+  pa_proplist* properties = pa_proplist_new();
+  pa_proplist_sets(properties, PA_PROP_APPLICATION_NAME, player.name.c_str());
+  if (!player.appID.empty())
+    pa_proplist_sets(properties, PA_PROP_APPLICATION_ID, player.appID.c_str());
+  pa_context* context = pa_context_new_with_proplist(pa_threaded_mainloop_get_api(player.mainloop),
+                                                     player.name.c_str(), properties);
+  pa_proplist_free(properties);
+  pa_context_set_state_callback(context, contextState, &player);
+  return context;
 }
 
 void streamState(pa_stream*, void* userdata) {
@@ -109,13 +199,9 @@ bool openStream(Player& player, long fakePID = 0) {
   player.tones.push_back(player.prototype);
   pa_stream_set_state_callback(stream, streamState, &player);
   pa_stream_set_write_callback(stream, write, &player.tones.back());
-  const pa_buffer_attr attributes{static_cast<std::uint32_t>(-1),
-                                  static_cast<std::uint32_t>(kRate / 50 * 8),
-                                  static_cast<std::uint32_t>(-1), static_cast<std::uint32_t>(-1),
-                                  static_cast<std::uint32_t>(-1)};
   const auto flags = static_cast<pa_stream_flags_t>(
       PA_STREAM_ADJUST_LATENCY | (fakePID > 0 ? PA_STREAM_START_CORKED : PA_STREAM_NOFLAGS));
-  pa_stream_connect_playback(stream, nullptr, &attributes, flags, nullptr, nullptr);
+  pa_stream_connect_playback(stream, nullptr, &kBufferAttributes, flags, nullptr, nullptr);
   for (;;) {
     const auto state = pa_stream_get_state(stream);
     if (state == PA_STREAM_READY)
@@ -144,6 +230,7 @@ bool cork(Player& player, bool corked) {
 int main(int argc, char** argv) {
   std::string name = "Quellix Test Player";
   std::string appID;
+  bool reconnect = false;
   long fakePIDs = 0;
   long pidBase = 0;
   Player player;
@@ -164,18 +251,16 @@ int main(int argc, char** argv) {
       fakePIDs = std::atol(value);
     } else if (option == "--pid-base") {
       pidBase = std::atol(value);
+    } else if (option == "--reconnect") {
+      reconnect = std::atol(value) != 0;
     }
   }
 
   player.mainloop = pa_threaded_mainloop_new();
-  pa_proplist* properties = pa_proplist_new();
-  pa_proplist_sets(properties, PA_PROP_APPLICATION_NAME, name.c_str());
-  if (!appID.empty())
-    pa_proplist_sets(properties, PA_PROP_APPLICATION_ID, appID.c_str());
-  player.context = pa_context_new_with_proplist(pa_threaded_mainloop_get_api(player.mainloop),
-                                                name.c_str(), properties);
-  pa_proplist_free(properties);
-  pa_context_set_state_callback(player.context, contextState, &player);
+  player.name = name;
+  player.appID = appID;
+  player.reconnect = reconnect;
+  player.context = newContext(player);
   pa_threaded_mainloop_lock(player.mainloop);
   pa_threaded_mainloop_start(player.mainloop);
   pa_context_connect(player.context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr);
@@ -195,6 +280,7 @@ int main(int argc, char** argv) {
   for (long i = 0; opened && i < fakePIDs; ++i) {
     opened = openStream(player, pidBase + i);
   }
+  player.ready = true;
   pa_threaded_mainloop_unlock(player.mainloop);
   if (!opened) {
     std::fprintf(stderr, "stream failed\n");

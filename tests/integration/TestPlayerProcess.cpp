@@ -21,6 +21,9 @@ TestPlayerProcess::TestPlayerProcess(Options options) {
     arguments.insert(arguments.end(), {"--fake-pids", std::to_string(options.fakePIDs),
                                        "--pid-base", std::to_string(options.pidBase)});
   }
+  if (options.reconnect) {
+    arguments.insert(arguments.end(), {"--reconnect", "1"});
+  }
   if (!options.appID.empty()) {
     arguments.insert(arguments.end(), {"--app-id", options.appID});
   }

@@ -19,6 +19,7 @@ class TestPlayerProcess {
     int clickPeriodMs = 0;  // bursts this far apart instead of a steady tone
     int fakePIDs = 0;       // further corked streams, each claiming pidBase + i
     int pidBase = 0;
+    bool reconnect = false;  // connects again when the server comes back
   };
 
   explicit TestPlayerProcess(Options options);

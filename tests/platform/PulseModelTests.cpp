@@ -34,6 +34,23 @@ TEST(PulseModel, ARemoveBeforeTheInfoReplyDoesNotBringTheObjectBack) {
   EXPECT_EQ(model.snapshot(true).processes.size(), 1u);
 }
 
+TEST(PulseModel, LateRepliesStayOutAfterAnyNumberOfRemovals) {
+  // A long session removes streams without end; what is kept against late replies is
+  // bounded, and covers the recent ones.
+  PulseModel model;
+  model.applyClient(client(1, "100"));
+  constexpr std::uint32_t kRemovals = 100000;
+  for (std::uint32_t index = 0; index < kRemovals; ++index) {
+    model.announce(PulseModel::Kind::sinkInput, index);
+    model.applySinkInput(stream(index, 1));
+    model.remove(PulseModel::Kind::sinkInput, index);
+  }
+  for (std::uint32_t index = kRemovals - 16; index < kRemovals; ++index) {
+    model.applySinkInput(stream(index, 1));
+  }
+  EXPECT_TRUE(model.snapshot(true).processes.empty());
+}
+
 TEST(PulseModel, AStreamBeforeItsClientIsAttributedOnceTheClientArrives) {
   PulseModel model;
   model.applySinkInput(stream(3, 9));

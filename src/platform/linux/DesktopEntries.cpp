@@ -22,39 +22,9 @@ std::string trimmed(const std::string& text) {
   return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
 }
 
-// The program of an Exec line: its first word, unquoted, past "env VAR=value" prefixes.
+// The program of an Exec line: its first word, past "env VAR=value" prefixes.
 std::string programOf(const std::string& exec) {
-  std::vector<std::string> words;
-  std::string word;
-  bool quoted = false;
-  bool inWord = false;
-  for (std::size_t i = 0; i < exec.size(); ++i) {
-    const char c = exec[i];
-    if (quoted) {
-      if (c == '\\' && i + 1 < exec.size()) {
-        word += exec[++i];
-      } else if (c == '"') {
-        quoted = false;
-      } else {
-        word += c;
-      }
-    } else if (c == '"') {
-      quoted = true;
-      inWord = true;
-    } else if (c == ' ' || c == '\t') {
-      if (inWord) {
-        words.push_back(word);
-        word.clear();
-        inWord = false;
-      }
-    } else {
-      word += c;
-      inWord = true;
-    }
-  }
-  if (inWord) {
-    words.push_back(word);
-  }
+  const auto words = execArguments(exec);
   std::size_t at = 0;
   if (at < words.size() && std::filesystem::path(words[at]).filename() == "env") {
     ++at;
@@ -63,6 +33,50 @@ std::string programOf(const std::string& exec) {
     }
   }
   return at < words.size() ? std::filesystem::path(words[at]).filename().string() : std::string();
+}
+
+// Undoes the escapes every string value may carry: \s, \n, \t, \r and \\.
+std::string unescapedValue(const std::string& value) {
+  std::string text;
+  for (std::size_t i = 0; i < value.size(); ++i) {
+    if (value[i] != '\\' || i + 1 == value.size()) {
+      text += value[i];
+      continue;
+    }
+    switch (const char next = value[++i]) {
+      case 's':
+        text += ' ';
+        break;
+      case 'n':
+        text += '\n';
+        break;
+      case 't':
+        text += '\t';
+        break;
+      case 'r':
+        text += '\r';
+        break;
+      case '\\':
+        text += '\\';
+        break;
+      default:
+        text += '\\';
+        text += next;
+        break;
+    }
+  }
+  return text;
+}
+
+std::string withPercentSignsUnescaped(const std::string& word) {
+  std::string text;
+  for (std::size_t i = 0; i < word.size(); ++i) {
+    text += word[i];
+    if (word[i] == '%' && i + 1 < word.size() && word[i + 1] == '%') {
+      ++i;
+    }
+  }
+  return text;
 }
 
 // Candidate keys for a localized value, most specific first: lang_COUNTRY@MODIFIER,
@@ -107,8 +121,8 @@ std::string messageLocale() {
   return "C";
 }
 
-std::optional<DesktopEntry> DesktopEntryIndex::parse(const std::filesystem::path& path,
-                                                     std::string id, const std::string& locale) {
+std::optional<std::map<std::string, std::string>> readDesktopEntryGroup(
+    const std::filesystem::path& path) {
   std::ifstream file(path);
   if (!file) {
     return std::nullopt;
@@ -131,9 +145,95 @@ std::optional<DesktopEntry> DesktopEntryIndex::parse(const std::filesystem::path
     }
     values.emplace(trimmed(line.substr(0, equals)), trimmed(line.substr(equals + 1)));
   }
+  return values;
+}
+
+std::vector<std::string> execArguments(const std::string& exec) {
+  const std::string text = unescapedValue(exec);
+  std::vector<std::string> words;
+  std::string word;
+  bool quoted = false;
+  bool inWord = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (quoted) {
+      if (c == '\\' && i + 1 < text.size()) {
+        word += text[++i];
+      } else if (c == '"') {
+        quoted = false;
+      } else {
+        word += c;
+      }
+    } else if (c == '"') {
+      quoted = true;
+      inWord = true;
+    } else if (c == ' ' || c == '\t' || c == '\n') {
+      if (inWord) {
+        words.push_back(withPercentSignsUnescaped(word));
+        word.clear();
+        inWord = false;
+      }
+    } else {
+      word += c;
+      inWord = true;
+    }
+  }
+  if (inWord) {
+    words.push_back(withPercentSignsUnescaped(word));
+  }
+  return words;
+}
+
+std::string execArgument(const std::string& word) {
+  // Characters that make the shell-like reading of Exec treat a word specially.
+  constexpr std::string_view kReserved = " \t\n\"'\\><~|&;$*?#()`";
+  const bool needsQuotes = word.empty() || word.find_first_of(kReserved) != std::string::npos;
+  std::string quoted = needsQuotes ? "\"" : "";
+  for (const char c : word) {
+    if (needsQuotes && (c == '"' || c == '`' || c == '$' || c == '\\')) {
+      quoted += '\\';
+    }
+    quoted += c;
+    if (c == '%') {
+      quoted += '%';
+    }
+  }
+  if (needsQuotes) {
+    quoted += '"';
+  }
+  // The value as a whole is a string, whose own escapes come on top of the quoting.
+  std::string escaped;
+  for (const char c : quoted) {
+    switch (c) {
+      case '\\':
+        escaped += "\\\\";
+        break;
+      case '\n':
+        escaped += "\\n";
+        break;
+      case '\t':
+        escaped += "\\t";
+        break;
+      case '\r':
+        escaped += "\\r";
+        break;
+      default:
+        escaped += c;
+        break;
+    }
+  }
+  return escaped;
+}
+
+std::optional<DesktopEntry> DesktopEntryIndex::parse(const std::filesystem::path& path,
+                                                     std::string id, const std::string& locale) {
+  const auto values = readDesktopEntryGroup(path);
+  if (!values) {
+    return std::nullopt;
+  }
   auto value = [&](const std::string& key) {
-    const auto found = values.find(key);
-    return found == values.end() ? std::string() : found->second;
+    const auto found = values->find(key);
+    return found == values->end() ? std::string() : found->second;
   };
   if (value("Type") != "Application" || value("Hidden") == "true" || value("Name").empty()) {
     return std::nullopt;

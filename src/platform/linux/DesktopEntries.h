@@ -59,6 +59,19 @@ class DesktopEntryIndex {
   bool built_ = false;
 };
 
+// The keys and values of a desktop file's [Desktop Entry] group as written (the first of a
+// repeated key wins); none when the file cannot be read.
+std::optional<std::map<std::string, std::string>> readDesktopEntryGroup(
+    const std::filesystem::path& path);
+
+// The words of an Exec value: escapes undone, quotes removed, "%%" turned into "%". Field
+// codes such as %U stay as they are.
+std::vector<std::string> execArguments(const std::string& exec);
+
+// One word for an Exec value, quoted and escaped where needed so that execArguments() reads
+// it back unchanged.
+std::string execArgument(const std::string& word);
+
 // The message locale from the environment (LC_ALL, LC_MESSAGES, LANG), e.g. "de_DE".
 std::string messageLocale();
 

@@ -27,4 +27,8 @@ class HttpClient {
 // The real client over Qt Network; needs a running Qt application.
 std::shared_ptr<HttpClient> makeQtHttpClient();
 
+// Whether `text` is a complete absolute address: it parses strictly and names a scheme and a
+// host.
+bool isWebAddress(const std::string& text);
+
 }  // namespace quellix

@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include "platform/hal/PropertyValue.h"
+#include "platform/hal/pulse/LeftoverTaps.h"
+#include "platform/hal/pulse/PulseRecords.h"
 #include "support/BuildInfo.h"
 
 namespace quellix {
@@ -38,55 +38,10 @@ class MainloopLock {
   pa_threaded_mainloop* mainloop_;
 };
 
-pulse::Properties copyProperties(const pa_proplist* list) {
-  pulse::Properties properties;
-  if (list == nullptr) {
-    return properties;
-  }
-  void* state = nullptr;
-  while (const char* key = pa_proplist_iterate(list, &state)) {
-    if (const char* value = pa_proplist_gets(list, key)) {
-      properties.emplace(key, value);
-    }
-  }
-  return properties;
-}
-
-pulse::SinkInfo copySink(const pa_sink_info& info) {
-  pulse::SinkInfo sink;
-  sink.index = info.index;
-  sink.name = info.name != nullptr ? info.name : "";
-  sink.sampleRate = info.sample_spec.rate;
-  sink.channelVolumes.assign(info.volume.values, info.volume.values + info.volume.channels);
-  sink.mute = info.mute != 0;
-  sink.ownerModule = info.owner_module;
-  sink.properties = copyProperties(info.proplist);
-  return sink;
-}
-
-pulse::ClientInfo copyClient(const pa_client_info& info) {
-  return {info.index, copyProperties(info.proplist)};
-}
-
-template <typename Info>
-pulse::StreamInfo copyStream(const Info& info, std::uint32_t device) {
-  pulse::StreamInfo stream;
-  stream.index = info.index;
-  stream.client = info.client;
-  stream.device = device;
-  stream.corked = info.corked != 0;
-  stream.ownerModule = info.owner_module;
-  stream.properties = copyProperties(info.proplist);
-  return stream;
-}
-
-pulse::StreamInfo copySinkInput(const pa_sink_input_info& info) {
-  return copyStream(info, info.sink);
-}
-
-pulse::StreamInfo copySourceOutput(const pa_source_output_info& info) {
-  return copyStream(info, info.source);
-}
+using pulse::copyClient;
+using pulse::copySink;
+using pulse::copySinkInput;
+using pulse::copySourceOutput;
 
 PulseBackend* backendOf(void* userdata) {
   return static_cast<PulseBackend*>(userdata);
@@ -297,6 +252,12 @@ void PulseBackend::onContextState(pa_context* context) {
       {
         // Taps and aggregate devices died with the server; their IO paths stop here.
         std::lock_guard lock(objectsMutex_);
+        for (const auto& entry : taps_) {
+          lostWithServer_.insert(entry.first);
+        }
+        for (const auto& entry : aggregates_) {
+          lostWithServer_.insert(entry.first);
+        }
         taps_.clear();
         aggregates_.clear();
       }
@@ -772,21 +733,6 @@ OSStatus PulseBackend::removePropertyListener(AudioObjectID object,
 
 namespace {
 
-// The kernel's start time of a process, which tells a reused PID from the process it replaced.
-std::string processStartTime(pid_t pid) {
-  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-  std::string stat((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  const auto close = stat.rfind(')');
-  if (close == std::string::npos) {
-    return {};
-  }
-  std::istringstream fields(stat.substr(close + 1));
-  std::string field;
-  for (int i = 0; i < 20 && fields >> field; ++i) {
-  }
-  return fields ? field : std::string();
-}
-
 // Only characters that survive the module argument's two levels of quoting.
 std::string sanitizedLabel(const std::string& label) {
   std::string clean;
@@ -901,26 +847,14 @@ void PulseBackend::keepStreamsOnTaps() {
 
 void PulseBackend::removeLeftovers() {
   const auto current = snapshot();
-  const std::string defaultSink = model_.defaultSinkName();
   for (const auto& tap : current->tapSinks) {
-    const bool alive = tap.ownerPID > 0 && !tap.ownerStart.empty() &&
-                       processStartTime(tap.ownerPID) == tap.ownerStart;
-    if (alive) {
-      continue;
-    }
-    // Its streams go back to the default output, then the sink goes. The server carries out
-    // one connection's requests in order.
-    for (const auto& placement : current->sinkInputs) {
-      if (placement.sink == tap.index && !defaultSink.empty()) {
-        pa_operation_unref(pa_context_move_sink_input_by_name(
-            context_, placement.index, defaultSink.c_str(), nullptr, nullptr));
+    if (pulse::isLeftover(tap)) {
+      for (pa_operation* operation :
+           pulse::removeLeftover(context_, tap, current->sinkInputs, model_.defaultSinkName(),
+                                 nullptr, nullptr, logger_)) {
+        pa_operation_unref(operation);
       }
     }
-    if (tap.ownerModule != pulse::kInvalidIndex) {
-      pa_operation_unref(pa_context_unload_module(context_, tap.ownerModule, nullptr, nullptr));
-    }
-    logger_.error("Removed the leftover tap " + tap.name + " of process " +
-                  std::to_string(tap.ownerPID));
   }
 }
 
@@ -949,7 +883,7 @@ OSStatus PulseBackend::createProcessTap(const CATapDescription& description,
       " channels=2 format=float32le sink_properties=\"device.description='" +
       sanitizedLabel(description.name()) + "' " + pulse::kTapOwnerProperty + "=" +
       std::to_string(::getpid()) + " " + pulse::kTapOwnerStartProperty + "=" +
-      processStartTime(::getpid()) + " " + pulse::kTapUUIDProperty + "=" + tap.uuid + "\"";
+      pulse::processStartTime(::getpid()) + " " + pulse::kTapUUIDProperty + "=" + tap.uuid + "\"";
   const OSStatus status = runIndexOperation(
       [&](pa_context* context, auto callback, void* userdata) {
         return pa_context_load_module(context, "module-null-sink", arguments.c_str(), callback,
@@ -1048,7 +982,8 @@ OSStatus PulseBackend::destroyProcessTap(AudioObjectID tapID) {
     std::lock_guard objectsLock(objectsMutex_);
     const auto found = taps_.find(tapID);
     if (found == taps_.end()) {
-      return kAudioHardwareBadObjectError;
+      return lostWithServer_.erase(tapID) > 0 ? kAudioHardwareNoError
+                                              : kAudioHardwareBadObjectError;
     }
     tap = std::move(found->second);
     taps_.erase(found);
@@ -1111,7 +1046,8 @@ OSStatus PulseBackend::destroyAggregateDevice(AudioObjectID device) {
     std::lock_guard lock(objectsMutex_);
     const auto found = aggregates_.find(device);
     if (found == aggregates_.end()) {
-      return kAudioHardwareBadDeviceError;
+      return lostWithServer_.erase(device) > 0 ? kAudioHardwareNoError
+                                               : kAudioHardwareBadDeviceError;
     }
     procs = std::move(found->second.procs);
     aggregates_.erase(found);
@@ -1182,7 +1118,8 @@ OSStatus PulseBackend::stopDevice(AudioObjectID device, AudioDeviceIOProcID proc
     std::lock_guard lock(objectsMutex_);
     const auto aggregate = aggregates_.find(device);
     if (aggregate == aggregates_.end()) {
-      return kAudioHardwareBadDeviceError;
+      return lostWithServer_.count(device) > 0 ? kAudioHardwareNoError
+                                               : kAudioHardwareBadDeviceError;
     }
     const auto ioProc = aggregate->second.procs.find(proc);
     if (ioProc == aggregate->second.procs.end()) {
@@ -1199,7 +1136,8 @@ OSStatus PulseBackend::destroyIOProcID(AudioObjectID device, AudioDeviceIOProcID
     std::lock_guard lock(objectsMutex_);
     const auto aggregate = aggregates_.find(device);
     if (aggregate == aggregates_.end()) {
-      return kAudioHardwareBadDeviceError;
+      return lostWithServer_.count(device) > 0 ? kAudioHardwareNoError
+                                               : kAudioHardwareBadDeviceError;
     }
     const auto ioProc = aggregate->second.procs.find(proc);
     if (ioProc == aggregate->second.procs.end()) {

@@ -192,6 +192,9 @@ class PulseBackend final : public AudioBackend {
   mutable std::mutex objectsMutex_;
   std::map<AudioObjectID, Tap> taps_;
   std::map<AudioObjectID, Aggregate> aggregates_;
+  // Taps and aggregate devices that went with a lost connection: their owners' calls to stop
+  // and destroy them succeed, since what they ask for has happened.
+  std::set<AudioObjectID> lostWithServer_;
   std::uintptr_t lastIOProcID_ = 0;
   std::atomic<std::uint64_t> repeatedMoves_{0};
 

@@ -11,6 +11,8 @@ constexpr const char* kVerifiedPID = "pipewire.sec.pid";
 constexpr const char* kReportedPID = "application.process.id";
 constexpr const char* kSandboxAppID = "pipewire.access.portal.app_id";
 constexpr const char* kApplicationID = "application.id";
+// Removed indices remembered per kind of object, against late replies.
+constexpr std::size_t kRemovedIndicesKept = 256;
 
 const std::string* property(const Properties& properties, const char* key) {
   const auto found = properties.find(key);
@@ -168,7 +170,13 @@ void PulseModel::remove(Kind kind, std::uint32_t index) {
       clients_.erase(index);
       break;
   }
-  removed(kind).insert(index);
+  // Only a reply already in flight can name a removed index; the server hands out indices in
+  // ascending order, so the oldest removals are no longer needed.
+  auto& indices = removed(kind);
+  indices.insert(index);
+  if (indices.size() > kRemovedIndicesKept) {
+    indices.erase(indices.begin());
+  }
 }
 
 template <typename Info>

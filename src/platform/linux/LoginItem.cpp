@@ -1,0 +1,18 @@
+#include "platform/linux/LoginItem.h"
+
+#include <filesystem>
+
+#include "platform/linux/AutostartLoginItem.h"
+#include "platform/linux/SandboxedLoginItem.h"
+
+namespace quellix {
+
+std::shared_ptr<LoginItem> makeLoginItem() {
+  std::error_code error;
+  if (std::filesystem::exists(SandboxedLoginItem::kSandboxMarker, error)) {
+    return std::make_shared<SandboxedLoginItem>();
+  }
+  return AutostartLoginItem::forThisProgram();
+}
+
+}  // namespace quellix

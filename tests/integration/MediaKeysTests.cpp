@@ -1,0 +1,255 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <QCoreApplication>
+#include <QDBusArgument>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusVariant>
+#include <QVariantMap>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "LevelMeter.h"
+#include "SoundServer.h"
+#include "platform/linux/Accessibility.h"
+#include "platform/linux/EventPoster.h"
+#include "platform/linux/MprisCommand.h"
+#include "platform/linux/MprisEventPoster.h"
+#include "services/MediaKeys.h"
+#include "support/Logger.h"
+
+namespace quellix {
+namespace {
+
+using testing::ChildProcess;
+using testing::SoundServer;
+
+const QString kPlayerPath = QStringLiteral("/org/mpris/MediaPlayer2");
+const QString kPlayerInterface = QStringLiteral("org.mpris.MediaPlayer2.Player");
+constexpr auto kMprisPlugin = "/usr/lib/mpv-mpris/mpris.so";
+// A steady tone at half scale is about -9 dBFS; a paused player leaves digital silence.
+constexpr double kSoundAbove = -20.0;
+constexpr double kSilenceBelow = -80.0;
+constexpr auto kLevelSpan = std::chrono::milliseconds(500);
+
+QCoreApplication& application() {
+  static int argc = 1;
+  static char name[] = "media_keys_tests";
+  static char* argv[] = {name, nullptr};
+  static auto* app = new QCoreApplication(argc, argv);
+  return *app;
+}
+
+// Real media players (mpv with its MPRIS plugin) on a private session bus and a private sound
+// server, and the program's own poster following them.
+class MediaKeysIntegrationTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::unsetenv("DISPLAY");
+    ::unsetenv("WAYLAND_DISPLAY");
+    application();
+    previousSink_ = Logger::installSink(logs_);
+    server_ = std::make_unique<SoundServer>(SoundServer::Kind::pulseAudio);
+    bus_ = std::make_unique<ChildProcess>(
+        std::vector<std::string>{"dbus-daemon", "--session", "--nofork", "--print-address"},
+        ChildProcess::Options{.pipeStdout = true});
+    const auto address = bus_->readLine(std::chrono::seconds(10));
+    ASSERT_TRUE(address) << "no session bus";
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", address->c_str(), 1);
+    connection_ = std::make_unique<QDBusConnection>(
+        QDBusConnection::connectToBus(QString::fromStdString(*address), "media-keys-test"));
+    ASSERT_TRUE(connection_->isConnected());
+
+    poster_ = std::make_shared<MprisEventPoster>();
+    previousPoster_ = installEventPoster(poster_);
+    previousTrust_ = installAccessibilityTrust(nullptr);
+    ASSERT_TRUE(AXIsProcessTrusted());
+  }
+
+  void TearDown() override {
+    installEventPoster(previousPoster_);
+    installAccessibilityTrust(previousTrust_);
+    poster_.reset();
+    players_.clear();
+    connection_.reset();
+    QDBusConnection::disconnectFromBus("media-keys-test");
+    bus_.reset();
+    server_.reset();
+    EXPECT_TRUE(logs_->messages().empty()) << logs_->messages().front();
+    Logger::installSink(previousSink_);
+  }
+
+  std::string tone(const std::string& name, int frequency) {
+    const auto file = server_->runtimeDir() / (name + ".wav");
+    testing::runProgram({"sox", "-n", "-r", "48000", "-c", "2", file.string(), "synth", "1", "sine",
+                         std::to_string(frequency), "vol", "0.5"});
+    return file.string();
+  }
+
+  // Starts a player on `files` and returns its name on the bus once the poster knows it.
+  QString startPlayer(const std::vector<std::string>& files) {
+    std::vector<std::string> command = {
+        "mpv",       "--no-video",      "--no-config",   "--ao=pulse",
+        "--idle=no", "--loop-file=inf", "--no-terminal", std::string("--script=") + kMprisPlugin};
+    command.insert(command.end(), files.begin(), files.end());
+    const auto log = server_->runtimeDir() / ("mpv-" + std::to_string(players_.size()) + ".log");
+    players_.push_back(
+        std::make_unique<ChildProcess>(command, ChildProcess::Options{.outputFile = log.string()}));
+    const pid_t pid = players_.back()->pid();
+    QString name;
+    EXPECT_TRUE(eventually([&] {
+      name = nameOwnedBy(pid);
+      return !name.isEmpty() && poster_->isFollowing() &&
+             poster_->choice().status(name.toStdString()).has_value();
+    })) << "mpv did not show up on the bus; see "
+        << log;
+    return name;
+  }
+
+  QString nameOwnedBy(pid_t pid) {
+    const QDBusMessage reply = busCall("ListNames", {});
+    if (reply.type() != QDBusMessage::ReplyMessage) {
+      return {};
+    }
+    for (const QString& name : reply.arguments().first().toStringList()) {
+      if (!name.startsWith("org.mpris.MediaPlayer2.")) {
+        continue;
+      }
+      const QDBusMessage owner = busCall("GetConnectionUnixProcessID", {name});
+      if (owner.type() == QDBusMessage::ReplyMessage &&
+          owner.arguments().first().toUInt() == static_cast<unsigned>(pid)) {
+        return name;
+      }
+    }
+    return {};
+  }
+
+  QDBusMessage busCall(const QString& method, const QVariantList& arguments) {
+    auto call = QDBusMessage::createMethodCall("org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                               "org.freedesktop.DBus", method);
+    call.setArguments(arguments);
+    return connection_->call(call);
+  }
+
+  QVariant property(const QString& player, const QString& name) {
+    auto call = QDBusMessage::createMethodCall(player, kPlayerPath,
+                                               "org.freedesktop.DBus.Properties", "Get");
+    call << kPlayerInterface << name;
+    const QDBusMessage reply = connection_->call(call);
+    if (reply.type() != QDBusMessage::ReplyMessage) {
+      return {};
+    }
+    return reply.arguments().first().value<QDBusVariant>().variant();
+  }
+
+  std::string status(const QString& player) {
+    return property(player, "PlaybackStatus").toString().toStdString();
+  }
+
+  std::string track(const QString& player) {
+    const auto metadata = qdbus_cast<QVariantMap>(property(player, "Metadata"));
+    return metadata.value("xesam:url").toString().toStdString();
+  }
+
+  void command(const QString& player, const QString& method) {
+    connection_->call(
+        QDBusMessage::createMethodCall(player, kPlayerPath, kPlayerInterface, method));
+  }
+
+  // Until the player reports `expected` and the poster has heard of it.
+  bool becomes(const QString& player, const std::string& expected) {
+    const auto wanted = parsePlaybackStatus(expected);
+    return eventually([&] {
+      return status(player) == expected && poster_->choice().status(player.toStdString()) == wanted;
+    });
+  }
+
+  bool eventually(const std::function<bool()>& condition,
+                  std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+    return testing::eventually(
+        condition, [] { QCoreApplication::processEvents(QEventLoop::AllEvents, 10); }, timeout);
+  }
+
+  double level() {
+    return testing::settledLevel(server_->runtimeDir(), "out1.monitor", kLevelSpan);
+  }
+
+  std::shared_ptr<MprisEventPoster> poster_;
+  std::vector<std::unique_ptr<ChildProcess>> players_;
+
+ private:
+  std::shared_ptr<CapturingLogSink> logs_ = std::make_shared<CapturingLogSink>();
+  std::shared_ptr<LogSink> previousSink_;
+  std::unique_ptr<SoundServer> server_;
+  std::unique_ptr<ChildProcess> bus_;
+  std::unique_ptr<QDBusConnection> connection_;
+  std::shared_ptr<EventPoster> previousPoster_;
+  std::shared_ptr<AccessibilityTrust> previousTrust_;
+};
+
+TEST_F(MediaKeysIntegrationTest, PlayPausePausesThePlayerAndASecondPressResumesIt) {
+  const QString player = startPlayer({tone("a", 440)});
+  ASSERT_TRUE(becomes(player, "Playing"));
+
+  MediaKeys::send(MediaKeys::kPlayPause);
+  EXPECT_TRUE(becomes(player, "Paused"));
+  EXPECT_LT(level(), kSilenceBelow);
+
+  MediaKeys::send(MediaKeys::kPlayPause);
+  EXPECT_TRUE(becomes(player, "Playing"));
+  EXPECT_GT(level(), kSoundAbove);
+}
+
+TEST_F(MediaKeysIntegrationTest, TheButtonsActOnThePlayingOneAndThenOnTheLastThatChanged) {
+  const QString playing = startPlayer({tone("a", 440)});
+  const QString paused = startPlayer({tone("b", 660)});
+  command(paused, "Pause");
+  ASSERT_TRUE(becomes(paused, "Paused"));
+  ASSERT_TRUE(becomes(playing, "Playing"));
+
+  MediaKeys::send(MediaKeys::kPlayPause);
+  EXPECT_TRUE(becomes(playing, "Paused"));
+  EXPECT_EQ(status(paused), "Paused");
+
+  // Nothing plays now; the one just paused changed last.
+  MediaKeys::send(MediaKeys::kPlayPause);
+  EXPECT_TRUE(becomes(playing, "Playing"));
+  EXPECT_EQ(status(paused), "Paused");
+}
+
+TEST_F(MediaKeysIntegrationTest, NextAndPreviousChangeTheTrack) {
+  const std::string first = tone("a", 440);
+  const std::string second = tone("b", 660);
+  const QString player = startPlayer({first, second});
+  ASSERT_TRUE(eventually([&] { return track(player) == "file://" + first; }));
+
+  MediaKeys::send(MediaKeys::kNextTrack);
+  EXPECT_TRUE(eventually([&] { return track(player) == "file://" + second; }));
+  MediaKeys::send(MediaKeys::kPreviousTrack);
+  EXPECT_TRUE(eventually([&] { return track(player) == "file://" + first; }));
+}
+
+TEST_F(MediaKeysIntegrationTest, APlayerKilledBeforeItIsReachedIsPassedOverSilently) {
+  const QString doomed = startPlayer({tone("a", 440)});
+  const QString survivor = startPlayer({tone("b", 660)});
+  command(survivor, "Pause");
+  ASSERT_TRUE(becomes(survivor, "Paused"));
+  ASSERT_TRUE(becomes(doomed, "Playing"));
+
+  // The press has chosen the playing player and is on its way to it.
+  MediaKeys::send(MediaKeys::kPlayPause);
+  players_.front()->signal(SIGKILL);
+  players_.front()->wait(std::chrono::seconds(5));
+  ASSERT_TRUE(
+      eventually([&] { return !poster_->choice().status(doomed.toStdString()).has_value(); }));
+
+  MediaKeys::send(MediaKeys::kPlayPause);
+  EXPECT_TRUE(becomes(survivor, "Playing"));
+}
+
+}  // namespace
+}  // namespace quellix
