@@ -14,37 +14,35 @@ AppIconView::AppIconView(int side, QWidget* parent) : QWidget(parent), side_(sid
 }
 
 void AppIconView::setIcon(const AppIcon& icon) {
-  if (icon == icon_ && (!themeIcon_.isNull() || !symbol_.isEmpty())) {
+  if (icon == icon_ && !source_.isEmpty()) {
     return;
   }
   icon_ = icon;
   themeIcon_ = {};
   symbol_.clear();
   const QString themeName = QString::fromStdString(icon.themeName);
-  if (!themeName.isEmpty()) {
-    if (QFileInfo(themeName).isAbsolute()) {
-      if (QFileInfo::exists(themeName)) {
-        themeIcon_ = QIcon(themeName);
-      }
-    } else if (QIcon::hasThemeIcon(themeName)) {
-      themeIcon_ = QIcon::fromTheme(themeName);
+  // The program's own icon ships inside it too, for when no theme has it installed.
+  const QString bundled = QStringLiteral(":/icons/%1.svg").arg(themeName);
+  if (themeName.isEmpty()) {
+    // Drawn from its symbol below.
+  } else if (QFileInfo(themeName).isAbsolute()) {
+    if (QFileInfo::exists(themeName)) {
+      themeIcon_ = QIcon(themeName);
+      source_ = QStringLiteral("file:") + themeName;
     }
+  } else if (QIcon::hasThemeIcon(themeName)) {
+    themeIcon_ = QIcon::fromTheme(themeName);
+    source_ = QStringLiteral("theme:") + themeName;
+  } else if (QFileInfo::exists(bundled)) {
+    themeIcon_ = QIcon(bundled);
+    source_ = QStringLiteral("resource:") + bundled;
   }
   if (themeIcon_.isNull()) {
     const QString symbol = QString::fromStdString(icon.symbol);
     symbol_ = SymbolImages::exists(symbol) ? symbol : QString::fromLatin1(kGenericSymbol);
+    source_ = QStringLiteral("symbol:") + symbol_;
   }
   update();
-}
-
-QString AppIconView::source() const {
-  if (!themeIcon_.isNull()) {
-    const QString themeName = QString::fromStdString(icon_.themeName);
-    return (QFileInfo(themeName).isAbsolute() ? QStringLiteral("file:")
-                                              : QStringLiteral("theme:")) +
-           themeName;
-  }
-  return QStringLiteral("symbol:") + symbol_;
 }
 
 void AppIconView::setOpacity(double opacity) {

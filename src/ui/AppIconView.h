@@ -17,8 +17,8 @@ class AppIconView : public QWidget {
 
   void setIcon(const AppIcon& icon);
   const AppIcon& icon() const { return icon_; }
-  // What is drawn: "theme:NAME", "file:PATH" or "symbol:NAME".
-  QString source() const;
+  // What is drawn: "theme:NAME", "file:PATH", "resource:PATH" or "symbol:NAME".
+  const QString& source() const { return source_; }
 
   void setOpacity(double opacity);
   double opacity() const { return opacity_; }
@@ -33,6 +33,7 @@ class AppIconView : public QWidget {
   AppIcon icon_;
   QIcon themeIcon_;
   QString symbol_;
+  QString source_;
   double opacity_ = 1.0;
 };
 
