@@ -9,7 +9,7 @@ QUELLIX_PACKAGES=(
   qt6-base-dev qt6-svg-dev qt6-tools-dev
   libpulse-dev libspeexdsp-dev nlohmann-json3-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus sox
+  pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus dbus-daemon sox
 )
 
 quellix_missing_packages() {

@@ -25,6 +25,7 @@
 
 #include "platform/FakeStatusNotifierWatcher.h"
 #include "platform/qt/DBusTrayTypes.h"
+#include "support/Logger.h"
 
 namespace quellix {
 
@@ -358,6 +359,22 @@ TEST(TrayItemTest, ChangedEntriesKeepTheirIdsAndTellTheHostWhatChanged) {
   ASSERT_EQ(after.children.size(), 3);
   EXPECT_EQ(after.children[1].id, before.children[0].id);
   EXPECT_EQ(after.children[2].id, before.children[1].id);
+}
+
+TEST(TrayItemDeathTest, WithoutASessionBusTheItemSaysWhyAndHasNoHost) {
+  // A fresh process, so that nothing has connected to the bus yet.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
+        const auto sink = std::make_shared<CapturingLogSink>();
+        Logger::installSink(sink);
+        TrayItem item;
+        const auto messages = sink->messages("TrayItem");
+        const bool said = messages.size() == 1 && messages[0].starts_with("No session bus");
+        std::exit(said && !item.isHostAvailable() && item.serviceName().isEmpty() ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
