@@ -109,8 +109,8 @@ class TrayItem final : public QObject {
   bool hostStateKnown_ = false;
   bool hostAvailable_ = false;
 
+  std::unique_ptr<QMenu> xembedMenu_;  // outlives the icon that shows it
   std::unique_ptr<QSystemTrayIcon> xembedIcon_;
-  std::unique_ptr<QMenu> xembedMenu_;
   QTimer xembedPoll_;
 };
 
