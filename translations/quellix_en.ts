@@ -221,6 +221,13 @@ and needs next to no resources while it does.</translation>
     </message>
 </context>
 <context>
+    <name>QuellixApp</name>
+    <message>
+        <source>Quellix öffnen</source>
+        <translation>Open Quellix</translation>
+    </message>
+</context>
+<context>
     <name>SelfMover</name>
     <message>
         <source>Quellix in den Programme-Ordner verschieben?</source>
