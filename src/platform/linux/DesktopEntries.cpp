@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 
 namespace quellix {
 namespace {
@@ -109,10 +110,20 @@ std::string messageLocale() {
 
 std::optional<DesktopEntry> DesktopEntryIndex::parse(const std::filesystem::path& path,
                                                      std::string id, const std::string& locale) {
-  std::ifstream file(path);
+  std::ifstream file(path, std::ios::binary);
   if (!file) {
     return std::nullopt;
   }
+  std::ostringstream contents;
+  contents << file.rdbuf();
+  return parseContents(contents.str(), path, std::move(id), locale);
+}
+
+std::optional<DesktopEntry> DesktopEntryIndex::parseContents(std::string_view contents,
+                                                             const std::filesystem::path& path,
+                                                             std::string id,
+                                                             const std::string& locale) {
+  std::istringstream file{std::string(contents)};
   std::map<std::string, std::string> values;
   bool inMainGroup = false;
   std::string line;
