@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Sets up a fresh Debian 12 machine and runs the whole test suite:
 # format check, debug build (GCC) with every test, ASan+UBSan build (Clang) with the unit
-# tests, and a TSan build (Clang) of the audio-path tests.
+# tests, a TSan build (Clang) of the audio-path tests, and a short run of every fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")"
 source scripts/setup.sh
@@ -27,3 +27,6 @@ echo "== TSan build (Clang), audio-path tests"
 cmake --preset tsan >/dev/null
 cmake --build --preset tsan -j "$jobs" --target tsan_tests
 TSAN_OPTIONS=halt_on_error=1 ctest --preset tsan -L tsan
+
+echo "== libFuzzer targets (Clang, ASan+UBSan), ${QUELLIX_FUZZ_SECONDS:-20}s each"
+scripts/fuzz.sh
