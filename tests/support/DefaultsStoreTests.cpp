@@ -174,7 +174,8 @@ TEST_F(DefaultsStoreTest, AFolderOrAPipeAtThePathIsUnreadableAndKeptAside) {
 }
 
 TEST_F(DefaultsStoreTest, DeepNestingIsRefusedBeforeParsing) {
-  const std::string deep = "{\"a\": " + std::string(100000, '[');
+  // Valid JSON, and yet enough to overflow the stack of a recursive copy or write.
+  const std::string deep = "{\"a\": " + std::string(200000, '[') + std::string(200000, ']') + "}";
   writeFile(path, deep);
   expectKeptAside(DefaultsStore(path), *logs, path, "it nests deeper than 32 levels");
 
