@@ -23,9 +23,7 @@ trap 'rm -rf "$scratch"' EXIT
 
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
-  for binary in build/fuzz/fuzz/fuzz_*; do
-    targets+=("${binary##*/fuzz_}")
-  done
+  mapfile -t targets <build/fuzz/fuzz/fuzz-targets.txt
 fi
 
 for name in "${targets[@]}"; do
