@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Sets up a fresh Debian 12 machine and runs the whole test suite:
 # format check, debug build (GCC) with every test, ASan+UBSan build (Clang) with the unit
-# tests, a TSan build (Clang) of the audio-path tests, and, as root with apt, the packages:
-# the Debian package installed and purged again, and the portable folder.
+# tests, a TSan build (Clang) of the audio-path tests, a short run of every fuzz target, and,
+# as root with apt, the packages: the Debian package installed and purged again, and the
+# portable folder.
 set -euo pipefail
 cd "$(dirname "$0")"
 source scripts/setup.sh
@@ -28,6 +29,9 @@ echo "== TSan build (Clang), audio-path tests"
 cmake --preset tsan >/dev/null
 cmake --build --preset tsan -j "$jobs" --target tsan_tests
 TSAN_OPTIONS=halt_on_error=1 ctest --preset tsan -L tsan
+
+echo "== libFuzzer targets (Clang, ASan+UBSan), ${QUELLIX_FUZZ_SECONDS:-20}s each"
+scripts/fuzz.sh
 
 echo "== packages (Debian package installed and purged, portable folder)"
 if [ "$(id -u)" -eq 0 ] && command -v apt-get >/dev/null; then

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
+#include <optional>
 
 #include "support/Parsing.h"
 #include "support/TextError.h"
@@ -58,22 +60,40 @@ void MuteController::load() {
   mutedKeys_.set(muted ? std::set<std::string>(muted->begin(), muted->end())
                        : std::set<std::string>());
 
+  // Entries that are no volume are dropped one by one; the others load.
   std::map<std::string, float> volumes;
   if (const auto stored = defaults_.dictionary(kAppVolumesKey)) {
     for (const auto& [key, value] : *stored) {
+      std::optional<double> volume;
       if (value.is_number()) {
-        volumes[key] = value.get<float>();
+        volume = value.get<double>();
       } else if (value.is_string()) {
         // A text counts only when it is a number as a whole.
-        if (const auto parsed = parseStrictDouble(value.get<std::string>())) {
-          volumes[key] = static_cast<float>(*parsed);
-        }
+        volume = parseStrictDouble(value.get<std::string>());
+      }
+      if (volume && *volume >= 0.0 && *volume <= 1.0) {
+        volumes[key] = static_cast<float>(*volume);
+      } else {
+        defaults_.reportBadValue(kAppVolumesKey, value, "a volume from 0 to 1", key);
       }
     }
   }
   volumes_.set(std::move(volumes));
-  statsMuteCount_.set(defaults_.integer(kMuteCountKey));
-  statsMutedSeconds_.set(defaults_.doubleValue(kMutedSecondsKey));
+
+  std::int64_t muteCount = defaults_.integer(kMuteCountKey);
+  if (muteCount < 0) {
+    defaults_.reportBadValue(kMuteCountKey, *defaults_.object(kMuteCountKey),
+                             "a count of 0 or more");
+    muteCount = 0;
+  }
+  statsMuteCount_.set(muteCount);
+  double mutedSeconds = defaults_.doubleValue(kMutedSecondsKey);
+  if (!(mutedSeconds >= 0.0)) {
+    defaults_.reportBadValue(kMutedSecondsKey, *defaults_.object(kMutedSecondsKey),
+                             "a number of seconds of 0 or more");
+    mutedSeconds = 0.0;
+  }
+  statsMutedSeconds_.set(mutedSeconds);
 }
 
 void MuteController::persist() {
@@ -208,7 +228,9 @@ void MuteController::toggle(const AudioApp& app) {
     accumulateMuteTime(key);
   } else {
     mutedKeys_.modify([&](auto& keys) { keys.insert(key); });
-    statsMuteCount_.set(statsMuteCount_.get() + 1);
+    if (statsMuteCount_.get() < std::numeric_limits<std::int64_t>::max()) {
+      statsMuteCount_.set(statsMuteCount_.get() + 1);
+    }
   }
   persist();
   reconcile(std::vector<AudioApp>(lastApps_));

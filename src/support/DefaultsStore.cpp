@@ -1,15 +1,17 @@
 #include "support/DefaultsStore.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
+#include <limits>
 
 #include "support/TextError.h"
 #include "support/UtcTime.h"
@@ -38,6 +40,102 @@ std::optional<double> numberOf(const nlohmann::json& value) {
     }
   }
   return std::nullopt;
+}
+
+// Up to `limit` bytes of an open file. Anything but a regular file is refused, so a pipe or a
+// device at the path cannot stall the start. Throws TextError saying what is wrong.
+std::string readAtMost(int fd, std::size_t limit) {
+  struct stat info {};
+  if (::fstat(fd, &info) != 0) {
+    throw TextError("it cannot be read (" + systemErrorText(errno) + ")");
+  }
+  if (!S_ISREG(info.st_mode)) {
+    throw TextError("it is not a regular file");
+  }
+  std::string bytes(std::min<std::size_t>(limit, static_cast<std::size_t>(info.st_size) + 1), '\0');
+  std::size_t filled = 0;
+  while (true) {
+    if (filled == bytes.size()) {
+      if (bytes.size() >= limit) {
+        break;
+      }
+      bytes.resize(std::min(limit, bytes.size() * 2));  // the file grew while we read
+    }
+    const ssize_t got = ::read(fd, bytes.data() + filled, bytes.size() - filled);
+    if (got < 0 && errno == EINTR) {
+      continue;
+    }
+    if (got < 0) {
+      throw TextError("it cannot be read (" + systemErrorText(errno) + ")");
+    }
+    if (got == 0) {
+      break;
+    }
+    filled += static_cast<std::size_t>(got);
+  }
+  bytes.resize(filled);
+  return bytes;
+}
+
+// Whether brackets outside of strings open more than `limit` levels.
+bool nestsDeeperThan(std::string_view text, int limit) {
+  int depth = 0;
+  bool inString = false;
+  bool escaped = false;
+  for (const char c : text) {
+    if (inString) {
+      if (escaped) {
+        escaped = false;
+      } else if (c == '\\') {
+        escaped = true;
+      } else if (c == '"') {
+        inString = false;
+      }
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > limit) {
+        return true;
+      }
+    } else if (c == ']' || c == '}') {
+      --depth;
+    }
+  }
+  return false;
+}
+
+// A value as it may appear in a log line: compact, and cut short when long.
+std::string excerpt(const nlohmann::json& value) {
+  constexpr std::size_t kMaxExcerpt = 80;
+  std::string text = value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  if (text.size() <= kMaxExcerpt) {
+    return text;
+  }
+  std::size_t cut = kMaxExcerpt;
+  while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) {
+    --cut;  // not inside a UTF-8 sequence
+  }
+  return text.substr(0, cut) + "…";
+}
+
+// rename() that fails with file_exists instead of replacing what is at `to`.
+bool renameWithoutReplacing(const std::filesystem::path& from, const std::filesystem::path& to,
+                            std::error_code& error) {
+  error.clear();
+  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
+    return true;
+  }
+  if (errno != EINVAL && errno != ENOSYS) {
+    error = std::error_code(errno, std::generic_category());
+    return false;
+  }
+  // A file system without the flag: check first, and accept the small race.
+  if (std::filesystem::exists(to, error) || error) {
+    error = error ? error : std::make_error_code(std::errc::file_exists);
+    return false;
+  }
+  std::filesystem::rename(from, to, error);
+  return !error;
 }
 
 }  // namespace
@@ -133,18 +231,31 @@ std::filesystem::path DefaultsStore::standardPath() {
 }
 
 void DefaultsStore::load() {
-  std::error_code error;
-  if (!std::filesystem::exists(path_, error)) {
+  const int fd = ::open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    if (errno != ENOENT && errno != ENOTDIR) {
+      moveAside("it cannot be read (" + systemErrorText(errno) + ")");
+    }
+    return;  // nothing there: the first start
+  }
+  std::string contents;
+  try {
+    contents = readAtMost(fd, kMaxFileSize + 1);
+  } catch (const TextError& problem) {
+    ::close(fd);
+    moveAside(problem.description());
     return;
   }
-  std::ifstream file(path_, std::ios::binary);
-  if (!file) {
-    moveAside("it cannot be read (" + systemErrorText(errno) + ")");
+  ::close(fd);
+  if (contents.size() > kMaxFileSize) {
+    moveAside("it is larger than " + std::to_string(kMaxFileSize / 1024) + " KiB");
     return;
   }
-  std::stringstream contents;
-  contents << file.rdbuf();
-  nlohmann::json parsed = nlohmann::json::parse(contents.str(), nullptr, false);
+  if (nestsDeeperThan(contents, kMaxNesting)) {
+    moveAside("it nests deeper than " + std::to_string(kMaxNesting) + " levels");
+    return;
+  }
+  nlohmann::json parsed = nlohmann::json::parse(contents, nullptr, false);
   if (parsed.is_discarded()) {
     moveAside("it is not valid JSON");
     return;
@@ -157,10 +268,14 @@ void DefaultsStore::load() {
 }
 
 void DefaultsStore::moveAside(const std::string& reason) {
-  const std::filesystem::path aside =
-      path_.string() + ".corrupt-" + currentUtcTime("%Y%m%dT%H%M%SZ");
+  const std::string stem = path_.string() + ".corrupt-" + currentUtcTime("%Y%m%dT%H%M%SZ");
+  std::filesystem::path aside = stem;
   std::error_code error;
-  std::filesystem::rename(path_, aside, error);
+  // Never over an earlier bad file: two bad starts within a second keep both.
+  for (int attempt = 2;
+       !renameWithoutReplacing(path_, aside, error) && error == std::errc::file_exists; ++attempt) {
+    aside = stem + "-" + std::to_string(attempt);
+  }
   if (error) {
     // Keep our hands off a file we could neither read nor move: better to lose this run's
     // changes than the user's preferences.
@@ -172,6 +287,19 @@ void DefaultsStore::moveAside(const std::string& reason) {
   }
   logger_.error("Preferences " + path_.string() + " ignored because " + reason + "; kept as " +
                 aside.string());
+}
+
+void DefaultsStore::reportBadValue(std::string_view key, const nlohmann::json& value,
+                                   std::string_view expected, std::string_view entry) const {
+  std::string setting = "\"" + std::string(key) + "\"";
+  if (!entry.empty()) {
+    setting = "entry \"" + std::string(entry) + "\" of " + setting;
+  }
+  if (!reported_.insert(setting).second) {
+    return;
+  }
+  logger_.error("Preferences " + path_.string() + ": " + setting + " ignored because " +
+                excerpt(value) + " is not " + std::string(expected));
 }
 
 void DefaultsStore::save() {
@@ -193,22 +321,24 @@ const nlohmann::json* DefaultsStore::object(std::string_view key) const {
 
 std::optional<std::vector<std::string>> DefaultsStore::stringArray(std::string_view key) const {
   const auto* value = object(key);
-  if (value == nullptr || !value->is_array()) {
+  if (value == nullptr) {
     return std::nullopt;
   }
-  std::vector<std::string> strings;
-  for (const auto& element : *value) {
-    if (!element.is_string()) {
-      return std::nullopt;
-    }
-    strings.push_back(element.get<std::string>());
+  const auto isString = [](const nlohmann::json& element) { return element.is_string(); };
+  if (!value->is_array() || !std::all_of(value->begin(), value->end(), isString)) {
+    reportBadValue(key, *value, "a list of texts");
+    return std::nullopt;
   }
-  return strings;
+  return value->get<std::vector<std::string>>();
 }
 
 std::optional<nlohmann::json::object_t> DefaultsStore::dictionary(std::string_view key) const {
   const auto* value = object(key);
-  if (value == nullptr || !value->is_object()) {
+  if (value == nullptr) {
+    return std::nullopt;
+  }
+  if (!value->is_object()) {
+    reportBadValue(key, *value, "a dictionary");
     return std::nullopt;
   }
   return value->get<nlohmann::json::object_t>();
@@ -219,18 +349,32 @@ std::int64_t DefaultsStore::integer(std::string_view key) const {
   if (value == nullptr) {
     return 0;
   }
-  if (value->is_number_integer()) {
+  if (value->is_number_integer() &&
+      (!value->is_number_unsigned() ||
+       value->get<std::uint64_t>() <= std::uint64_t(std::numeric_limits<std::int64_t>::max()))) {
     return value->get<std::int64_t>();
   }
+  // Within the range where every double converts to a 64-bit integer.
+  constexpr double kLimit = 9.2e18;
   const auto number = numberOf(*value);
-  return number && std::isfinite(*number) && std::abs(*number) < 9.2e18
-             ? static_cast<std::int64_t>(*number)
-             : 0;
+  if (!number || !std::isfinite(*number) || std::abs(*number) >= kLimit) {
+    reportBadValue(key, *value, "a whole number");
+    return 0;
+  }
+  return static_cast<std::int64_t>(*number);
 }
 
 double DefaultsStore::doubleValue(std::string_view key) const {
   const auto* value = object(key);
-  return value == nullptr ? 0.0 : numberOf(*value).value_or(0.0);
+  if (value == nullptr) {
+    return 0.0;
+  }
+  const auto number = numberOf(*value);
+  if (!number || !std::isfinite(*number)) {
+    reportBadValue(key, *value, "a number");
+    return 0.0;
+  }
+  return *number;
 }
 
 bool DefaultsStore::boolean(std::string_view key) const {
@@ -243,13 +387,25 @@ bool DefaultsStore::boolean(std::string_view key) const {
     if (text == "true" || text == "YES" || text == "yes") {
       return true;
     }
+    if (text == "false" || text == "NO" || text == "no") {
+      return false;
+    }
   }
-  return numberOf(*value).value_or(0.0) != 0.0;
+  const auto number = numberOf(*value);
+  if (!number) {
+    reportBadValue(key, *value, "a Boolean");
+    return false;
+  }
+  return *number != 0.0;
 }
 
 std::optional<std::string> DefaultsStore::string(std::string_view key) const {
   const auto* value = object(key);
-  if (value == nullptr || !value->is_string()) {
+  if (value == nullptr) {
+    return std::nullopt;
+  }
+  if (!value->is_string()) {
+    reportBadValue(key, *value, "a text");
     return std::nullopt;
   }
   return value->get<std::string>();

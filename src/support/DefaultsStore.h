@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,10 +17,15 @@ namespace quellix {
 
 // The user's preferences: one JSON object of plain keys in a file that is replaced atomically
 // on every write, so a crash never leaves half a file behind.
+//
+// A value of the wrong type never stops a start: the typed reads below fall back to their
+// default and say so once per key at level error, while the value stays in the file (and the
+// other keys keep working) until that key is written anew.
 class DefaultsStore {
  public:
-  // Loads the file at `path`. A missing file means no preferences; a corrupt or unreadable one
-  // is logged, moved aside and treated as empty, so the user's data is never overwritten.
+  // Loads the file at `path`. A missing file means no preferences; a corrupt, unreadable,
+  // oversized or too deeply nested one is logged, moved aside and treated as empty, so the
+  // user's data is never overwritten.
   explicit DefaultsStore(std::filesystem::path path);
   // With a queue, writes to disk are coalesced: a change is visible at once and reaches the
   // file within kWriteDelay, so a slider drag is not a disk write per step.
@@ -29,6 +35,11 @@ class DefaultsStore {
   DefaultsStore& operator=(const DefaultsStore&) = delete;
 
   static constexpr Duration kWriteDelay = std::chrono::milliseconds(500);
+  // Real preferences are a few kilobytes; a file beyond this is not ours, and reading no more
+  // than this keeps a start quick whatever lies at the path.
+  static constexpr std::size_t kMaxFileSize = 1024 * 1024;
+  // Our keys nest two deep; the limit keeps copying and writing the values off deep recursion.
+  static constexpr int kMaxNesting = 32;
 
   // Writes pending changes now.
   void flush();
@@ -48,6 +59,11 @@ class DefaultsStore {
   bool boolean(std::string_view key) const;
   std::optional<std::string> string(std::string_view key) const;
 
+  // Says once per setting (a key, or one entry of a dictionary under it) that its stored
+  // `value` is not `expected` and is ignored.
+  void reportBadValue(std::string_view key, const nlohmann::json& value, std::string_view expected,
+                      std::string_view entry = {}) const;
+
   void set(std::string_view key, nlohmann::json value);
   void remove(std::string_view key);
 
@@ -66,6 +82,7 @@ class DefaultsStore {
   std::size_t diskWrites_ = 0;
   nlohmann::json values_ = nlohmann::json::object();
   bool writable_ = true;
+  mutable std::set<std::string> reported_;
   Logger logger_{"Defaults"};
 };
 

@@ -217,7 +217,9 @@ TEST_F(UpdateCheckerTest, TheFeedAddressIsReadAtEveryCheckAndOnlyAValidOneIsUsed
   defaults.set("updateFeedURL", 42);
   queue.advance(UpdateChecker::kCheckInterval);
   EXPECT_EQ(http->requests.back(), defaultFeed) << "a number is no address";
-  EXPECT_TRUE(logs->entries().empty()) << "an unusable setting is silently ignored";
+  EXPECT_TRUE(logs->messages("UpdateChecker").empty()) << "an unusable setting is silently ignored";
+  EXPECT_EQ(logs->messages("Defaults").size(), 1u)
+      << "a mistyped preference is the store's to report";
 }
 
 TEST_F(UpdateCheckerTest, AnAvailableVersionIsSetAndClearedOnlyOnChange) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <limits>
 
 #include "TestSupport.h"
 
@@ -265,6 +266,66 @@ TEST_F(MuteControllerTest, PreferencesKeepOnlyLastingKeysAndLoadTypesStrictly) {
   EXPECT_FALSE(saved["appVolumes"].contains("pid:123"));
   EXPECT_EQ(saved["stats.muteCount"], 5);
   EXPECT_EQ(makeController()->mutedKeys().get().count("pid:123"), 0u);
+}
+
+TEST_F(MuteControllerTest, MistypedPreferencesFallBackKeyByKeyWithOneLineEach) {
+  const auto path = directory.path() / "preferences.json";
+  {
+    std::ofstream(path) << R"({
+      "mutedBundleIDs": ["a.app", 3],
+      "appVolumes": {"a": 0.5, "b": "nan", "c": 1.5, "d": -0.25, "e": null, "f": "0.75",
+                     "g": 1, "h": 0},
+      "stats.muteCount": -4, "stats.mutedSeconds": "inf", "onboardingCompleted": true})";
+  }
+  auto controller = makeController();
+  EXPECT_TRUE(controller->mutedKeys().get().empty()) << "a list with a number in it is no list";
+  EXPECT_EQ(controller->volumes().get(),
+            (std::map<std::string, float>{{"a", 0.5f}, {"f", 0.75f}, {"g", 1.0f}, {"h", 0.0f}}));
+  EXPECT_EQ(controller->statsMuteCount().get(), 0);
+  EXPECT_EQ(controller->statsMutedSeconds(), 0.0);
+  const auto lines = logs->messages("Defaults");
+  EXPECT_EQ(lines.size(), 7u) << "the list, four volumes, two statistics";
+  EXPECT_NE(std::find(lines.begin(), lines.end(),
+                      "Preferences " + path.string() +
+                          ": entry \"c\" of \"appVolumes\" ignored because 1.5 is not a volume "
+                          "from 0 to 1"),
+            lines.end());
+  EXPECT_NE(std::find(lines.begin(), lines.end(),
+                      "Preferences " + path.string() +
+                          ": \"stats.muteCount\" ignored because -4 is not a count of 0 or more"),
+            lines.end());
+  EXPECT_TRUE(defaults->boolean("onboardingCompleted")) << "the good keys survive";
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.path()), {}), 1)
+      << "a mistyped key is no reason to move the file aside";
+
+  // Containers of the wrong kind: defaults again, one line per key.
+  controller.reset();
+  defaults.reset();
+  {
+    std::ofstream(path) << R"({"mutedBundleIDs": "a.app", "appVolumes": [0.5],
+      "stats.muteCount": {"n": 1}, "stats.mutedSeconds": []})";
+  }
+  logs->clear();
+  controller = makeController();
+  EXPECT_TRUE(controller->mutedKeys().get().empty());
+  EXPECT_TRUE(controller->volumes().get().empty());
+  EXPECT_EQ(controller->statsMuteCount().get(), 0);
+  EXPECT_EQ(controller->statsMutedSeconds(), 0.0);
+  EXPECT_EQ(logs->messages("Defaults").size(), 4u);
+}
+
+TEST_F(MuteControllerTest, TheMuteCountStopsAtItsLargestValue) {
+  {
+    std::ofstream(directory.path() / "preferences.json")
+        << R"({"stats.muteCount": 9223372036854775807})";
+  }
+  const AudioObjectID player = sim->addProcess({.pid = 10});
+  auto controller = makeController();
+  const AudioApp music = app("org.example.Music", {player});
+  controller->reconcile({music});
+  controller->toggle(music);
+  EXPECT_EQ(controller->statsMuteCount().get(), std::numeric_limits<std::int64_t>::max());
+  EXPECT_TRUE(controller->mutedKeys().get().count("org.example.Music"));
 }
 
 TEST_F(MuteControllerTest, ADragIsOneDiskWriteAndMuteAllOfNothingStillSaves) {

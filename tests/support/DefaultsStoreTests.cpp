@@ -2,7 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <fstream>
+#include <random>
+#include <set>
 
 #include "TestSupport.h"
 
@@ -92,6 +96,144 @@ TEST_F(DefaultsStoreTest, ACorruptFileYieldsDefaultsAndIsKeptAside) {
       }
     }
   }
+}
+
+// What a bad start must leave: defaults, one error line naming the file and the reason, and
+// the user's file next to the new one, untouched.
+void expectKeptAside(const DefaultsStore& store, const CapturingLogSink& logs,
+                     const std::filesystem::path& path, const std::string& reason) {
+  EXPECT_EQ(store.integer("stats.muteCount"), 0);
+  EXPECT_FALSE(store.stringArray("mutedBundleIDs").has_value());
+  const auto lines = logs.messages("Defaults");
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].rfind("Preferences " + path.string() + " ignored because " + reason, 0), 0u)
+      << lines[0];
+  EXPECT_NE(lines[0].find("; kept as " + path.string() + ".corrupt-"), std::string::npos)
+      << lines[0];
+  EXPECT_FALSE(std::filesystem::exists(path)) << "moved, not copied";
+}
+
+std::filesystem::path onlyAsideFile(const std::filesystem::path& path) {
+  std::vector<std::filesystem::path> aside;
+  for (const auto& file : filesIn(path.parent_path())) {
+    if (file != path) {
+      aside.push_back(file);
+    }
+  }
+  EXPECT_EQ(aside.size(), 1u);
+  return aside.empty() ? std::filesystem::path() : aside[0];
+}
+
+TEST_F(DefaultsStoreTest, RandomBytesYieldDefaultsAndAreKeptAsTheyWere) {
+  std::mt19937 random(21);
+  for (const std::size_t size : {1u, 7u, 300u, 70000u}) {
+    std::filesystem::remove_all(path.parent_path());
+    std::string bytes(size, '\0');
+    for (auto& byte : bytes) {
+      byte = static_cast<char>(random());
+    }
+    writeFile(path, bytes);
+    logs->clear();
+    DefaultsStore store(path);
+    expectKeptAside(store, *logs, path, "it is not valid JSON");
+    store.set("stats.muteCount", 1);
+    EXPECT_EQ(readFile(onlyAsideFile(path)), bytes);
+    EXPECT_EQ(DefaultsStore(path).integer("stats.muteCount"), 1);
+  }
+}
+
+TEST_F(DefaultsStoreTest, AnOversizedFileIsNotReadButKeptAside) {
+  constexpr std::uintmax_t kSize = 50 * 1024 * 1024;
+  writeFile(path, R"({"stats.muteCount": 3, "padding": ")");
+  std::filesystem::resize_file(path, kSize);  // sparse: quick to make, large to read
+  DefaultsStore store(path);
+  expectKeptAside(store, *logs, path, "it is larger than 1024 KiB");
+  EXPECT_EQ(std::filesystem::file_size(onlyAsideFile(path)), kSize);
+
+  std::filesystem::remove_all(path.parent_path());
+  writeFile(path, std::string(DefaultsStore::kMaxFileSize, ' ') + "{}");
+  logs->clear();
+  expectKeptAside(DefaultsStore(path), *logs, path, "it is larger than 1024 KiB");
+}
+
+TEST_F(DefaultsStoreTest, AFolderOrAPipeAtThePathIsUnreadableAndKeptAside) {
+  std::filesystem::create_directories(path / "inside");
+  {
+    DefaultsStore store(path);
+    expectKeptAside(store, *logs, path, "it is not a regular file");
+    store.set("stats.muteCount", 2);
+  }
+  EXPECT_TRUE(std::filesystem::is_directory(onlyAsideFile(path) / "inside"));
+  EXPECT_EQ(DefaultsStore(path).integer("stats.muteCount"), 2);
+
+  std::filesystem::remove_all(path.parent_path());
+  std::filesystem::create_directories(path.parent_path());
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  logs->clear();
+  expectKeptAside(DefaultsStore(path), *logs, path, "it is not a regular file");
+}
+
+TEST_F(DefaultsStoreTest, DeepNestingIsRefusedBeforeParsing) {
+  // Valid JSON, and yet enough to overflow the stack of a recursive copy or write.
+  const std::string deep = "{\"a\": " + std::string(200000, '[') + std::string(200000, ']') + "}";
+  writeFile(path, deep);
+  expectKeptAside(DefaultsStore(path), *logs, path, "it nests deeper than 32 levels");
+
+  // Brackets inside texts do not count.
+  std::filesystem::remove_all(path.parent_path());
+  writeFile(path, "{\"name\": \"" + std::string(100, '[') + "\\\"\", \"stats.muteCount\": 4}");
+  logs->clear();
+  EXPECT_EQ(DefaultsStore(path).integer("stats.muteCount"), 4);
+  EXPECT_TRUE(logs->entries().empty());
+}
+
+TEST_F(DefaultsStoreTest, AnEarlierBadFileIsNeverOverwrittenByTheNextOne) {
+  for (const std::string contents : {"first [", "second ["}) {
+    writeFile(path, contents);
+    DefaultsStore store(path);
+    store.set("stats.muteCount", 1);
+    std::filesystem::remove(path);
+  }
+  std::set<std::string> kept;
+  for (const auto& file : filesIn(path.parent_path())) {
+    kept.insert(readFile(file));
+  }
+  EXPECT_EQ(kept, (std::set<std::string>{"first [", "second ["}));
+}
+
+TEST_F(DefaultsStoreTest, AWrongTypedKeyFallsBackAloneAndIsReportedOnce) {
+  const std::string contents = R"({"mutedBundleIDs": "a.app", "appVolumes": [0.5],
+      "stats.muteCount": 18446744073709551615, "stats.mutedSeconds": "nan",
+      "onboardingCompleted": "maybe", "updateFeedURL": 42, "kept": ["a.app"]})";
+  writeFile(path, contents);
+  DefaultsStore store(path);
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_FALSE(store.stringArray("mutedBundleIDs").has_value());
+    EXPECT_FALSE(store.dictionary("appVolumes").has_value());
+    EXPECT_EQ(store.integer("stats.muteCount"), 0);
+    EXPECT_EQ(store.doubleValue("stats.mutedSeconds"), 0.0);
+    EXPECT_FALSE(store.boolean("onboardingCompleted"));
+    EXPECT_FALSE(store.string("updateFeedURL").has_value());
+  }
+  EXPECT_EQ(store.stringArray("kept"), std::vector<std::string>{"a.app"});
+  const auto lines = logs->messages("Defaults");
+  ASSERT_EQ(lines.size(), 6u) << "one line per key, however often it is read";
+  EXPECT_EQ(lines[0], "Preferences " + path.string() +
+                          ": \"mutedBundleIDs\" ignored because \"a.app\" is not a list of texts");
+  EXPECT_EQ(lines[5], "Preferences " + path.string() +
+                          ": \"updateFeedURL\" ignored because 42 is not a text");
+  EXPECT_EQ(readFile(path), contents) << "the file stays as long as nothing is written";
+  EXPECT_EQ(filesIn(path.parent_path()).size(), 1u);
+
+  // Words and numbers are Booleans as a defaults database knows them.
+  writeFile(path, R"({"a": "no", "b": "YES", "c": 0, "d": "1"})");
+  logs->clear();
+  DefaultsStore words(path);
+  EXPECT_FALSE(words.boolean("a"));
+  EXPECT_TRUE(words.boolean("b"));
+  EXPECT_FALSE(words.boolean("c"));
+  EXPECT_TRUE(words.boolean("d"));
+  EXPECT_TRUE(logs->entries().empty());
 }
 
 TEST_F(DefaultsStoreTest, AFailedWriteIsLoggedAndKeepsTheValuesOfThisRun) {

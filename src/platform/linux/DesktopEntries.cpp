@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 
 namespace quellix {
 namespace {
@@ -121,12 +122,8 @@ std::string messageLocale() {
   return "C";
 }
 
-std::optional<std::map<std::string, std::string>> readDesktopEntryGroup(
-    const std::filesystem::path& path) {
-  std::ifstream file(path);
-  if (!file) {
-    return std::nullopt;
-  }
+std::map<std::string, std::string> readDesktopEntryGroup(std::string_view contents) {
+  std::istringstream file{std::string(contents)};
   std::map<std::string, std::string> values;
   bool inMainGroup = false;
   std::string line;
@@ -146,6 +143,25 @@ std::optional<std::map<std::string, std::string>> readDesktopEntryGroup(
     values.emplace(trimmed(line.substr(0, equals)), trimmed(line.substr(equals + 1)));
   }
   return values;
+}
+
+std::optional<std::string> readDesktopEntryFile(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) {
+    return std::nullopt;
+  }
+  std::ostringstream contents;
+  contents << file.rdbuf();
+  return contents.str();
+}
+
+std::optional<std::map<std::string, std::string>> readDesktopEntryGroup(
+    const std::filesystem::path& path) {
+  const auto contents = readDesktopEntryFile(path);
+  if (!contents) {
+    return std::nullopt;
+  }
+  return readDesktopEntryGroup(*contents);
 }
 
 std::vector<std::string> execArguments(const std::string& exec) {
@@ -227,13 +243,21 @@ std::string execArgument(const std::string& word) {
 
 std::optional<DesktopEntry> DesktopEntryIndex::parse(const std::filesystem::path& path,
                                                      std::string id, const std::string& locale) {
-  const auto values = readDesktopEntryGroup(path);
-  if (!values) {
+  const auto contents = readDesktopEntryFile(path);
+  if (!contents) {
     return std::nullopt;
   }
+  return parseContents(*contents, path, std::move(id), locale);
+}
+
+std::optional<DesktopEntry> DesktopEntryIndex::parseContents(std::string_view contents,
+                                                             const std::filesystem::path& path,
+                                                             std::string id,
+                                                             const std::string& locale) {
+  const auto values = readDesktopEntryGroup(contents);
   auto value = [&](const std::string& key) {
-    const auto found = values->find(key);
-    return found == values->end() ? std::string() : found->second;
+    const auto found = values.find(key);
+    return found == values.end() ? std::string() : found->second;
   };
   if (value("Type") != "Application" || value("Hidden") == "true" || value("Name").empty()) {
     return std::nullopt;

@@ -5,6 +5,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace quellix {
@@ -40,6 +41,10 @@ class DesktopEntryIndex {
   // Parses one file; none when it is no application entry or is hidden.
   static std::optional<DesktopEntry> parse(const std::filesystem::path& path, std::string id,
                                            const std::string& locale);
+  // The same from the file's contents.
+  static std::optional<DesktopEntry> parseContents(std::string_view contents,
+                                                   const std::filesystem::path& path,
+                                                   std::string id, const std::string& locale);
 
  private:
   std::map<std::filesystem::path, std::filesystem::file_time_type> folderTimes() const;
@@ -63,6 +68,8 @@ class DesktopEntryIndex {
 // repeated key wins); none when the file cannot be read.
 std::optional<std::map<std::string, std::string>> readDesktopEntryGroup(
     const std::filesystem::path& path);
+// The same for a file's contents.
+std::map<std::string, std::string> readDesktopEntryGroup(std::string_view contents);
 
 // The words of an Exec value: escapes undone, quotes removed, "%%" turned into "%". Field
 // codes such as %U stay as they are.

@@ -8,7 +8,9 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/linux/ProcFiles.h"
 #include "support/FourCharCode.h"
+#include "support/Parsing.h"
 
 namespace quellix {
 namespace {
@@ -33,48 +35,6 @@ std::vector<std::filesystem::path> splitDirs(const char* value, const char* fall
     }
   }
   return dirs;
-}
-
-// "app[-<launcher>]-<id>-<random>.scope" or "app[-<launcher>]-<id>[@<random>].service", with
-// '-' inside the id escaped as \x2d: the ids it may name, most likely first.
-std::vector<std::string> appScopeCandidates(std::string unit) {
-  if (unit.rfind("app-", 0) != 0) {
-    return {};
-  }
-  unit.erase(0, 4);
-  if (unit.size() > 6 && unit.ends_with(".scope")) {
-    unit.erase(unit.size() - 6);
-    const auto dash = unit.rfind('-');
-    if (dash == std::string::npos) {
-      return {};
-    }
-    unit.erase(dash);
-  } else if (unit.size() > 8 && unit.ends_with(".service")) {
-    unit.erase(unit.size() - 8);
-    if (const auto at = unit.find('@'); at != std::string::npos) {
-      unit.erase(at);
-    }
-  } else {
-    return {};
-  }
-  auto unescape = [](const std::string& text) {
-    std::string plain;
-    for (std::size_t at = 0; at < text.size(); ++at) {
-      if (text.compare(at, 4, "\\x2d") == 0) {
-        plain += '-';
-        at += 3;
-      } else {
-        plain += text[at];
-      }
-    }
-    return plain;
-  };
-  std::vector<std::string> candidates;
-  if (const auto dash = unit.find('-'); dash != std::string::npos) {
-    candidates.push_back(unescape(unit.substr(dash + 1)));  // after the launcher
-  }
-  candidates.push_back(unescape(unit));
-  return candidates;
 }
 
 }  // namespace
@@ -120,28 +80,12 @@ const Workspace::Process* Workspace::process(pid_t pid) {
     return &known->second;
   }
   const auto directory = procPath(pid);
-  const std::string stat = readFile(directory / "stat");
-  const auto close = stat.rfind(')');
-  const auto open = stat.find('(');
-  if (close == std::string::npos || open == std::string::npos) {
+  const auto stat = ProcFiles::parseStat(readFile(directory / "stat"));
+  if (!stat) {
     processes_.erase(pid);
     return nullptr;
   }
-  // After the name: state, parent, ... start time is the 20th field.
-  std::istringstream fields(stat.substr(close + 1));
-  std::string state;
-  long long parent = 0;
-  fields >> state >> parent;
-  std::string skipped;
-  for (int i = 0; i < 17; ++i) {
-    fields >> skipped;
-  }
-  unsigned long long startTime = 0;
-  fields >> startTime;
-  if (!fields) {
-    processes_.erase(pid);
-    return nullptr;
-  }
+  const unsigned long long startTime = stat->startTime;
   auto found = processes_.find(pid);
   if (found != processes_.end() && found->second.startTime == startTime &&
       found->second.entryGeneration == entries_.generation()) {
@@ -156,7 +100,7 @@ const Workspace::Process* Workspace::process(pid_t pid) {
   Process record;
   record.checkedInRound = round_;
   record.startTime = startTime;
-  record.parent = static_cast<pid_t>(parent);
+  record.parent = stat->parent;
   record.uid = info.st_uid;
   std::error_code error;
   const auto exe = std::filesystem::read_symlink(directory / "exe", error);
@@ -167,7 +111,7 @@ const Workspace::Process* Workspace::process(pid_t pid) {
     }
     record.name = decodeUtf8Lossy(name);
   } else {
-    record.name = decodeUtf8Lossy(stat.substr(open + 1, close - open - 1));
+    record.name = decodeUtf8Lossy(stat->name);
   }
   record.entryGeneration = entries_.generation();
   record.entryID = record.uid == roots_.uid ? matchEntry(pid, record) : std::string();
@@ -175,63 +119,26 @@ const Workspace::Process* Workspace::process(pid_t pid) {
 }
 
 std::optional<std::string> Workspace::entryFromLauncher(pid_t pid) const {
-  const std::string environment = readFile(procPath(pid) / "environ");
-  std::string desktopFile;
-  std::string launchedPID;
-  std::size_t start = 0;
-  while (start < environment.size()) {
-    auto end = environment.find('\0', start);
-    if (end == std::string::npos)
-      end = environment.size();
-    const std::string_view variable(environment.data() + start, end - start);
-    if (variable.starts_with("GIO_LAUNCHED_DESKTOP_FILE=")) {
-      desktopFile = variable.substr(26);
-    } else if (variable.starts_with("GIO_LAUNCHED_DESKTOP_FILE_PID=")) {
-      launchedPID = variable.substr(30);
-    }
-    start = end + 1;
-  }
-  // Children inherit the variables; only the launched process itself is the application.
-  if (desktopFile.empty() || launchedPID != std::to_string(pid)) {
-    return std::nullopt;
-  }
-  const auto stem = std::filesystem::path(desktopFile).stem().string();
-  return entries_.byID(stem) != nullptr ? std::optional<std::string>(stem) : std::nullopt;
+  const auto id = ProcFiles::launchedDesktopID(readFile(procPath(pid) / "environ"), pid);
+  return id && entries_.byID(*id) != nullptr ? id : std::nullopt;
 }
 
 std::optional<std::string> Workspace::entryFromSandbox(pid_t pid) const {
-  const std::string info = readFile(procPath(pid) / "root" / ".flatpak-info");
-  if (const auto at = info.find("\nname="); at != std::string::npos) {
-    const auto end = info.find('\n', at + 6);
-    const std::string appID = info.substr(at + 6, end - at - 6);
-    if (const auto* entry = entries_.byFlatpakID(appID)) {
-      return entry->id;
-    }
+  const auto appID = ProcFiles::flatpakAppID(readFile(procPath(pid) / "root" / ".flatpak-info"));
+  if (const auto* entry = appID ? entries_.byFlatpakID(*appID) : nullptr) {
+    return entry->id;
   }
   return std::nullopt;
 }
 
 std::optional<std::string> Workspace::entryFromAppScope(pid_t pid) const {
-  std::istringstream cgroups(readFile(procPath(pid) / "cgroup"));
-  std::string line;
-  while (std::getline(cgroups, line)) {
-    const std::string unit = line.substr(line.rfind('/') + 1);
-    if (unit.rfind("snap.", 0) == 0) {
-      // snap.<snap>.<app>-<random>.scope names the entry <snap>_<app>.
-      const auto second = unit.find('.', 5);
-      const auto dash = unit.rfind('-');
-      if (second != std::string::npos && dash != std::string::npos && dash > second) {
-        const std::string id =
-            unit.substr(5, second - 5) + "_" + unit.substr(second + 1, dash - second - 1);
-        if (entries_.byID(id) != nullptr) {
-          return id;
-        }
+  for (const auto& candidate : ProcFiles::cgroupCandidates(readFile(procPath(pid) / "cgroup"))) {
+    if (candidate.kind == ProcFiles::CgroupCandidate::Kind::desktopID) {
+      if (entries_.byID(candidate.id) != nullptr) {
+        return candidate.id;
       }
-    }
-    for (const auto& candidate : appScopeCandidates(unit)) {
-      if (const auto* entry = entries_.byFlatpakID(candidate)) {
-        return entry->id;
-      }
+    } else if (const auto* entry = entries_.byFlatpakID(candidate.id)) {
+      return entry->id;
     }
   }
   return std::nullopt;
@@ -273,8 +180,8 @@ std::vector<RunningApplication> Workspace::runningApplications() {
   for (std::filesystem::directory_iterator it(roots_.proc, error), end; !error && it != end;
        it.increment(error)) {
     const std::string name = it->path().filename().string();
-    if (!name.empty() && std::all_of(name.begin(), name.end(), ::isdigit)) {
-      pids.push_back(static_cast<pid_t>(std::stol(name)));
+    if (const auto pid = parseStrictInt32(name); pid && *pid > 0 && name.front() != '+') {
+      pids.push_back(static_cast<pid_t>(*pid));
     }
   }
   std::sort(pids.begin(), pids.end());

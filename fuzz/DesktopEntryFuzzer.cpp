@@ -1,0 +1,17 @@
+// A desktop entry file as any package may install it.
+#include <cstdint>
+#include <string_view>
+
+#include "platform/linux/DesktopEntries.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string_view contents(reinterpret_cast<const char*>(data), size);
+  for (const char* locale : {"de_AT.UTF-8@euro", "C"}) {
+    const auto entry = quellix::DesktopEntryIndex::parseContents(
+        contents, "/usr/share/applications/fuzz.desktop", "fuzz", locale);
+    if (entry && entry->name.empty()) {
+      __builtin_trap();  // an application entry always has a name
+    }
+  }
+  return 0;
+}
