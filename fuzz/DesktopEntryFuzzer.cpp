@@ -13,5 +13,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       __builtin_trap();  // an application entry always has a name
     }
   }
+  // The login item reads its own Exec line back, so quoting must survive a round trip.
+  const auto group = quellix::parseDesktopEntryGroup(contents);
+  if (const auto exec = group.find("Exec"); exec != group.end()) {
+    for (const auto& argument : quellix::execArguments(exec->second)) {
+      const auto again = quellix::execArguments(quellix::execArgument(argument));
+      if (again.size() != 1 || again.front() != argument) {
+        __builtin_trap();
+      }
+    }
+  }
   return 0;
 }
