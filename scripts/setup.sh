@@ -11,7 +11,7 @@ QUELLIX_PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   qt6-l10n-tools dpkg-dev lintian desktop-file-utils appstream patchelf
   pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus dbus-daemon sox mpv mpv-mpris
-  xvfb xauth x11-utils dbus-x11 imagemagick fonts-dejavu-core
+  xvfb xauth x11-utils xdotool dbus-x11 imagemagick fonts-dejavu-core
 )
 
 quellix_missing_packages() {

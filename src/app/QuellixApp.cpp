@@ -158,7 +158,10 @@ int QuellixApp::run(int argc, char** argv) {
       .workspace = std::make_shared<Workspace>(Workspace::systemRoots()),
       .loginItem = makeLoginItem(),
       .http = makeQtHttpClient(),
-      .offerMoveIfNeeded = [&queue] { return SelfMover::offerMoveIfNeeded(queue); },
+      .offerMoveIfNeeded =
+          [&queue, &instance] {
+            return SelfMover::offerMoveIfNeeded(queue, [&instance] { instance.release(); });
+          },
   });
   QObject::connect(&instance, &SingleInstance::activationRequested, &scene, &QuellixApp::showPanel);
   const int status = QApplication::exec();

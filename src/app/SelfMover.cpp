@@ -154,6 +154,11 @@ void moveToApplications(const Bundle& bundle, const Environment& environment) {
   const fs::path program = bundle.program.empty() ? destination : destination / bundle.program;
   writeDesktopEntry(environment.dataHome / "applications" / kDesktopEntryName, program);
 
+  // The copy, started while this process still holds the claim, would hand its start over to
+  // this process and end, and this one ends too.
+  if (environment.releaseInstance) {
+    environment.releaseInstance();
+  }
   environment.launch(program,
                      [queue = &environment.queue, quit = environment.quit] { queue->post(quit); });
   environment.queue.after(kQuitGracePeriod, environment.quit);
@@ -175,7 +180,8 @@ void launchDetached(const fs::path& program, const std::function<void()>& launch
   launched();
 }
 
-Environment systemEnvironment(MoveAlerts& alerts, MainQueue& queue) {
+Environment systemEnvironment(MoveAlerts& alerts, MainQueue& queue,
+                              std::function<void()> releaseInstance) {
   const fs::path home = localPath(QDir::homePath());
   fs::path downloads =
       localPath(QStandardPaths::writableLocation(QStandardPaths::DownloadLocation));
@@ -199,6 +205,7 @@ Environment systemEnvironment(MoveAlerts& alerts, MainQueue& queue) {
       .launch = launchDetached,
       .queue = queue,
       .quit = [] { QCoreApplication::quit(); },
+      .releaseInstance = std::move(releaseInstance),
   };
 }
 
@@ -245,8 +252,12 @@ bool offerMoveIfNeeded(const Environment& environment) {
 }
 
 bool offerMoveIfNeeded(MainQueue& queue) {
+  return offerMoveIfNeeded(queue, {});
+}
+
+bool offerMoveIfNeeded(MainQueue& queue, std::function<void()> releaseInstance) {
   MessageBoxMoveAlerts alerts;
-  return offerMoveIfNeeded(systemEnvironment(alerts, queue));
+  return offerMoveIfNeeded(systemEnvironment(alerts, queue, std::move(releaseInstance)));
 }
 
 bool offerMoveIfNeeded() {

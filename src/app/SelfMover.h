@@ -50,6 +50,9 @@ struct Environment {
   Launcher launch;
   MainQueue& queue;
   std::function<void()> quit;
+  // Gives up this process's claim to be the one running instance, just before the copy
+  // starts and makes its own; none when nothing claims.
+  std::function<void()> releaseInstance = {};
 };
 
 // Offers to copy a program started from a download or removable media into ~/Applications.
@@ -57,6 +60,7 @@ struct Environment {
 bool offerMoveIfNeeded();
 // The same, with the program's main queue carrying the quit.
 bool offerMoveIfNeeded(MainQueue& queue);
+bool offerMoveIfNeeded(MainQueue& queue, std::function<void()> releaseInstance);
 bool offerMoveIfNeeded(const Environment& environment);
 
 // The bundle this process runs from: the AppImage named by `appImageVariable`, else the

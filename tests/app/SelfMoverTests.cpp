@@ -79,6 +79,7 @@ class SelfMoverTest : public ::testing::Test {
             },
         .queue = queue,
         .quit = [this] { ++quits; },
+        .releaseInstance = [this] { releasedAfterLaunches.push_back(launchedPrograms.size()); },
     };
   }
 
@@ -93,6 +94,8 @@ class SelfMoverTest : public ::testing::Test {
   ManualQueue queue;
   std::vector<fs::path> launchedPrograms;
   bool launchReportsBack = false;
+  // How many programs had been launched each time the instance claim was given up.
+  std::vector<std::size_t> releasedAfterLaunches;
   int quits = 0;
   std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
   std::shared_ptr<LogSink> previousSink;
@@ -150,6 +153,7 @@ TEST_F(SelfMoverTest, LaterChangesNothing) {
   EXPECT_FALSE(fs::exists(home / "Applications"));
   EXPECT_FALSE(fs::exists(desktopEntry()));
   EXPECT_TRUE(launchedPrograms.empty());
+  EXPECT_TRUE(releasedAfterLaunches.empty());
   EXPECT_EQ(queue.pendingTimers(), 0u);
   queue.advance(10s);
   EXPECT_EQ(quits, 0);
@@ -188,6 +192,17 @@ TEST_F(SelfMoverTest, QuitsAsSoonAsTheCopyIsLaunched) {
   EXPECT_EQ(quits, 0) << "the quit goes through the main queue";
   queue.drain();
   EXPECT_EQ(quits, 1);
+}
+
+TEST_F(SelfMoverTest, TheCopyStartsWithTheInstanceClaimAlreadyGivenUp) {
+  const fs::path source = home / "Downloads/Quellix.AppImage";
+  writeProgram(source);
+  alerts.agree = true;
+
+  EXPECT_TRUE(offerMoveIfNeeded(environment(appImage(source))));
+
+  EXPECT_EQ(releasedAfterLaunches, std::vector<std::size_t>{0});
+  EXPECT_EQ(launchedPrograms.size(), 1u);
 }
 
 TEST_F(SelfMoverTest, DesktopEntryStartsTheCopyWhateverItsPath) {
@@ -257,6 +272,7 @@ TEST_F(SelfMoverTest, FailedCopyIsLoggedAndReportedAndTheProgramGoesOn) {
   EXPECT_TRUE(entries[0].message.starts_with("Verschieben fehlgeschlagen: ")) << entries[0].message;
   EXPECT_GT(entries[0].message.size(), std::string("Verschieben fehlgeschlagen: ").size());
   EXPECT_TRUE(launchedPrograms.empty());
+  EXPECT_TRUE(releasedAfterLaunches.empty()) << "this process stays the running instance";
   EXPECT_EQ(queue.pendingTimers(), 0u);
   EXPECT_FALSE(fs::exists(desktopEntry()));
 }

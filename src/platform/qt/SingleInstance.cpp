@@ -14,11 +14,18 @@ constexpr int kHandOverTimeoutMs = 5000;
 SingleInstance::SingleInstance(QObject* parent) : QObject(parent) {}
 
 SingleInstance::~SingleInstance() {
-  if (registered_) {
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    bus.unregisterObject(kObjectPath);
-    bus.unregisterService(kServiceName);
+  release();
+}
+
+void SingleInstance::release() {
+  if (!registered_) {
+    return;
   }
+  registered_ = false;
+  QDBusConnection bus = QDBusConnection::sessionBus();
+  // The name goes first, so that nobody finds it with no one answering behind it.
+  bus.unregisterService(kServiceName);
+  bus.unregisterObject(kObjectPath);
 }
 
 SingleInstance::Outcome SingleInstance::claim() {

@@ -26,6 +26,9 @@ class SingleInstance final : public QObject {
 
   // Claims the name, or asks its owner to show its panel.
   Outcome claim();
+  // Gives the name up before this process ends, so that a start meanwhile (the copy a move
+  // launches) becomes the one instance instead of handing over to a process on its way out.
+  void release();
   const QString& failure() const { return failure_; }
 
  public slots:
