@@ -122,7 +122,7 @@ std::string messageLocale() {
   return "C";
 }
 
-std::map<std::string, std::string> readDesktopEntryGroup(std::string_view contents) {
+std::map<std::string, std::string> parseDesktopEntryGroup(std::string_view contents) {
   std::istringstream file{std::string(contents)};
   std::map<std::string, std::string> values;
   bool inMainGroup = false;
@@ -145,7 +145,7 @@ std::map<std::string, std::string> readDesktopEntryGroup(std::string_view conten
   return values;
 }
 
-std::optional<std::string> readDesktopEntryFile(const std::filesystem::path& path) {
+static std::optional<std::string> readDesktopEntryFile(const std::filesystem::path& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) {
     return std::nullopt;
@@ -161,7 +161,7 @@ std::optional<std::map<std::string, std::string>> readDesktopEntryGroup(
   if (!contents) {
     return std::nullopt;
   }
-  return readDesktopEntryGroup(*contents);
+  return parseDesktopEntryGroup(*contents);
 }
 
 std::vector<std::string> execArguments(const std::string& exec) {
@@ -254,7 +254,7 @@ std::optional<DesktopEntry> DesktopEntryIndex::parseContents(std::string_view co
                                                              const std::filesystem::path& path,
                                                              std::string id,
                                                              const std::string& locale) {
-  const auto values = readDesktopEntryGroup(contents);
+  const auto values = parseDesktopEntryGroup(contents);
   auto value = [&](const std::string& key) {
     const auto found = values.find(key);
     return found == values.end() ? std::string() : found->second;

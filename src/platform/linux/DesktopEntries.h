@@ -69,7 +69,7 @@ class DesktopEntryIndex {
 std::optional<std::map<std::string, std::string>> readDesktopEntryGroup(
     const std::filesystem::path& path);
 // The same for a file's contents.
-std::map<std::string, std::string> readDesktopEntryGroup(std::string_view contents);
+std::map<std::string, std::string> parseDesktopEntryGroup(std::string_view contents);
 
 // The words of an Exec value: escapes undone, quotes removed, "%%" turned into "%". Field
 // codes such as %U stay as they are.
