@@ -161,7 +161,7 @@ std::optional<std::map<std::string, std::string>> readDesktopEntryGroup(
   if (!contents) {
     return std::nullopt;
   }
-  return readDesktopEntryGroup(*contents);
+  return readDesktopEntryGroup(std::string_view(*contents));
 }
 
 std::vector<std::string> execArguments(const std::string& exec) {
