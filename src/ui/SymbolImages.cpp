@@ -8,11 +8,15 @@
 #include <cmath>
 #include <memory>
 
+#include "ui/Style.h"
+
 namespace quellix::ui {
 namespace {
 
 // Enough for every symbol at every size a session shows; a theme change only adds entries.
 constexpr qsizetype kMaxCachedImages = 256;
+// A side that is a whole number of device pixels but for rounding is not a pixel larger.
+constexpr qreal kSnapTolerance = 1e-6;
 
 struct SymbolSource {
   QByteArray svg;
@@ -63,10 +67,15 @@ int SymbolImages::layerCount(const QString& name) {
   return found ? found->layers : 0;
 }
 
-QImage SymbolImages::image(const QString& name, int sidePixels, const QColor& color, int layer) {
+QImage SymbolImages::image(const QString& name, int sidePixels, const QColor& color, int layer,
+                           qreal devicePixelRatio) {
   static QHash<QString, QImage> cache;
-  const QString key =
-      QStringLiteral("%1|%2|%3|%4").arg(name).arg(sidePixels).arg(color.rgba(), 8, 16).arg(layer);
+  const QString key = QStringLiteral("%1|%2|%3|%4|%5")
+                          .arg(name)
+                          .arg(sidePixels)
+                          .arg(color.rgba(), 8, 16)
+                          .arg(layer)
+                          .arg(devicePixelRatio);
   if (auto found = cache.constFind(key); found != cache.constEnd()) {
     return found.value();
   }
@@ -84,6 +93,7 @@ QImage SymbolImages::image(const QString& name, int sidePixels, const QColor& co
     painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
     painter.fillRect(result.rect(), color);
   }
+  result.setDevicePixelRatio(devicePixelRatio);
   if (cache.size() >= kMaxCachedImages) {
     cache.clear();
   }
@@ -97,14 +107,20 @@ void SymbolImages::paint(QPainter& painter, const QString& name, const QRectF& r
   if (side <= 0) {
     return;
   }
-  const qreal ratio = painter.device() ? painter.device()->devicePixelRatioF() : 1.0;
+  const qreal ratio = Style::devicePixelRatio(painter);
   const double scale = std::hypot(painter.transform().m11(), painter.transform().m12());
-  const int pixels = static_cast<int>(std::ceil(side * ratio * std::max(scale, 1.0)));
-  QImage tinted = image(name, pixels, color, layer);
+  const qreal density = ratio * std::max(scale, 1.0);
+  const int pixels = static_cast<int>(std::ceil(side * density - kSnapTolerance));
+  const QImage tinted = image(name, pixels, color, layer, density);
   if (tinted.isNull()) {
     return;
   }
-  const QRectF target(rect.center().x() - side / 2, rect.center().y() - side / 2, side, side);
+  // Whole device pixels, from a device pixel's corner: the picture lands on the screen's grid
+  // one to one instead of being resampled into a blur.
+  const qreal shown = pixels / density;
+  const auto snapped = [density](qreal value) { return std::round(value * density) / density; };
+  const QRectF target(snapped(rect.center().x() - shown / 2),
+                      snapped(rect.center().y() - shown / 2), shown, shown);
   painter.save();
   painter.setRenderHint(QPainter::SmoothPixmapTransform);
   painter.drawImage(target, tinted);

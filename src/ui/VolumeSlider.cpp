@@ -100,7 +100,7 @@ void VolumeSlider::paintEvent(QPaintEvent*) {
   // Drawn whole into a layer first, so that the opacity applies to the slider as one picture
   // and the track does not shine through the knob.
   QPainter output(this);
-  const qreal ratio = output.device()->devicePixelRatioF();
+  const qreal ratio = Style::devicePixelRatio(output);
   QPixmap layer(size() * ratio);
   layer.setDevicePixelRatio(ratio);
   layer.fill(Qt::transparent);

@@ -100,6 +100,62 @@ TEST(SymbolImagesTest, PaintingAtTwiceTheDensityUsesTwiceThePixels) {
   EXPECT_NEAR(inkAt(2.0), 4 * atOne, atOne / 2);
 }
 
+TEST(SymbolImagesTest, AWidgetRenderedAtTwiceTheDensityShowsTheSymbolRasterisedForIt) {
+  const QColor tint(Qt::black);
+  const QImage direct = SymbolImages::image(QStringLiteral("playpause.fill"), 34, tint, 0, 2.0);
+  EXPECT_EQ(direct.size(), QSize(34, 34));
+  EXPECT_EQ(direct.devicePixelRatio(), 2.0);
+
+  // A view of 17 logical pixels, painted into a picture of twice its density: every device
+  // pixel must be the symbol's own, not a 17-pixel picture enlarged.
+  QWidget frame;
+  frame.setAttribute(Qt::WA_NoSystemBackground);
+  auto* view = new SymbolView(QStringLiteral("playpause.fill"), 13, &frame);
+  view->setLevel(LabelLevel::primary);
+  ASSERT_EQ(view->symbolSide(), 17);
+  view->setGeometry(0, 0, 17, 17);
+  frame.resize(17, 17);
+  frame.show();
+  testing::processEvents();
+  QImage canvas(34, 34, QImage::Format_ARGB32_Premultiplied);
+  canvas.setDevicePixelRatio(2.0);
+  canvas.fill(Qt::transparent);
+  view->render(&canvas, {}, {}, QWidget::DrawChildren);
+  int differing = 0;
+  for (int y = 0; y < 34; ++y) {
+    for (int x = 0; x < 34; ++x) {
+      if (std::abs(qAlpha(canvas.pixel(x, y)) - qAlpha(direct.pixel(x, y))) > 8) {
+        ++differing;
+      }
+    }
+  }
+  EXPECT_EQ(differing, 0);
+}
+
+TEST(HairlineTest, IsOneDevicePixelAtEveryDensity) {
+  for (const qreal ratio : {1.0, 2.0}) {
+    for (const Qt::Orientation orientation : {Qt::Horizontal, Qt::Vertical}) {
+      QWidget frame;
+      auto* line = new Hairline(orientation, &frame);
+      line->setGeometry(0, 0, orientation == Qt::Horizontal ? 20 : 1,
+                        orientation == Qt::Horizontal ? 1 : 20);
+      frame.resize(20, 20);
+      frame.show();
+      const QImage picture = testing::render(frame, ratio);
+      const QRgb background = picture.pixel(picture.width() - 1, picture.height() - 1);
+      int inked = 0;
+      for (int across = 0; across < picture.height(); ++across) {
+        const QPoint at = orientation == Qt::Horizontal ? QPoint(picture.width() / 2, across)
+                                                        : QPoint(across, picture.height() / 2);
+        if (picture.pixel(at) != background) {
+          ++inked;
+        }
+      }
+      EXPECT_EQ(inked, 1) << ratio << " " << orientation;
+    }
+  }
+}
+
 TEST(SymbolViewTest, ReplacesWithACrossFadeOnlyWhileVisible) {
   SymbolView hidden(QStringLiteral("speaker.wave.2"), 13);
   hidden.setSymbol(QStringLiteral("speaker.slash.fill"));
