@@ -100,6 +100,42 @@ TEST(SymbolImagesTest, PaintingAtTwiceTheDensityUsesTwiceThePixels) {
   EXPECT_NEAR(inkAt(2.0), 4 * atOne, atOne / 2);
 }
 
+// The rows of ink in one column of a symbol drawn at 48 pixels, as first and last row.
+std::pair<int, int> inkRows(const QImage& image, int column, int fromRow) {
+  int first = -1;
+  int last = -1;
+  for (int y = fromRow; y < image.height(); ++y) {
+    if (qAlpha(image.pixel(column, y)) > 128) {
+      first = first < 0 ? y : first;
+      last = y;
+    }
+  }
+  return {first, last};
+}
+
+TEST(SymbolImagesTest, TheSpeakersShareOneBodyAndTheSlashIsSetApart) {
+  const char* speakers[] = {"speaker.fill",        "speaker.wave.1.fill", "speaker.wave.2.fill",
+                            "speaker.wave.3.fill", "speaker.wave.2",      "speaker.slash.fill"};
+  // At 48 pixels: the box's column, below where the slash starts, and the cone's lower half.
+  const auto body = [](const char* name) {
+    const QImage image = SymbolImages::image(QString::fromLatin1(name), 48, Qt::black);
+    return std::pair{inkRows(image, 9, 14), inkRows(image, 21, 24).second};
+  };
+  const auto reference = body("speaker.fill");
+  for (const char* name : speakers) {
+    const auto measured = body(name);
+    EXPECT_NEAR(measured.first.first, reference.first.first, 1) << name;
+    EXPECT_NEAR(measured.first.second, reference.first.second, 1) << name;
+    EXPECT_NEAR(measured.second, reference.second, 1) << name;
+  }
+  // Beside the slash, inside where the speaker would be, nothing is drawn.
+  const QImage slashed = SymbolImages::image(QStringLiteral("speaker.slash.fill"), 48, Qt::black);
+  EXPECT_LT(qAlpha(slashed.pixel(18, 22)), 32);
+  EXPECT_GT(
+      qAlpha(SymbolImages::image(QStringLiteral("speaker.fill"), 48, Qt::black).pixel(18, 22)),
+      224);
+}
+
 TEST(SymbolImagesTest, AWidgetRenderedAtTwiceTheDensityShowsTheSymbolRasterisedForIt) {
   const QColor tint(Qt::black);
   const QImage direct = SymbolImages::image(QStringLiteral("playpause.fill"), 34, tint, 0, 2.0);
