@@ -21,6 +21,7 @@ constexpr qreal kSnapTolerance = 1e-6;
 struct SymbolSource {
   QByteArray svg;
   int layers = 0;
+  QSizeF shape{1, 1};
 };
 
 const SymbolSource* source(const QString& name) {
@@ -35,6 +36,10 @@ const SymbolSource* source(const QString& name) {
     loaded->svg = file.readAll();
     static const QRegularExpression layerId(QStringLiteral("id=\"layer\\d+\""));
     loaded->layers = static_cast<int>(QString::fromUtf8(loaded->svg).count(layerId));
+    const QSizeF box = QSvgRenderer(loaded->svg).viewBoxF().size();
+    if (!box.isEmpty()) {
+      loaded->shape = box / std::max(box.width(), box.height());
+    }
   }
   sources.insert(name, loaded);
   return loaded.get();
@@ -67,6 +72,11 @@ int SymbolImages::layerCount(const QString& name) {
   return found ? found->layers : 0;
 }
 
+QSizeF SymbolImages::shape(const QString& name) {
+  const SymbolSource* found = source(name);
+  return found ? found->shape : QSizeF(1, 1);
+}
+
 QImage SymbolImages::image(const QString& name, int sidePixels, const QColor& color, int layer,
                            qreal devicePixelRatio) {
   static QHash<QString, QImage> cache;
@@ -84,12 +94,15 @@ QImage SymbolImages::image(const QString& name, int sidePixels, const QColor& co
     return {};
   }
   QSvgRenderer renderer(layer == 0 ? symbol->svg : onlyLayer(symbol->svg, layer, symbol->layers));
-  QImage result(sidePixels, sidePixels, QImage::Format_ARGB32_Premultiplied);
+  const QSize pixels(
+      std::max(1, static_cast<int>(std::lround(sidePixels * symbol->shape.width()))),
+      std::max(1, static_cast<int>(std::lround(sidePixels * symbol->shape.height()))));
+  QImage result(pixels, QImage::Format_ARGB32_Premultiplied);
   result.fill(Qt::transparent);
   {
     QPainter painter(&result);
     painter.setRenderHint(QPainter::Antialiasing);
-    renderer.render(&painter, QRectF(0, 0, sidePixels, sidePixels));
+    renderer.render(&painter, QRectF(QPointF(0, 0), pixels));
     painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
     painter.fillRect(result.rect(), color);
   }
@@ -103,7 +116,8 @@ QImage SymbolImages::image(const QString& name, int sidePixels, const QColor& co
 
 void SymbolImages::paint(QPainter& painter, const QString& name, const QRectF& rect,
                          const QColor& color, int layer) {
-  const qreal side = std::min(rect.width(), rect.height());
+  const QSizeF shape = SymbolImages::shape(name);
+  const qreal side = std::min(rect.width() / shape.width(), rect.height() / shape.height());
   if (side <= 0) {
     return;
   }
@@ -117,10 +131,11 @@ void SymbolImages::paint(QPainter& painter, const QString& name, const QRectF& r
   }
   // Whole device pixels, from a device pixel's corner: the picture lands on the screen's grid
   // one to one instead of being resampled into a blur.
-  const qreal shown = pixels / density;
+  const QSizeF shown = QSizeF(tinted.size()) / density;
   const auto snapped = [density](qreal value) { return std::round(value * density) / density; };
-  const QRectF target(snapped(rect.center().x() - shown / 2),
-                      snapped(rect.center().y() - shown / 2), shown, shown);
+  const QRectF target(snapped(rect.center().x() - shown.width() / 2),
+                      snapped(rect.center().y() - shown.height() / 2), shown.width(),
+                      shown.height());
   painter.save();
   painter.setRenderHint(QPainter::SmoothPixmapTransform);
   painter.drawImage(target, tinted);

@@ -138,7 +138,8 @@ TEST(SymbolImagesTest, TheSpeakersShareOneBodyAndTheSlashIsSetApart) {
 
 TEST(SymbolImagesTest, AWidgetRenderedAtTwiceTheDensityShowsTheSymbolRasterisedForIt) {
   const QColor tint(Qt::black);
-  const QImage direct = SymbolImages::image(QStringLiteral("playpause.fill"), 34, tint, 0, 2.0);
+  const QImage direct =
+      SymbolImages::image(QStringLiteral("speaker.wave.2.fill"), 34, tint, 0, 2.0);
   EXPECT_EQ(direct.size(), QSize(34, 34));
   EXPECT_EQ(direct.devicePixelRatio(), 2.0);
 
@@ -146,7 +147,7 @@ TEST(SymbolImagesTest, AWidgetRenderedAtTwiceTheDensityShowsTheSymbolRasterisedF
   // pixel must be the symbol's own, not a 17-pixel picture enlarged.
   QWidget frame;
   frame.setAttribute(Qt::WA_NoSystemBackground);
-  auto* view = new SymbolView(QStringLiteral("playpause.fill"), 13, &frame);
+  auto* view = new SymbolView(QStringLiteral("speaker.wave.2.fill"), 13, &frame);
   view->setLevel(LabelLevel::primary);
   ASSERT_EQ(view->symbolSide(), 17);
   view->setGeometry(0, 0, 17, 17);
@@ -190,6 +191,17 @@ TEST(HairlineTest, IsOneDevicePixelAtEveryDensity) {
       EXPECT_EQ(inked, 1) << ratio << " " << orientation;
     }
   }
+}
+
+TEST(SymbolViewTest, AWideSymbolsFrameHasNoEmptyBandsAboveAndBelow) {
+  SymbolView wide(QStringLiteral("playpause.fill"), 40);
+  EXPECT_EQ(wide.sizeHint().width(), wide.symbolSide());
+  EXPECT_LT(wide.sizeHint().height(), wide.symbolSide() * 2 / 3);
+  const QImage image = SymbolImages::image(QStringLiteral("playpause.fill"), 52, Qt::black);
+  ASSERT_EQ(image.size(), wide.sizeHint());
+  const auto [first, last] = inkRows(image, image.width() / 2 + 6, 0);
+  EXPECT_LE(first, 1);
+  EXPECT_GE(last, image.height() - 2);
 }
 
 TEST(SymbolViewTest, ReplacesWithACrossFadeOnlyWhileVisible) {
