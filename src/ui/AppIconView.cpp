@@ -57,7 +57,7 @@ void AppIconView::paintEvent(QPaintEvent*) {
   painter.setOpacity(opacity_);
   const QRectF target(0, 0, side_, side_);
   if (!themeIcon_.isNull()) {
-    const qreal ratio = painter.device()->devicePixelRatioF();
+    const qreal ratio = Style::devicePixelRatio(painter);
     const QPixmap pixmap = themeIcon_.pixmap(QSize(side_, side_), ratio);
     painter.setRenderHint(QPainter::SmoothPixmapTransform);
     const QSizeF shown = pixmap.deviceIndependentSize().scaled(target.size(), Qt::KeepAspectRatio);

@@ -1,6 +1,7 @@
 #include "ui/Hairline.h"
 
 #include <QPainter>
+#include <cmath>
 
 #include "ui/Style.h"
 
@@ -24,13 +25,15 @@ QSize Hairline::sizeHint() const {
 void Hairline::paintEvent(QPaintEvent*) {
   QPainter painter(this);
   // One device pixel, whatever the scale: the logical line is as thin as the screen allows.
-  const qreal ratio = painter.device()->devicePixelRatioF();
+  // The line starts on a device pixel's edge, or it would smear over two.
+  const qreal ratio = Style::devicePixelRatio(painter);
   const qreal thickness = 1.0 / ratio;
+  const auto start = [ratio](int length) { return std::floor((length * ratio - 1) / 2) / ratio; };
   const QColor color = Style::textColor(palette(), Style::kHairlineOpacity);
   if (orientation_ == Qt::Horizontal) {
-    painter.fillRect(QRectF(0, (height() - thickness) / 2, width(), thickness), color);
+    painter.fillRect(QRectF(0, start(height()), width(), thickness), color);
   } else {
-    painter.fillRect(QRectF((width() - thickness) / 2, 0, thickness, height()), color);
+    painter.fillRect(QRectF(start(width()), 0, thickness, height()), color);
   }
 }
 

@@ -1,6 +1,8 @@
 #include "ui/Style.h"
 
 #include <QApplication>
+#include <QPaintEngine>
+#include <QPainter>
 
 namespace quellix::ui::Style {
 
@@ -34,6 +36,13 @@ QColor linkColor(const QPalette& palette) {
 
 QColor accentColor(const QPalette& palette) {
   return palette.color(QPalette::Highlight);
+}
+
+qreal devicePixelRatio(const QPainter& painter) {
+  if (const QPaintEngine* engine = painter.paintEngine(); engine && engine->paintDevice()) {
+    return engine->paintDevice()->devicePixelRatioF();
+  }
+  return painter.device() ? painter.device()->devicePixelRatioF() : 1.0;
 }
 
 QFont font(int pixelSize, QFont::Weight weight) {

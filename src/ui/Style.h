@@ -4,6 +4,8 @@
 #include <QFont>
 #include <QPalette>
 
+class QPainter;
+
 namespace quellix::ui {
 
 // The hierarchy of label colours: each level is the text colour, progressively fainter.
@@ -32,6 +34,11 @@ QColor labelColor(const QPalette& palette, LabelLevel level);
 // "The platform's blue": links.
 QColor linkColor(const QPalette& palette);
 QColor accentColor(const QPalette& palette);
+
+// Device pixels per logical pixel of what `painter` really draws on. A widget painted into a
+// picture of another density (QWidget::render) reports its own screen's ratio as its device;
+// the paint engine knows the target.
+qreal devicePixelRatio(const QPainter& painter);
 
 // The desktop's general font at a size in device-independent pixels.
 QFont font(int pixelSize, QFont::Weight weight = QFont::Normal);

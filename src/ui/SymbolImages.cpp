@@ -8,15 +8,20 @@
 #include <cmath>
 #include <memory>
 
+#include "ui/Style.h"
+
 namespace quellix::ui {
 namespace {
 
 // Enough for every symbol at every size a session shows; a theme change only adds entries.
 constexpr qsizetype kMaxCachedImages = 256;
+// A side that is a whole number of device pixels but for rounding is not a pixel larger.
+constexpr qreal kSnapTolerance = 1e-6;
 
 struct SymbolSource {
   QByteArray svg;
   int layers = 0;
+  QSizeF shape{1, 1};
 };
 
 const SymbolSource* source(const QString& name) {
@@ -31,6 +36,10 @@ const SymbolSource* source(const QString& name) {
     loaded->svg = file.readAll();
     static const QRegularExpression layerId(QStringLiteral("id=\"layer\\d+\""));
     loaded->layers = static_cast<int>(QString::fromUtf8(loaded->svg).count(layerId));
+    const QSizeF box = QSvgRenderer(loaded->svg).viewBoxF().size();
+    if (!box.isEmpty()) {
+      loaded->shape = box / std::max(box.width(), box.height());
+    }
   }
   sources.insert(name, loaded);
   return loaded.get();
@@ -63,10 +72,20 @@ int SymbolImages::layerCount(const QString& name) {
   return found ? found->layers : 0;
 }
 
-QImage SymbolImages::image(const QString& name, int sidePixels, const QColor& color, int layer) {
+QSizeF SymbolImages::shape(const QString& name) {
+  const SymbolSource* found = source(name);
+  return found ? found->shape : QSizeF(1, 1);
+}
+
+QImage SymbolImages::image(const QString& name, int sidePixels, const QColor& color, int layer,
+                           qreal devicePixelRatio) {
   static QHash<QString, QImage> cache;
-  const QString key =
-      QStringLiteral("%1|%2|%3|%4").arg(name).arg(sidePixels).arg(color.rgba(), 8, 16).arg(layer);
+  const QString key = QStringLiteral("%1|%2|%3|%4|%5")
+                          .arg(name)
+                          .arg(sidePixels)
+                          .arg(color.rgba(), 8, 16)
+                          .arg(layer)
+                          .arg(devicePixelRatio);
   if (auto found = cache.constFind(key); found != cache.constEnd()) {
     return found.value();
   }
@@ -75,15 +94,19 @@ QImage SymbolImages::image(const QString& name, int sidePixels, const QColor& co
     return {};
   }
   QSvgRenderer renderer(layer == 0 ? symbol->svg : onlyLayer(symbol->svg, layer, symbol->layers));
-  QImage result(sidePixels, sidePixels, QImage::Format_ARGB32_Premultiplied);
+  const QSize pixels(
+      std::max(1, static_cast<int>(std::lround(sidePixels * symbol->shape.width()))),
+      std::max(1, static_cast<int>(std::lround(sidePixels * symbol->shape.height()))));
+  QImage result(pixels, QImage::Format_ARGB32_Premultiplied);
   result.fill(Qt::transparent);
   {
     QPainter painter(&result);
     painter.setRenderHint(QPainter::Antialiasing);
-    renderer.render(&painter, QRectF(0, 0, sidePixels, sidePixels));
+    renderer.render(&painter, QRectF(QPointF(0, 0), pixels));
     painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
     painter.fillRect(result.rect(), color);
   }
+  result.setDevicePixelRatio(devicePixelRatio);
   if (cache.size() >= kMaxCachedImages) {
     cache.clear();
   }
@@ -93,18 +116,26 @@ QImage SymbolImages::image(const QString& name, int sidePixels, const QColor& co
 
 void SymbolImages::paint(QPainter& painter, const QString& name, const QRectF& rect,
                          const QColor& color, int layer) {
-  const qreal side = std::min(rect.width(), rect.height());
+  const QSizeF shape = SymbolImages::shape(name);
+  const qreal side = std::min(rect.width() / shape.width(), rect.height() / shape.height());
   if (side <= 0) {
     return;
   }
-  const qreal ratio = painter.device() ? painter.device()->devicePixelRatioF() : 1.0;
+  const qreal ratio = Style::devicePixelRatio(painter);
   const double scale = std::hypot(painter.transform().m11(), painter.transform().m12());
-  const int pixels = static_cast<int>(std::ceil(side * ratio * std::max(scale, 1.0)));
-  QImage tinted = image(name, pixels, color, layer);
+  const qreal density = ratio * std::max(scale, 1.0);
+  const int pixels = static_cast<int>(std::ceil(side * density - kSnapTolerance));
+  const QImage tinted = image(name, pixels, color, layer, density);
   if (tinted.isNull()) {
     return;
   }
-  const QRectF target(rect.center().x() - side / 2, rect.center().y() - side / 2, side, side);
+  // Whole device pixels, from a device pixel's corner: the picture lands on the screen's grid
+  // one to one instead of being resampled into a blur.
+  const QSizeF shown = QSizeF(tinted.size()) / density;
+  const auto snapped = [density](qreal value) { return std::round(value * density) / density; };
+  const QRectF target(snapped(rect.center().x() - shown.width() / 2),
+                      snapped(rect.center().y() - shown.height() / 2), shown.width(),
+                      shown.height());
   painter.save();
   painter.setRenderHint(QPainter::SmoothPixmapTransform);
   painter.drawImage(target, tinted);

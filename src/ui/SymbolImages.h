@@ -16,14 +16,20 @@ class SymbolImages {
   static bool exists(const QString& name);
   // How many separately lit parts ("layer1", "layer2", ...) the symbol has; 0 for none.
   static int layerCount(const QString& name);
+  // The symbol's outline box with its longer edge 1: most symbols are square, a wide one is
+  // drawn without empty space above and below.
+  static QSizeF shape(const QString& name);
 
-  // The symbol drawn into the square of side `side` centred in `rect`, on the painter's own
-  // device pixel ratio; `layer` 0 draws the whole symbol, k only its k-th part.
+  // The symbol drawn as large as fits centred in `rect`, rasterised for the device
+  // pixels the painter really covers and placed on their grid; `layer` 0 draws the whole
+  // symbol, k only its k-th part.
   static void paint(QPainter& painter, const QString& name, const QRectF& rect, const QColor& color,
                     int layer = 0);
 
-  // The whole symbol as an image of `sidePixels` square, tinted.
-  static QImage image(const QString& name, int sidePixels, const QColor& color, int layer = 0);
+  // The whole symbol as an image whose longer edge is `sidePixels` device pixels, tinted, for
+  // a device of `devicePixelRatio` (the image's own ratio).
+  static QImage image(const QString& name, int sidePixels, const QColor& color, int layer = 0,
+                      qreal devicePixelRatio = 1.0);
 
   static QString resourcePath(const QString& name);
 };

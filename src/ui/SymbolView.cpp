@@ -36,7 +36,9 @@ int SymbolView::symbolSide() const {
 }
 
 QSize SymbolView::sizeHint() const {
-  return {symbolSide(), symbolSide()};
+  const QSizeF shape = SymbolImages::shape(name_);
+  return {static_cast<int>(std::lround(symbolSide() * shape.width())),
+          static_cast<int>(std::lround(symbolSide() * shape.height()))};
 }
 
 void SymbolView::setSymbol(const QString& name) {
@@ -45,6 +47,9 @@ void SymbolView::setSymbol(const QString& name) {
   }
   previousName_ = name_;
   name_ = name;
+  if (SymbolImages::shape(previousName_) != SymbolImages::shape(name_)) {
+    updateGeometry();
+  }
   if (isVisible()) {
     replace_.stop();
     replace_.start();
@@ -102,9 +107,8 @@ void SymbolView::updateAnimation() {
 }
 
 void SymbolView::paintSymbol(QPainter& painter, const QString& name, qreal scale) const {
-  const qreal side = symbolSide() * scale;
-  const QRectF target(QPointF(width() / 2.0 - side / 2, height() / 2.0 - side / 2),
-                      QSizeF(side, side));
+  const QSizeF size = SymbolImages::shape(name) * (symbolSide() * scale);
+  const QRectF target(QPointF((width() - size.width()) / 2, (height() - size.height()) / 2), size);
   const QColor tint = color();
   const int layers = SymbolImages::layerCount(name);
   if (!variableColor_ || layers == 0) {

@@ -22,7 +22,7 @@ class SymbolView : public QWidget {
   static constexpr double kVariableColorDimOpacity = 0.35;
 
   // `textSize` is the size of the text the symbol stands for; the frame defaults to the
-  // symbol's own square.
+  // symbol's own box, whose longer edge is `symbolSide()`.
   SymbolView(const QString& name, int textSize, QWidget* parent = nullptr);
 
   const QString& symbolName() const { return name_; }

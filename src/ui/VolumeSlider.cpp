@@ -19,7 +19,6 @@ constexpr int kSmallKnob = 14;
 constexpr int kMiniKnob = 10;
 constexpr double kTrackOpacity = 0.14;
 constexpr double kKnobBorderOpacity = 0.22;
-constexpr double kDisabledFillOpacity = 0.35;
 
 // Lets the knob's travel match what is painted, and a click on the track jump there.
 class SliderStyle : public QProxyStyle {
@@ -100,7 +99,7 @@ void VolumeSlider::paintEvent(QPaintEvent*) {
   // Drawn whole into a layer first, so that the opacity applies to the slider as one picture
   // and the track does not shine through the knob.
   QPainter output(this);
-  const qreal ratio = output.device()->devicePixelRatioF();
+  const qreal ratio = Style::devicePixelRatio(output);
   QPixmap layer(size() * ratio);
   layer.setDevicePixelRatio(ratio);
   layer.fill(Qt::transparent);
@@ -110,26 +109,31 @@ void VolumeSlider::paintEvent(QPaintEvent*) {
     const qreal track = size_ == ControlSize::small ? kSmallTrack : kMiniTrack;
     const qreal centreY = height() / 2.0;
     const qreal radius = knobDiameter() / 2.0;
-    const QRectF groove(radius, centreY - track / 2, width() - 2 * radius, track);
+    // The track runs the whole width, so it lines up with what stands above it; the knob
+    // stays inside, touching either end at the extremes.
+    const QRectF groove(0, centreY - track / 2, width(), track);
     const qreal fraction = maximum() > minimum()
                                ? static_cast<qreal>(value() - minimum()) / (maximum() - minimum())
                                : 0.0;
-    const qreal knobX = groove.left() + fraction * groove.width();
+    const qreal knobX = radius + fraction * (width() - 2 * radius);
 
+    // A disabled slider is drawn in the colours of an enabled one and dimmed only by its
+    // opacity, so where it stands still reads.
+    QPalette colours = palette();
+    colours.setCurrentColorGroup(QPalette::Active);
     painter.setPen(Qt::NoPen);
-    painter.setBrush(Style::textColor(palette(), kTrackOpacity));
+    painter.setBrush(Style::textColor(colours, kTrackOpacity));
     painter.drawRoundedRect(groove, track / 2, track / 2);
-    painter.setBrush(isEnabled() ? Style::accentColor(palette())
-                                 : Style::textColor(palette(), kDisabledFillOpacity));
+    painter.setBrush(Style::accentColor(colours));
     painter.drawRoundedRect(QRectF(groove.left(), groove.top(), knobX - groove.left(), track),
                             track / 2, track / 2);
 
     const QRectF knob(knobX - radius + 0.5, centreY - radius + 0.5, 2 * radius - 1, 2 * radius - 1);
-    painter.setPen(QPen(Style::textColor(palette(), kKnobBorderOpacity), 0.8));
-    painter.setBrush(isEnabled() ? QColor(Qt::white) : palette().color(QPalette::Button));
+    painter.setPen(QPen(Style::textColor(colours, kKnobBorderOpacity), 0.8));
+    painter.setBrush(QColor(Qt::white));
     painter.drawEllipse(knob);
     if (hasFocus()) {
-      painter.setPen(QPen(Style::accentColor(palette()), 1.5));
+      painter.setPen(QPen(Style::accentColor(colours), 1.5));
       painter.setBrush(Qt::NoBrush);
       painter.drawEllipse(knob.adjusted(-1, -1, 1, 1));
     }

@@ -96,6 +96,28 @@ TEST_F(AppRowViewTest, ShowsEachStateAsItsTableSays) {
   EXPECT_TRUE(volumes.empty()) << "setting the state must not call the action";
 }
 
+TEST_F(AppRowViewTest, TheSliderTrackStartsUnderTheNameAndStillShowsItsFillWhenMuted) {
+  row.update(app("Safari"), true, 1.0f);
+  testing::processEvents();
+  const VolumeSlider& slider = row.slider();
+  EXPECT_EQ(slider.mapTo(&row, QPoint(0, 0)).x(), row.nameLabel().mapTo(&row, QPoint(0, 0)).x());
+
+  // Dimmed by its opacity only: the fill is the accent, faded into the background.
+  const QImage picture = testing::render(row, 1.0);
+  const QColor accent = Style::accentColor(row.palette());
+  const QColor background = row.palette().color(QPalette::Window);
+  const auto blended = [&](int accentPart, int backgroundPart) {
+    return slider.opacity() * accentPart + (1 - slider.opacity()) * backgroundPart;
+  };
+  // At full volume the fill runs from the track's very start, under the name, to the knob.
+  for (const int x : {1, slider.width() / 2}) {
+    const QColor shown = picture.pixelColor(slider.mapTo(&row, QPoint(x, slider.height() / 2)));
+    EXPECT_NEAR(shown.red(), blended(accent.red(), background.red()), 4) << x;
+    EXPECT_NEAR(shown.green(), blended(accent.green(), background.green()), 4) << x;
+    EXPECT_NEAR(shown.blue(), blended(accent.blue(), background.blue()), 4) << x;
+  }
+}
+
 TEST_F(AppRowViewTest, LongNameIsCutToOneLineAndTheStateSymbolStaysInside) {
   row.update(app("Eine Anwendung mit einem außerordentlich langen Namen, der nie passt"), false,
              1.0f);

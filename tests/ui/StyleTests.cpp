@@ -100,6 +100,110 @@ TEST(SymbolImagesTest, PaintingAtTwiceTheDensityUsesTwiceThePixels) {
   EXPECT_NEAR(inkAt(2.0), 4 * atOne, atOne / 2);
 }
 
+// The rows of ink in one column of a symbol drawn at 48 pixels, as first and last row.
+std::pair<int, int> inkRows(const QImage& image, int column, int fromRow) {
+  int first = -1;
+  int last = -1;
+  for (int y = fromRow; y < image.height(); ++y) {
+    if (qAlpha(image.pixel(column, y)) > 128) {
+      first = first < 0 ? y : first;
+      last = y;
+    }
+  }
+  return {first, last};
+}
+
+TEST(SymbolImagesTest, TheSpeakersShareOneBodyAndTheSlashIsSetApart) {
+  const char* speakers[] = {"speaker.fill",        "speaker.wave.1.fill", "speaker.wave.2.fill",
+                            "speaker.wave.3.fill", "speaker.wave.2",      "speaker.slash.fill"};
+  // At 48 pixels: the box's column, below where the slash starts, and the cone's lower half.
+  const auto body = [](const char* name) {
+    const QImage image = SymbolImages::image(QString::fromLatin1(name), 48, Qt::black);
+    return std::pair{inkRows(image, 9, 14), inkRows(image, 21, 24).second};
+  };
+  const auto reference = body("speaker.fill");
+  for (const char* name : speakers) {
+    const auto measured = body(name);
+    EXPECT_NEAR(measured.first.first, reference.first.first, 1) << name;
+    EXPECT_NEAR(measured.first.second, reference.first.second, 1) << name;
+    EXPECT_NEAR(measured.second, reference.second, 1) << name;
+  }
+  // Beside the slash, inside where the speaker would be, nothing is drawn.
+  const QImage slashed = SymbolImages::image(QStringLiteral("speaker.slash.fill"), 48, Qt::black);
+  EXPECT_LT(qAlpha(slashed.pixel(18, 22)), 32);
+  EXPECT_GT(
+      qAlpha(SymbolImages::image(QStringLiteral("speaker.fill"), 48, Qt::black).pixel(18, 22)),
+      224);
+}
+
+TEST(SymbolImagesTest, AWidgetRenderedAtTwiceTheDensityShowsTheSymbolRasterisedForIt) {
+  const QColor tint(Qt::black);
+  const QImage direct =
+      SymbolImages::image(QStringLiteral("speaker.wave.2.fill"), 34, tint, 0, 2.0);
+  EXPECT_EQ(direct.size(), QSize(34, 34));
+  EXPECT_EQ(direct.devicePixelRatio(), 2.0);
+
+  // A view of 17 logical pixels, painted into a picture of twice its density: every device
+  // pixel must be the symbol's own, not a 17-pixel picture enlarged.
+  QWidget frame;
+  frame.setAttribute(Qt::WA_NoSystemBackground);
+  auto* view = new SymbolView(QStringLiteral("speaker.wave.2.fill"), 13, &frame);
+  view->setLevel(LabelLevel::primary);
+  ASSERT_EQ(view->symbolSide(), 17);
+  view->setGeometry(0, 0, 17, 17);
+  frame.resize(17, 17);
+  frame.show();
+  testing::processEvents();
+  QImage canvas(34, 34, QImage::Format_ARGB32_Premultiplied);
+  canvas.setDevicePixelRatio(2.0);
+  canvas.fill(Qt::transparent);
+  view->render(&canvas, {}, {}, QWidget::DrawChildren);
+  int differing = 0;
+  for (int y = 0; y < 34; ++y) {
+    for (int x = 0; x < 34; ++x) {
+      if (std::abs(qAlpha(canvas.pixel(x, y)) - qAlpha(direct.pixel(x, y))) > 8) {
+        ++differing;
+      }
+    }
+  }
+  EXPECT_EQ(differing, 0);
+}
+
+TEST(HairlineTest, IsOneDevicePixelAtEveryDensity) {
+  for (const qreal ratio : {1.0, 2.0}) {
+    for (const Qt::Orientation orientation : {Qt::Horizontal, Qt::Vertical}) {
+      QWidget frame;
+      auto* line = new Hairline(orientation, &frame);
+      line->setGeometry(0, 0, orientation == Qt::Horizontal ? 20 : 1,
+                        orientation == Qt::Horizontal ? 1 : 20);
+      frame.resize(20, 20);
+      frame.show();
+      const QImage picture = testing::render(frame, ratio);
+      const QRgb background = picture.pixel(picture.width() - 1, picture.height() - 1);
+      int inked = 0;
+      for (int across = 0; across < picture.height(); ++across) {
+        const QPoint at = orientation == Qt::Horizontal ? QPoint(picture.width() / 2, across)
+                                                        : QPoint(across, picture.height() / 2);
+        if (picture.pixel(at) != background) {
+          ++inked;
+        }
+      }
+      EXPECT_EQ(inked, 1) << ratio << " " << orientation;
+    }
+  }
+}
+
+TEST(SymbolViewTest, AWideSymbolsFrameHasNoEmptyBandsAboveAndBelow) {
+  SymbolView wide(QStringLiteral("playpause.fill"), 40);
+  EXPECT_EQ(wide.sizeHint().width(), wide.symbolSide());
+  EXPECT_LT(wide.sizeHint().height(), wide.symbolSide() * 2 / 3);
+  const QImage image = SymbolImages::image(QStringLiteral("playpause.fill"), 52, Qt::black);
+  ASSERT_EQ(image.size(), wide.sizeHint());
+  const auto [first, last] = inkRows(image, image.width() / 2 + 6, 0);
+  EXPECT_LE(first, 1);
+  EXPECT_GE(last, image.height() - 2);
+}
+
 TEST(SymbolViewTest, ReplacesWithACrossFadeOnlyWhileVisible) {
   SymbolView hidden(QStringLiteral("speaker.wave.2"), 13);
   hidden.setSymbol(QStringLiteral("speaker.slash.fill"));
