@@ -52,6 +52,7 @@ constexpr int kMediaSymbolSize = 40;
 constexpr int kLaunchSymbolSize = 42;
 constexpr int kPermissionTop = 10;
 constexpr int kPermissionSpacing = 6;
+constexpr int kBorderedButtonPadding = 8;
 constexpr int kNoteSize = 11;
 constexpr int kLaunchTop = 10;
 constexpr int kMakerTop = 14;
@@ -275,6 +276,9 @@ QWidget* OnboardingView::mediaStep() {
   permissionButton_ =
       new QPushButton(translated(QT_TRANSLATE_NOOP("OnboardingView", "Berechtigung erteilen")));
   permissionButton_->setAutoDefault(false);
+  // The desktop style's bordered button hugs its text; give it a bordered button's side room.
+  permissionButton_->setMinimumWidth(permissionButton_->sizeHint().width() +
+                                     2 * kBorderedButtonPadding);
   QObject::connect(permissionButton_, &QPushButton::clicked, this, [this] { requestPermission(); });
   request->addWidget(permissionButton_, 0, Qt::AlignHCenter);
   request->addWidget(body(translated(QT_TRANSLATE_NOOP(
