@@ -169,4 +169,19 @@ std::optional<AccessibleUi::Element> AccessibleUi::showingButton(pid_t pid, cons
   return std::nullopt;
 }
 
+std::optional<AccessibleUi::Element> AccessibleUi::showingButton(
+    pid_t pid, const QString& word, const QStringList& descriptionEndings) {
+  for (auto& button : showingButtons(pid)) {
+    if (!button.name.contains(word, Qt::CaseInsensitive)) {
+      continue;
+    }
+    for (const QString& ending : descriptionEndings) {
+      if (button.description.endsWith(ending)) {
+        return std::move(button);
+      }
+    }
+  }
+  return std::nullopt;
+}
+
 }  // namespace quellix::testing

@@ -31,6 +31,10 @@ class AccessibleUi {
   // The push buttons of the program with `pid` that are on the screen now.
   std::vector<Element> showingButtons(pid_t pid);
   std::optional<Element> showingButton(pid_t pid, const QString& name);
+  // The showing button whose name contains `word` (in any case) and whose description ends
+  // with one of `descriptionEndings`.
+  std::optional<Element> showingButton(pid_t pid, const QString& word,
+                                       const QStringList& descriptionEndings);
 
  private:
   bool connect();

@@ -7,7 +7,6 @@
 #include <QDBusMessage>
 #include <QDBusVariant>
 #include <fstream>
-#include <sstream>
 
 namespace quellix::testing {
 namespace {
@@ -55,24 +54,6 @@ TestPlayerProcess& DesktopSession::play(const std::string& appID, const std::str
       TestPlayerProcess::Options{.name = appID, .appID = appID, .frequency = frequency}));
   ::unsetenv("PULSE_SINK");
   return *players_.back();
-}
-
-std::map<pid_t, std::string> DesktopSession::listedApplications() const {
-  // Lines read "  <name> [<bundle id>] pid=<pid> objects=[...] playing=...".
-  std::map<pid_t, std::string> names;
-  std::istringstream lines(runProgram({QUELLIX_BINARY, "--list"}));
-  for (std::string line; std::getline(lines, line);) {
-    const auto pidAt = line.find(" pid=");
-    if (line.rfind("  ", 0) != 0 || pidAt == std::string::npos) {
-      continue;
-    }
-    std::string name = line.substr(2, pidAt - 2);
-    if (!name.empty() && name.back() == ']') {
-      name.erase(name.rfind(" ["));
-    }
-    names[static_cast<pid_t>(std::atoi(line.c_str() + pidAt + 5))] = name;
-  }
-  return names;
 }
 
 std::unique_ptr<ChildProcess> DesktopSession::startQuellix(

@@ -9,7 +9,6 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -63,9 +62,6 @@ class DesktopSession {
   // A test player playing to `sink` ("out1" is the default).
   TestPlayerProcess& play(const std::string& appID, const std::string& sink = "out1",
                           double frequency = 440.0);
-  // The names the program gives the applications playing now, by process id, as its
-  // diagnostic list shows them.
-  std::map<pid_t, std::string> listedApplications() const;
 
   // The program, started as a user would; its output goes to a log in the scratch folder.
   std::unique_ptr<ChildProcess> startQuellix(const std::vector<std::string>& arguments = {});
