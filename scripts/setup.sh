@@ -10,7 +10,7 @@ QUELLIX_PACKAGES=(
   libpulse-dev libspeexdsp-dev nlohmann-json3-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   qt6-l10n-tools dpkg-dev lintian desktop-file-utils appstream patchelf
-  pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus sox mpv mpv-mpris
+  pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus dbus-daemon sox mpv mpv-mpris
   xvfb xauth x11-utils dbus-x11 imagemagick fonts-dejavu-core
   xdotool at-spi2-core
 )

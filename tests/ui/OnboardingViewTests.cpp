@@ -1,0 +1,150 @@
+#include "ui/OnboardingView.h"
+
+#include <gtest/gtest.h>
+
+#include <QCheckBox>
+#include <QPushButton>
+#include <QTest>
+
+#include "ui/PageDots.h"
+#include "ui/PanelTestSupport.h"
+#include "ui/PlainButton.h"
+#include "ui/UiTestEnvironment.h"
+
+namespace quellix::ui {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+class OnboardingViewTest : public testing::ViewTest {
+ protected:
+  std::unique_ptr<OnboardingView> open() {
+    AppState& app = state ? *state : start();
+    auto view = std::make_unique<OnboardingView>(app, [this] { ++closes; });
+    view->show();
+    settle();
+    return view;
+  }
+  int closes = 0;
+};
+
+TEST_F(OnboardingViewTest, ForwardAndBackWalkThePagesAndReturnFinishesOnTheLast) {
+  auto view = open();
+  EXPECT_EQ(view->size(), QSize(460, 440));
+  struct Expect {
+    bool back;
+    const char* forward;
+  };
+  const Expect pages[] = {
+      {false, "Weiter"}, {true, "Weiter"}, {true, "Weiter"}, {true, "Los geht's"}};
+  for (int step = 0; step < OnboardingView::kStepCount; ++step) {
+    SCOPED_TRACE(step);
+    ASSERT_EQ(view->step(), step);
+    EXPECT_EQ(view->backButton().isVisible(), pages[step].back);
+    EXPECT_EQ(view->forwardButton().text(), QString::fromLatin1(pages[step].forward));
+    EXPECT_TRUE(view->currentPage().isVisible());
+    for (int dot = 0; dot < OnboardingView::kStepCount; ++dot) {
+      EXPECT_DOUBLE_EQ(view->dots().dotOpacity(dot), dot == step ? 1.0 : 0.18);
+    }
+    if (step < OnboardingView::kStepCount - 1) {
+      QTest::mouseClick(&view->forwardButton(), Qt::LeftButton);
+      EXPECT_TRUE(view->isTransitioning());
+    }
+  }
+  QTest::mouseClick(&view->backButton(), Qt::LeftButton);
+  EXPECT_EQ(view->step(), 2);
+  QTest::mouseClick(&view->forwardButton(), Qt::LeftButton);
+  EXPECT_EQ(closes, 0);
+  QTest::keyClick(view.get(), Qt::Key_Return);
+  EXPECT_EQ(closes, 1);
+  EXPECT_EQ(view->step(), 3) << "finishing does not move on";
+  QTest::keyClick(view.get(), Qt::Key_Enter);
+  EXPECT_EQ(closes, 2);
+}
+
+TEST_F(OnboardingViewTest, ANewPageComesInFromTheTrailingEdgeWhicheverWayTheUserMoves) {
+  auto view = open();
+  view->forward();
+  view->forward();
+  QTest::qWait(OnboardingView::kTransitionMilliseconds + 80);
+  view->back();
+  QTest::qWait(OnboardingView::kTransitionMilliseconds / 4);
+  EXPECT_GT(view->page(1).x(), 0) << "page 1 enters from the right";
+  EXPECT_LT(view->page(2).x(), 0) << "page 2 leaves to the left";
+  QTest::qWait(OnboardingView::kTransitionMilliseconds + 80);
+  EXPECT_EQ(view->page(1).x(), 0);
+  EXPECT_FALSE(view->page(2).isVisible());
+}
+
+TEST_F(OnboardingViewTest, PermissionPollSwitchesToGrantedWithinASecond) {
+  auto view = open();
+  EXPECT_FALSE(view->mediaPermissionGranted());
+  EXPECT_FALSE(view->permissionGranted().isVisibleTo(&view->page(2)));
+  QTest::mouseClick(&view->permissionButton(), Qt::LeftButton);
+  EXPECT_EQ(trust->prompts, 1);
+  queue.advance(seconds(4) + milliseconds(500));
+  EXPECT_FALSE(view->mediaPermissionGranted());
+  trust->trusted = true;  // granted 4.5 s after the click
+  queue.advance(milliseconds(500));
+  EXPECT_TRUE(view->mediaPermissionGranted());
+  EXPECT_TRUE(view->permissionGranted().isVisibleTo(&view->page(2)));
+  EXPECT_FALSE(view->permissionRequest().isVisibleTo(&view->page(2)));
+}
+
+TEST_F(OnboardingViewTest, PermissionGrantedAfterThePollEndedNeedsAnotherClick) {
+  auto view = open();
+  view->requestPermission();
+  queue.advance(seconds(40));
+  trust->trusted = true;
+  queue.advance(seconds(5));
+  EXPECT_FALSE(view->mediaPermissionGranted()) << "thirty checks, then silence";
+  EXPECT_EQ(queue.pendingTimers() > 0, true);  // the monitor and update timers remain
+  view->requestPermission();
+  queue.advance(seconds(1));
+  EXPECT_TRUE(view->mediaPermissionGranted());
+}
+
+TEST_F(OnboardingViewTest, AlreadyTrustedShowsGrantedAtOnce) {
+  trust->trusted = true;
+  auto view = open();
+  EXPECT_TRUE(view->mediaPermissionGranted());
+  EXPECT_TRUE(view->permissionGranted().isVisibleTo(&view->page(2)));
+}
+
+TEST_F(OnboardingViewTest, LaunchSwitchIsTheLaunchAtLoginSetting) {
+  auto view = open();
+  EXPECT_FALSE(view->launchSwitch().isChecked());
+  state->setLaunchAtLogin(true);
+  settle();
+  EXPECT_TRUE(view->launchSwitch().isChecked());
+  loginItem->fails = true;
+  loginItem->statusAfterFailure = LoginItemStatus::enabled;
+  QTest::mouseClick(&view->launchSwitch(), Qt::LeftButton, {},
+                    QPoint(4, view->launchSwitch().height() / 2));
+  EXPECT_TRUE(view->launchSwitch().isChecked()) << "shows what the system reports";
+}
+
+TEST_F(OnboardingViewTest, RendersEveryPage) {
+  for (const bool granted : {false, true}) {
+    trust->trusted = granted;
+    auto view = open();
+    for (int step = 0; step < OnboardingView::kStepCount; ++step) {
+      QTest::qWait(OnboardingView::kTransitionMilliseconds + 60);
+      if (step != 2 && granted) {
+        view->forward();
+        continue;
+      }
+      ui::testing::saveRenders(*view,
+                               QStringLiteral("onboarding-%1%2")
+                                   .arg(step)
+                                   .arg(step == 2 ? (granted ? "-granted" : "-not-granted") : ""));
+      if (step < OnboardingView::kStepCount - 1) {
+        view->forward();
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace quellix::ui
