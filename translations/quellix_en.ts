@@ -2,6 +2,44 @@
 <!DOCTYPE TS>
 <TS version="2.1" language="en" sourcelanguage="de">
 <context>
+    <name>AboutView</name>
+    <message>
+        <source>Ruhe verschafft</source>
+        <translation>of quiet</translation>
+    </message>
+    <message>
+        <source>Ein kostenloses Tool von norvalin</source>
+        <translation>A free tool by norvalin</translation>
+    </message>
+    <message>
+        <source>App gemutet</source>
+        <translation>app muted</translation>
+    </message>
+    <message>
+        <source>Apps gemutet</source>
+        <translation>apps muted</translation>
+    </message>
+    <message>
+        <source>Version %1</source>
+        <translation>Version %1</translation>
+    </message>
+</context>
+<context>
+    <name>AppRowView</name>
+    <message>
+        <source>Lautstärke von %1</source>
+        <translation>Volume of %1</translation>
+    </message>
+    <message>
+        <source>%1 wieder hörbar machen</source>
+        <translation>Unmute %1</translation>
+    </message>
+    <message>
+        <source>%1 stummschalten</source>
+        <translation>Mute %1</translation>
+    </message>
+</context>
+<context>
     <name>AppState</name>
     <message>
         <source>Willkommen bei Quellix</source>
@@ -10,6 +48,183 @@
     <message>
         <source>Über Quellix</source>
         <translation>About Quellix</translation>
+    </message>
+</context>
+<context>
+    <name>MenuBarView</name>
+    <message>
+        <source>Vorheriger Titel</source>
+        <translation>Previous Track</translation>
+    </message>
+    <message>
+        <source>Wiedergabe/Pause</source>
+        <translation>Play/Pause</translation>
+    </message>
+    <message>
+        <source>Nächster Titel</source>
+        <translation>Next Track</translation>
+    </message>
+    <message>
+        <source>Gesamtlautstärke</source>
+        <translation>Master volume</translation>
+    </message>
+    <message>
+        <source>Sobald eine App Ton ausgibt,
+erscheint sie hier.</source>
+        <translation>As soon as an app plays sound,
+it appears here.</translation>
+    </message>
+    <message>
+        <source>Bei Anmeldung starten</source>
+        <translation>Start at login</translation>
+    </message>
+    <message>
+        <source>Über Quellix</source>
+        <translation>About Quellix</translation>
+    </message>
+    <message>
+        <source>Beenden</source>
+        <translation>Quit</translation>
+    </message>
+    <message>
+        <source>Keine App spielt gerade Audio</source>
+        <translation>No app is playing audio</translation>
+    </message>
+    <message>
+        <source>%1 von %2 stummgeschaltet</source>
+        <translation>%1 of %2 muted</translation>
+    </message>
+    <message>
+        <source>1 App mit Audio</source>
+        <translation>1 app with audio</translation>
+    </message>
+    <message>
+        <source>%1 Apps mit Audio</source>
+        <translation>%1 apps with audio</translation>
+    </message>
+    <message>
+        <source>System-Ton wieder einschalten</source>
+        <translation>Unmute system sound</translation>
+    </message>
+    <message>
+        <source>System stummschalten</source>
+        <translation>Mute system</translation>
+    </message>
+    <message>
+        <source>Alle wieder laut</source>
+        <translation>Unmute All</translation>
+    </message>
+    <message>
+        <source>Alle stummschalten</source>
+        <translation>Mute All</translation>
+    </message>
+    <message>
+        <source>Update verfügbar: Version %1</source>
+        <translation>Update available: version %1</translation>
+    </message>
+</context>
+<context>
+    <name>OnboardingView</name>
+    <message>
+        <source>Zurück</source>
+        <translation>Back</translation>
+    </message>
+    <message>
+        <source>Willkommen bei Quellix</source>
+        <translation>Welcome to Quellix</translation>
+    </message>
+    <message>
+        <source>Dein Mac hat einen Lautstärkeregler für alles.
+Ab jetzt hat jede App ihren eigenen.</source>
+        <translation>Your computer has one volume control for everything.
+From now on, every app has its own.</translation>
+    </message>
+    <message>
+        <source>So funktioniert&apos;s</source>
+        <translation>How it works</translation>
+    </message>
+    <message>
+        <source>Menübar öffnen</source>
+        <translation>Open the panel</translation>
+    </message>
+    <message>
+        <source>Klicke oben auf das Lautsprecher-Symbol. Jede App, die gerade Ton ausgibt, erscheint in der Liste.</source>
+        <translation>Click the speaker icon in your panel. Every app that is playing sound appears in the list.</translation>
+    </message>
+    <message>
+        <source>App stummschalten</source>
+        <translation>Mute an app</translation>
+    </message>
+    <message>
+        <source>Ein Klick auf die Zeile mutet genau diese App. Alle anderen laufen normal weiter, nochmal klicken macht sie wieder hörbar.</source>
+        <translation>One click on its row mutes exactly that app. All others keep playing; click again to hear it again.</translation>
+    </message>
+    <message>
+        <source>Fein regeln</source>
+        <translation>Fine-tune</translation>
+    </message>
+    <message>
+        <source>Der Slider unter jeder App regelt ihre Lautstärke einzeln, der obere Regler die Gesamtlautstärke.</source>
+        <translation>The slider under each app sets its own volume; the one at the top sets the master volume.</translation>
+    </message>
+    <message>
+        <source>Musik direkt steuern</source>
+        <translation>Control your music</translation>
+    </message>
+    <message>
+        <source>Play, Pause und Skip direkt aus dem Panel.
+Funktioniert wie die Medientasten deiner Tastatur,
+egal ob Musik, Spotify oder ein Browser-Tab spielt.</source>
+        <translation>Play, pause and skip right from the panel.
+Works like the media keys on your keyboard,
+whether a music player, Spotify or a browser tab is playing.</translation>
+    </message>
+    <message>
+        <source>Berechtigung erteilt</source>
+        <translation>Permission granted</translation>
+    </message>
+    <message>
+        <source>Berechtigung erteilen</source>
+        <translation>Grant Permission</translation>
+    </message>
+    <message>
+        <source>macOS öffnet Systemeinstellungen → Bedienungshilfen.
+Dort Quellix aktivieren, damit die App Tastendrücke senden darf.</source>
+        <translation>Your desktop may ask whether Quellix may control media players.
+Allow it so that the media buttons can reach them.</translation>
+    </message>
+    <message>
+        <source>Immer griffbereit</source>
+        <translation>Always at hand</translation>
+    </message>
+    <message>
+        <source>Quellix wartet still in der Menübar
+und braucht dabei praktisch keine Ressourcen.</source>
+        <translation>Quellix waits quietly in your panel
+and needs next to no resources while it does.</translation>
+    </message>
+    <message>
+        <source>Bei Anmeldung automatisch starten</source>
+        <translation>Start automatically at login</translation>
+    </message>
+    <message>
+        <source>Eine App von norvalin</source>
+        <translation>An app by norvalin</translation>
+    </message>
+    <message>
+        <source>Weiter</source>
+        <translation>Continue</translation>
+    </message>
+    <message>
+        <source>Los geht&apos;s</source>
+        <translation>Let&apos;s Go</translation>
+    </message>
+</context>
+<context>
+    <name>QuellixApp</name>
+    <message>
+        <source>Quellix öffnen</source>
+        <translation>Open Quellix</translation>
     </message>
 </context>
 <context>

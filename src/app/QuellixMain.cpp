@@ -10,7 +10,6 @@
 #include "platform/qt/QtMainQueue.h"
 #include "platform/qt/TerminationSignals.h"
 #include "platform/qt/Translations.h"
-#include "support/BuildInfo.h"
 #include "support/Logger.h"
 
 namespace quellix::QuellixMain {
@@ -47,13 +46,16 @@ Invocation dispatch(const std::vector<std::string>& arguments) {
   return {Mode::application, {}};
 }
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv, ApplicationRunner runApplication) {
   Logger::installSink(makeSystemLogSink());
   const Invocation invocation = dispatch(std::vector<std::string>(argv, argv + argc));
   // Taps outlive a program that ends; the guard removes them then. It must be forked while
   // this is the only thread.
   if (invocation.mode == Mode::spike || invocation.mode == Mode::application) {
     TapGuard::start();
+  }
+  if (invocation.mode == Mode::application) {
+    return runApplication(argc, argv);
   }
 
   QCoreApplication application(argc, argv);
@@ -83,9 +85,6 @@ int main(int argc, char** argv) {
     case Mode::application:
       break;
   }
-  Logger("AppState")
-      .info(std::string("Quellix ") + build::kVersion +
-            ": the menu-bar application is not built yet");
   return 0;
 }
 

@@ -17,7 +17,11 @@ struct Invocation {
 // Decides what a command line asks for; the whole argument vector, program path included.
 Invocation dispatch(const std::vector<std::string>& arguments);
 
+// Runs the application mode and returns its exit status.
+using ApplicationRunner = int (*)(int argc, char** argv);
+
 // The program's entry: runs a diagnostic mode and returns its exit status, or the application.
-int main(int argc, char** argv);
+// The application sits above this layer, so the caller says how to run it.
+int main(int argc, char** argv, ApplicationRunner runApplication);
 
 }  // namespace quellix::QuellixMain

@@ -1,5 +1,6 @@
+#include "app/QuellixApp.h"
 #include "app/QuellixMain.h"
 
 int main(int argc, char** argv) {
-  return quellix::QuellixMain::main(argc, argv);
+  return quellix::QuellixMain::main(argc, argv, &quellix::QuellixApp::run);
 }

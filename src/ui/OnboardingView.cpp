@@ -44,6 +44,9 @@ constexpr int kInstructionTextSpacing = 2;
 constexpr int kInstructionTitleSize = 13;
 constexpr int kInstructionTextSize = 12;
 constexpr qreal kInstructionLineSpacing = 2;
+constexpr int kInstructionTextWidth = OnboardingView::kSize.width() - 2 * kPageSide -
+                                      2 * kInstructionsSide - kInstructionSymbolFrame -
+                                      kInstructionSpacing;
 constexpr int kHeroSymbolBottom = 6;
 constexpr int kMediaSymbolSize = 40;
 constexpr int kLaunchSymbolSize = 42;
@@ -106,7 +109,6 @@ OnboardingView::OnboardingView(AppState& state, std::function<void()> close, QWi
   pages_ = {welcomeStep(), howToStep(), mediaStep(), launchStep()};
   for (QWidget* page : pages_) {
     page->setParent(pageHost_);
-    page->setGraphicsEffect(new QGraphicsOpacityEffect(page));
     page->hide();
   }
   stack->addWidget(pageHost_);
@@ -153,13 +155,7 @@ OnboardingView::OnboardingView(AppState& state, std::function<void()> close, QWi
   transition_.setStartValue(0.0);
   transition_.setEndValue(1.0);
   QObject::connect(&transition_, &QVariantAnimation::valueChanged, this, [this] { layoutPages(); });
-  QObject::connect(&transition_, &QVariantAnimation::finished, this, [this] {
-    if (previousStep_ >= 0 && previousStep_ != step_) {
-      page(previousStep_).hide();
-    }
-    previousStep_ = -1;
-    layoutPages();
-  });
+  QObject::connect(&transition_, &QVariantAnimation::finished, this, [this] { endTransition(); });
 
   setMediaPermissionGranted(mediaPermissionGranted_);
   renderLaunch();
@@ -204,6 +200,9 @@ QWidget* OnboardingView::instruction(const char* symbol, const QString& titleTex
   auto* description = new TextLabel(text, Style::font(kInstructionTextSize), LabelLevel::secondary);
   description->setAlignment(Qt::AlignLeft | Qt::AlignTop);
   description->setParagraph(true, kInstructionLineSpacing);
+  // The window's width is fixed, so the text's width is known: its full height is reserved up
+  // front instead of being negotiated through three nested layouts.
+  description->setFixedHeight(description->heightForWidth(kInstructionTextWidth));
   texts->addWidget(description);
   line->addLayout(texts, 1);
   return row;
@@ -333,11 +332,23 @@ bool OnboardingView::isTransitioning() const {
   return transition_.state() == QAbstractAnimation::Running;
 }
 
-void OnboardingView::showStep(int step) {
-  if (isTransitioning() && previousStep_ >= 0 && previousStep_ != step) {
+void OnboardingView::endTransition() {
+  if (previousStep_ >= 0 && previousStep_ != step_) {
     page(previousStep_).hide();
   }
-  transition_.stop();
+  previousStep_ = -1;
+  // The fade needs an effect only while it runs; a resting page paints directly.
+  for (QWidget* each : pages_) {
+    each->setGraphicsEffect(nullptr);
+  }
+  layoutPages();
+}
+
+void OnboardingView::showStep(int step) {
+  if (isTransitioning()) {
+    transition_.stop();
+    endTransition();
+  }
   previousStep_ = step == step_ ? -1 : step_;
   step_ = step;
   dots_->setCurrent(step);
@@ -349,10 +360,11 @@ void OnboardingView::showStep(int step) {
   currentPage().show();
   pageHost_->setFixedHeight(heightOf(&currentPage(), width()));
   if (previousStep_ >= 0 && isVisible()) {
+    currentPage().setGraphicsEffect(new QGraphicsOpacityEffect);
+    page(previousStep_).setGraphicsEffect(new QGraphicsOpacityEffect);
     transition_.start();
-  } else if (previousStep_ >= 0) {
-    page(previousStep_).hide();
-    previousStep_ = -1;
+  } else {
+    endTransition();
   }
   layoutPages();
 }
@@ -366,7 +378,9 @@ void OnboardingView::layoutPages() {
     const int x = static_cast<int>(offset * width);
     shown.setGeometry(layoutDirection() == Qt::RightToLeft ? -x : x, 0, width,
                       heightOf(&shown, width));
-    static_cast<QGraphicsOpacityEffect*>(shown.graphicsEffect())->setOpacity(opacity);
+    if (auto* fade = dynamic_cast<QGraphicsOpacityEffect*>(shown.graphicsEffect())) {
+      fade->setOpacity(opacity);
+    }
   };
   place(currentPage(), 1.0 - progress, progress);
   if (previousStep_ >= 0 && isTransitioning()) {

@@ -60,6 +60,7 @@ class OnboardingView : public QWidget {
   QWidget* instruction(const char* symbol, const QString& title, const QString& text);
 
   void showStep(int step);
+  void endTransition();
   void layoutPages();
   void setMediaPermissionGranted(bool granted);
   void renderLaunch();

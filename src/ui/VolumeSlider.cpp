@@ -2,9 +2,9 @@
 
 #include <QApplication>
 #include <QPainter>
+#include <QPixmap>
 #include <QProxyStyle>
 #include <QSignalBlocker>
-#include <QStyleOptionSlider>
 #include <algorithm>
 #include <cmath>
 
@@ -97,39 +97,45 @@ void VolumeSlider::setOpacity(double opacity) {
 }
 
 void VolumeSlider::paintEvent(QPaintEvent*) {
-  QPainter painter(this);
-  painter.setRenderHint(QPainter::Antialiasing);
-  painter.setOpacity(opacity_);
+  // Drawn whole into a layer first, so that the opacity applies to the slider as one picture
+  // and the track does not shine through the knob.
+  QPainter output(this);
+  const qreal ratio = output.device()->devicePixelRatioF();
+  QPixmap layer(size() * ratio);
+  layer.setDevicePixelRatio(ratio);
+  layer.fill(Qt::transparent);
+  {
+    QPainter painter(&layer);
+    painter.setRenderHint(QPainter::Antialiasing);
+    const qreal track = size_ == ControlSize::small ? kSmallTrack : kMiniTrack;
+    const qreal centreY = height() / 2.0;
+    const qreal radius = knobDiameter() / 2.0;
+    const QRectF groove(radius, centreY - track / 2, width() - 2 * radius, track);
+    const qreal fraction = maximum() > minimum()
+                               ? static_cast<qreal>(value() - minimum()) / (maximum() - minimum())
+                               : 0.0;
+    const qreal knobX = groove.left() + fraction * groove.width();
 
-  QStyleOptionSlider option;
-  initStyleOption(&option);
-  const QRect handle =
-      style()->subControlRect(QStyle::CC_Slider, &option, QStyle::SC_SliderHandle, this);
-  const qreal track = size_ == ControlSize::small ? kSmallTrack : kMiniTrack;
-  const qreal centreY = height() / 2.0;
-  const qreal radius = knobDiameter() / 2.0;
-  const QRectF groove(radius, centreY - track / 2, width() - 2 * radius, track);
-  const qreal knobX = handle.center().x() + 0.5;
+    painter.setPen(Qt::NoPen);
+    painter.setBrush(Style::textColor(palette(), kTrackOpacity));
+    painter.drawRoundedRect(groove, track / 2, track / 2);
+    painter.setBrush(isEnabled() ? Style::accentColor(palette())
+                                 : Style::textColor(palette(), kDisabledFillOpacity));
+    painter.drawRoundedRect(QRectF(groove.left(), groove.top(), knobX - groove.left(), track),
+                            track / 2, track / 2);
 
-  painter.setPen(Qt::NoPen);
-  painter.setBrush(Style::textColor(palette(), kTrackOpacity));
-  painter.drawRoundedRect(groove, track / 2, track / 2);
-
-  QColor fill = isEnabled() ? Style::accentColor(palette())
-                            : Style::textColor(palette(), kDisabledFillOpacity);
-  painter.setBrush(fill);
-  painter.drawRoundedRect(QRectF(groove.left(), groove.top(), knobX - groove.left(), track),
-                          track / 2, track / 2);
-
-  const QRectF knob(knobX - radius + 0.5, centreY - radius + 0.5, 2 * radius - 1, 2 * radius - 1);
-  painter.setPen(QPen(Style::textColor(palette(), kKnobBorderOpacity), 0.8));
-  painter.setBrush(isEnabled() ? QColor(Qt::white) : palette().color(QPalette::Button));
-  painter.drawEllipse(knob);
-  if (hasFocus()) {
-    painter.setPen(QPen(Style::accentColor(palette()), 1.5));
-    painter.setBrush(Qt::NoBrush);
-    painter.drawEllipse(knob.adjusted(-1, -1, 1, 1));
+    const QRectF knob(knobX - radius + 0.5, centreY - radius + 0.5, 2 * radius - 1, 2 * radius - 1);
+    painter.setPen(QPen(Style::textColor(palette(), kKnobBorderOpacity), 0.8));
+    painter.setBrush(isEnabled() ? QColor(Qt::white) : palette().color(QPalette::Button));
+    painter.drawEllipse(knob);
+    if (hasFocus()) {
+      painter.setPen(QPen(Style::accentColor(palette()), 1.5));
+      painter.setBrush(Qt::NoBrush);
+      painter.drawEllipse(knob.adjusted(-1, -1, 1, 1));
+    }
   }
+  output.setOpacity(opacity_);
+  output.drawPixmap(0, 0, layer);
 }
 
 }  // namespace quellix::ui

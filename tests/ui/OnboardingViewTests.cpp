@@ -9,6 +9,7 @@
 #include "ui/PageDots.h"
 #include "ui/PanelTestSupport.h"
 #include "ui/PlainButton.h"
+#include "ui/TextLabel.h"
 #include "ui/UiTestEnvironment.h"
 
 namespace quellix::ui {
@@ -123,6 +124,23 @@ TEST_F(OnboardingViewTest, LaunchSwitchIsTheLaunchAtLoginSetting) {
   QTest::mouseClick(&view->launchSwitch(), Qt::LeftButton, {},
                     QPoint(4, view->launchSwitch().height() / 2));
   EXPECT_TRUE(view->launchSwitch().isChecked()) << "shows what the system reports";
+}
+
+TEST_F(OnboardingViewTest, InstructionTextsAreNeverCut) {
+  auto view = open();
+  view->forward();
+  QTest::qWait(OnboardingView::kTransitionMilliseconds + 80);
+  int wrapped = 0;
+  for (QWidget* child : view->page(1).findChildren<QWidget*>()) {
+    auto* label = dynamic_cast<TextLabel*>(child);
+    if (label != nullptr && label->isParagraph()) {
+      EXPECT_GE(label->height(), label->heightForWidth(label->width()))
+          << label->text().toStdString();
+      ++wrapped;
+    }
+  }
+  EXPECT_EQ(wrapped, 3);
+  EXPECT_LE(view->page(1).geometry().bottom(), view->dots().geometry().top() - 20);
 }
 
 TEST_F(OnboardingViewTest, RendersEveryPage) {

@@ -1,0 +1,130 @@
+#include "app/PanelHost.h"
+
+#include <QApplication>
+#include <QCursor>
+#include <QGuiApplication>
+#include <QKeyEvent>
+#include <QScreen>
+#include <QVBoxLayout>
+
+namespace quellix {
+namespace {
+
+// Space between the tray icon's click and the panel's edge.
+constexpr int kAnchorGap = 6;
+
+}  // namespace
+
+PanelHost::PanelHost(std::unique_ptr<QWidget> content) : content_(content.release()) {
+  auto* layout = new QVBoxLayout(this);
+  layout->setContentsMargins(0, 0, 0, 0);
+  layout->setSizeConstraint(QLayout::SetFixedSize);
+  layout->addWidget(content_);
+  content_->installEventFilter(this);
+  setWindowTitle(QStringLiteral("Quellix"));
+  setAttribute(Qt::WA_DeleteOnClose, false);
+  setMode(Mode::window);
+}
+
+bool PanelHost::compositorPlacesPopups() {
+  return QGuiApplication::platformName().startsWith(QStringLiteral("wayland"));
+}
+
+void PanelHost::setMode(Mode mode) {
+  const bool wasVisible = isVisible();
+  mode_ = mode;
+  if (mode == Mode::window) {
+    setWindowFlags(Qt::Window | Qt::WindowTitleHint | Qt::WindowCloseButtonHint |
+                   Qt::CustomizeWindowHint);
+  } else if (compositorPlacesPopups()) {
+    // A Wayland popup needs a parent surface the tray does not give us: a frameless window
+    // that hides when it loses focus behaves the same to the user.
+    setWindowFlags(Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint);
+  } else {
+    setWindowFlags(Qt::Popup | Qt::FramelessWindowHint);
+  }
+  placed_ = false;
+  if (wasVisible && mode == Mode::window) {
+    present();
+  }
+}
+
+void PanelHost::present(QPoint anchor) {
+  anchor_ = anchor.isNull() ? QCursor::pos() : anchor;
+  placed_ = false;
+  show();
+  place();
+  raise();
+  activateWindow();
+  // Keyboard users start inside the panel: Tab walks its controls, Escape closes it.
+  if (!content_->isAncestorOf(QApplication::focusWidget())) {
+    focusNextChild();
+  }
+}
+
+void PanelHost::toggle(QPoint anchor) {
+  if (isVisible()) {
+    hide();
+  } else {
+    present(anchor);
+  }
+}
+
+void PanelHost::place() {
+  adjustSize();
+  if (mode_ == Mode::window) {
+    if (!placed_) {
+      if (const QScreen* screen = QGuiApplication::primaryScreen()) {
+        move(screen->availableGeometry().center() - rect().center());
+      }
+      placed_ = true;
+    }
+    return;
+  }
+  const QScreen* screen = QGuiApplication::screenAt(anchor_);
+  if (screen == nullptr) {
+    screen = QGuiApplication::primaryScreen();
+  }
+  if (screen == nullptr) {
+    return;
+  }
+  const QRect available = screen->availableGeometry();
+  const QSize size = this->size();
+  // Below an icon in a top panel, above one in a bottom panel.
+  const bool opensDownwards = anchor_.y() < available.center().y();
+  QPoint topLeft(anchor_.x() - size.width() / 2, opensDownwards
+                                                     ? anchor_.y() + kAnchorGap
+                                                     : anchor_.y() - kAnchorGap - size.height());
+  topLeft.setX(std::clamp(topLeft.x(), available.left(),
+                          std::max(available.left(), available.right() - size.width() + 1)));
+  topLeft.setY(std::clamp(topLeft.y(), available.top(),
+                          std::max(available.top(), available.bottom() - size.height() + 1)));
+  move(topLeft);
+  placed_ = true;
+}
+
+bool PanelHost::event(QEvent* event) {
+  if (event->type() == QEvent::WindowDeactivate && mode_ == Mode::popup &&
+      compositorPlacesPopups()) {
+    hide();
+  }
+  return QWidget::event(event);
+}
+
+void PanelHost::keyPressEvent(QKeyEvent* event) {
+  if (event->key() == Qt::Key_Escape) {
+    hide();
+    return;
+  }
+  QWidget::keyPressEvent(event);
+}
+
+bool PanelHost::eventFilter(QObject* watched, QEvent* event) {
+  // The panel grows with its rows: keep it inside the screen next to its anchor.
+  if (watched == content_ && event->type() == QEvent::Resize && isVisible()) {
+    place();
+  }
+  return QWidget::eventFilter(watched, event);
+}
+
+}  // namespace quellix

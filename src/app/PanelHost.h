@@ -1,0 +1,41 @@
+#pragma once
+
+#include <QPoint>
+#include <QWidget>
+#include <memory>
+
+namespace quellix {
+
+// Holds the panel: a frameless popup next to the tray icon where a tray exists, an ordinary
+// window where none does. Closing either only hides it; the content lives on.
+class PanelHost final : public QWidget {
+ public:
+  enum class Mode { popup, window };
+
+  explicit PanelHost(std::unique_ptr<QWidget> content);
+
+  Mode mode() const { return mode_; }
+  void setMode(Mode mode);
+
+  // Shows the panel next to `anchor` (the tray icon's click position; null: the cursor), or
+  // the window centred where it was.
+  void present(QPoint anchor = {});
+  void toggle(QPoint anchor = {});
+  QWidget* content() const { return content_; }
+
+ protected:
+  bool event(QEvent* event) override;
+  void keyPressEvent(QKeyEvent* event) override;
+  bool eventFilter(QObject* watched, QEvent* event) override;
+
+ private:
+  void place();
+  static bool compositorPlacesPopups();
+
+  QWidget* content_;
+  Mode mode_ = Mode::window;
+  QPoint anchor_;
+  bool placed_ = false;
+};
+
+}  // namespace quellix

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+
+namespace quellix {
+
+// One running Quellix per session: the first start owns a name on the session bus, and a
+// later start hands its request to that one instead of starting a second tray item.
+class SingleInstance final : public QObject {
+  Q_OBJECT
+  Q_CLASSINFO("D-Bus Interface", "com.norvalin.Quellix")
+
+ public:
+  static constexpr const char* kServiceName = "com.norvalin.Quellix";
+  static constexpr const char* kObjectPath = "/com/norvalin/Quellix";
+
+  enum class Outcome {
+    primary,       // this process is the one instance
+    handedOver,    // another instance runs and was asked to show itself
+    noSessionBus,  // nobody to ask: this process runs alone
+  };
+
+  explicit SingleInstance(QObject* parent = nullptr);
+  ~SingleInstance() override;
+
+  // Claims the name, or asks its owner to show its panel.
+  Outcome claim();
+  const QString& failure() const { return failure_; }
+
+ public slots:
+  // Called over the bus by a later start.
+  Q_SCRIPTABLE void Activate();
+
+ signals:
+  void activationRequested();
+
+ private:
+  QString failure_;
+  bool registered_ = false;
+};
+
+}  // namespace quellix
