@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -55,9 +56,7 @@ long ioTicksOf(pid_t pid) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  const int seconds = argc > 1 ? std::atoi(argv[1]) : kDefaultSeconds;
-  QCoreApplication application(argc, argv);
+int measure(int seconds) {
   DesktopSession session(DesktopSession::Options{
       .preferencesJson =
           R"({"onboardingCompleted": true, "mutedBundleIDs": ["com.example.gamma"]})"});
@@ -142,4 +141,14 @@ int main(int argc, char** argv) {
   std::printf("Quellix CPU beyond the taps' IO threads: %.2f %% (%ld ticks; target 0)\n",
               percent(quellix.ticks - quellix.ioTicks), quellix.ticks - quellix.ioTicks);
   return 0;
+}
+
+int main(int argc, char** argv) {
+  QCoreApplication application(argc, argv);
+  try {
+    return measure(argc > 1 ? std::atoi(argv[1]) : kDefaultSeconds);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 1;
+  }
 }

@@ -136,6 +136,17 @@ TEST_F(WholeProgramTest, TrayPanelMuteSecondStartAndQuit) {
     return muted && muted->description == alpha + " wieder hörbar machen";
   }));
 
+  // A second click makes it heard again, and the icon follows.
+  clickButton(alpha);
+  EXPECT_TRUE(session_->eventually([&] {
+    const auto heard = session_->ui().showingButton(quellix_->pid(), alpha);
+    return heard && heard->description == alpha + " stummschalten";
+  })) << "the row still shows the player silenced";
+  EXPECT_TRUE(session_->eventually([&] {
+    return session_->trayItemProperty("IconName").toString() == "audio-volume-high-symbolic";
+  })) << "the tray icon still shows "
+      << session_->trayItemProperty("IconName").toString().toStdString();
+
   // Another click on the icon closes the panel; a second start opens it again and ends.
   ASSERT_TRUE(session_->activateTrayItem(kTrayClick));
   EXPECT_TRUE(session_->eventually([&] { return !panelShown(); })) << "the panel stayed open";

@@ -76,8 +76,11 @@ std::optional<XServer::Geometry> XServer::visibleWindow(const std::string& title
 }
 
 void XServer::click(int x, int y) const {
-  runProgram(
-      {"xdotool", "mousemove", "--sync", std::to_string(x), std::to_string(y), "click", "1"});
+  // The server takes the motion and the button in the order sent; waiting for the motion
+  // (--sync) would wait forever when the pointer is already there.
+  // A user's pointer arrives from somewhere: widgets see it enter before the press.
+  runProgram({"xdotool", "mousemove", std::to_string(x + 1), std::to_string(y + 1), "mousemove",
+              std::to_string(x), std::to_string(y), "click", "1"});
 }
 
 void XServer::key(const std::string& keys) const {
