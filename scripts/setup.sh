@@ -11,12 +11,18 @@ QUELLIX_PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   qt6-l10n-tools dpkg-dev lintian desktop-file-utils appstream patchelf
   pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus dbus-daemon sox mpv mpv-mpris
-  xvfb xauth x11-utils xdotool dbus-x11 imagemagick fonts-dejavu-core
+  xvfb xauth x11-utils dbus-x11 imagemagick fonts-dejavu-core
+  xdotool at-spi2-core
 )
+
+# Only the benchmarks compare the program with these; ./test.sh does not install them.
+QUELLIX_BENCH_PACKAGES=(pavucontrol-qt pavucontrol pasystray)
 
 quellix_missing_packages() {
   local missing=()
-  for package in "${QUELLIX_PACKAGES[@]}"; do
+  local wanted=("$@")
+  [ ${#wanted[@]} -eq 0 ] && wanted=("${QUELLIX_PACKAGES[@]}")
+  for package in "${wanted[@]}"; do
     if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
       missing+=("$package")
     fi
@@ -26,7 +32,7 @@ quellix_missing_packages() {
 
 quellix_install_packages() {
   local missing
-  missing=$(quellix_missing_packages)
+  missing=$(quellix_missing_packages "$@")
   [ -z "$missing" ] && return 0
   echo "Installing: $missing"
   local sudo=()
@@ -42,4 +48,8 @@ quellix_install_packages() {
   "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q
   # shellcheck disable=SC2086
   "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends $missing
+}
+
+quellix_install_bench_packages() {
+  quellix_install_packages "${QUELLIX_PACKAGES[@]}" "${QUELLIX_BENCH_PACKAGES[@]}"
 }
