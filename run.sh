@@ -69,16 +69,18 @@ fi
 
 "$quellix" &
 pids+=($!)
-# With no tray on this display, the panel opens as a window of its own.
+# With no tray on this display, the panel opens as a window of its own (class "quellix"; a
+# one-pixel helper window of the same title does not count).
 screenshot=/tmp/quellix-panel.png
+panel_geometry() {
+  xwininfo -root -children 2>/dev/null | awk '/"Quellix": \("quellix"/ {print $5; exit}'
+}
 for _ in $(seq 100); do
-  xwininfo -root -children 2>/dev/null | grep -q '"Quellix"' && break
+  [ -n "$(panel_geometry)" ] && break
   sleep 0.1
 done
 sleep 2
-import -window root -crop "$(xwininfo -name Quellix | awk '/Width:/{w=$2} /Height:/{h=$2}
-  /Absolute upper-left X:/{x=$4} /Absolute upper-left Y:/{y=$4} END{print w"x"h"+"x"+"y}')" \
-  "$screenshot"
+import -window root -crop "$(panel_geometry)" +repage "$screenshot"
 echo "Quellix is running on display $DISPLAY; the panel's screenshot is $screenshot."
 echo "Press Ctrl+C to stop."
 wait "${pids[-1]}"

@@ -106,9 +106,14 @@ class GuardTest : public testing::ServerTest {
     ASSERT_TRUE(testing::eventually([&] {
       return server->pactl({"list", "short", "sinks"}).find(sink) != std::string::npos;
     }));
-    const std::string streams = server->pactl({"list", "short", "sink-inputs"});
+    // The player's stream may not be up yet, and PipeWire applies a move a little later.
+    std::string streams;
+    ASSERT_TRUE(testing::eventually([&] {
+      streams = server->pactl({"list", "short", "sink-inputs"});
+      return !streams.empty();
+    }));
     server->pactl({"move-sink-input", streams.substr(0, streams.find('\t')), sink});
-    ASSERT_FALSE(everyStreamOnOut1());
+    ASSERT_TRUE(testing::eventually([&] { return !everyStreamOnOut1(); }));
   }
 
   testing::TemporaryDirectory preferences;
