@@ -291,10 +291,12 @@ void DefaultsStore::moveAside(const std::string& reason) {
 
 void DefaultsStore::reportBadValue(std::string_view key, const nlohmann::json& value,
                                    std::string_view expected, std::string_view entry) const {
-  std::string setting = "\"" + std::string(key) + "\"";
+  // Appended piece by piece: GCC 12's optimiser misreads a literal prepended to a string.
+  std::string setting;
   if (!entry.empty()) {
-    setting = "entry \"" + std::string(entry) + "\" of " + setting;
+    setting.append("entry \"").append(entry).append("\" of ");
   }
+  setting.append("\"").append(key).append("\"");
   if (!reported_.insert(setting).second) {
     return;
   }
