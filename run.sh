@@ -26,7 +26,10 @@ fi
 runtime=$(mktemp -d)
 pids=()
 cleanup() {
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+  # Newest first: Quellix goes before the display and the servers it uses.
+  for ((i = ${#pids[@]} - 1; i >= 0; i--)); do kill "${pids[i]}" 2>/dev/null || true; done
+  # What feeds the players (and anything else started here) goes too.
+  pkill -P $$ 2>/dev/null || true
   wait 2>/dev/null || true
   rm -rf "$runtime"
 }
