@@ -66,28 +66,10 @@ TEST(RenderTest, RowsInEveryState) {
 }
 
 TEST(RenderTest, SymbolSheetAndIcon) {
-  const char* names[] = {
-      "speaker.wave.2.fill",
-      "speaker.slash.fill",
-      "speaker.fill",
-      "speaker.wave.1.fill",
-      "speaker.wave.3.fill",
-      "speaker.wave.2",
-      "waveform",
-      "backward.fill",
-      "playpause.fill",
-      "forward.fill",
-      "arrow.down.circle.fill",
-      "power",
-      "menubar.arrow.up.rectangle",
-      "slider.horizontal.3",
-      "checkmark.circle.fill",
-      "app.generic",
-  };
   QWidget sheet;
   auto* grid = new QGridLayout(&sheet);
   int index = 0;
-  for (const char* name : names) {
+  for (const char* name : testing::kSymbolNames) {
     for (const int size : {13, 24}) {
       auto* symbol = new SymbolView(QString::fromLatin1(name), size);
       symbol->setLevel(LabelLevel::primary);

@@ -14,25 +14,6 @@
 namespace quellix::ui {
 namespace {
 
-const char* const kSymbolNames[] = {
-    "speaker.wave.2.fill",
-    "speaker.slash.fill",
-    "speaker.fill",
-    "speaker.wave.1.fill",
-    "speaker.wave.3.fill",
-    "speaker.wave.2",
-    "waveform",
-    "backward.fill",
-    "playpause.fill",
-    "forward.fill",
-    "arrow.down.circle.fill",
-    "power",
-    "menubar.arrow.up.rectangle",
-    "slider.horizontal.3",
-    "checkmark.circle.fill",
-    "app.generic",
-};
-
 // Counts pixels that are drawn at all, and checks that every drawn pixel has the tint's hue.
 struct Ink {
   int pixels = 0;
@@ -60,7 +41,7 @@ Ink inkOf(const QImage& image, QColor tint) {
 
 TEST(SymbolImagesTest, EverySymbolTheViewsNameIsDrawnInItsTint) {
   const QColor tint(0x20, 0x80, 0xE0);
-  for (const char* name : kSymbolNames) {
+  for (const char* name : testing::kSymbolNames) {
     const QString symbol = QString::fromLatin1(name);
     ASSERT_TRUE(SymbolImages::exists(symbol)) << name;
     const Ink ink = inkOf(SymbolImages::image(symbol, 48, tint), tint);
