@@ -140,7 +140,14 @@ int QuellixApp::run(int argc, char** argv) {
 
   quitOnTerminationSignals();
   QtMainQueue queue;
-  const InstalledBackend backend(queue);
+  // The backend's thread posts to the queue: it must be gone before the queue is.
+  struct BackendTeardown {
+    std::shared_ptr<AudioBackend> backend;
+    ~BackendTeardown() {
+      installAudioBackend(nullptr);
+      backend.reset();
+    }
+  } teardown{installBackendFromEnvironment(queue)};
 
   DefaultsStore defaults(DefaultsStore::standardPath(), queue);
   SystemWallClock clock;

@@ -63,7 +63,14 @@ int main(int argc, char** argv, ApplicationRunner runApplication) {
   installTranslations(application);
   quitOnTerminationSignals();
   QtMainQueue queue;
-  const InstalledBackend backend(queue);
+  // The backend's thread posts to the queue: it must be gone before the queue is.
+  struct BackendTeardown {
+    std::shared_ptr<AudioBackend> backend;
+    ~BackendTeardown() {
+      installAudioBackend(nullptr);
+      backend.reset();
+    }
+  } teardown{installBackendFromEnvironment(queue)};
 
   const SpikeRunner::Context context{SpikeRunner::logPath, queue};
   switch (invocation.mode) {

@@ -218,12 +218,8 @@ std::string execArgument(const std::string& word) {
     quoted += '"';
   }
   // The value as a whole is a string, whose own escapes come on top of the quoting.
-  return desktopEntryString(quoted);
-}
-
-std::string desktopEntryString(const std::string& value) {
   std::string escaped;
-  for (const char c : value) {
+  for (const char c : quoted) {
     switch (c) {
       case '\\':
         escaped += "\\\\";

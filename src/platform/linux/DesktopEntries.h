@@ -78,8 +78,6 @@ std::vector<std::string> execArguments(const std::string& exec);
 // One word for an Exec value, quoted and escaped where needed so that execArguments() reads
 // it back unchanged.
 std::string execArgument(const std::string& word);
-// A string value as a desktop file writes it: backslashes and control characters escaped.
-std::string desktopEntryString(const std::string& value);
 
 // The message locale from the environment (LC_ALL, LC_MESSAGES, LANG), e.g. "de_DE".
 std::string messageLocale();
