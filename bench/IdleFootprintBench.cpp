@@ -15,8 +15,8 @@
 #include <thread>
 #include <vector>
 
-#include "DesktopSession.h"
 #include "ProcessUsage.h"
+#include "harness/DesktopSession.h"
 
 namespace {
 

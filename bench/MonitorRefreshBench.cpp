@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <map>
 
-#include "FakeSystem.h"
-#include "coreaudio/AudioProcessMonitor.h"
-#include "coreaudio/CoreAudioSupport.h"
-#include "platform/hal/sim/SimAudioBackend.h"
+#include "audio/CoreAudioSupport.h"
+#include "audio/sim/SimAudioBackend.h"
+#include "engine/monitor/AudioProcessMonitor.h"
+#include "harness/FakeSystem.h"
 #include "support/ManualQueue.h"
 
 namespace {

@@ -19,8 +19,8 @@
 #include <thread>
 #include <vector>
 
-#include "DesktopSession.h"
-#include "LevelMeter.h"
+#include "harness/DesktopSession.h"
+#include "harness/LevelMeter.h"
 
 namespace {
 

@@ -9,10 +9,10 @@
 #include <cstdio>
 #include <map>
 
-#include "SoundServer.h"
-#include "TestPlayerProcess.h"
-#include "coreaudio/CoreAudioSupport.h"
-#include "platform/hal/pulse/PulseBackend.h"
+#include "audio/CoreAudioSupport.h"
+#include "audio/pulse/PulseBackend.h"
+#include "harness/SoundServer.h"
+#include "harness/TestPlayerProcess.h"
 #include "support/Logger.h"
 
 namespace {

@@ -16,13 +16,13 @@
 #include <string>
 #include <thread>
 
-#include "SoakSequence.h"
-#include "SoundServer.h"
-#include "TestPlayerProcess.h"
-#include "TestSupport.h"
-#include "coreaudio/AudioProcessMonitor.h"
-#include "muting/MuteController.h"
-#include "platform/hal/pulse/PulseBackend.h"
+#include "audio/pulse/PulseBackend.h"
+#include "engine/monitor/AudioProcessMonitor.h"
+#include "engine/muting/MuteController.h"
+#include "harness/SoakSequence.h"
+#include "harness/SoundServer.h"
+#include "harness/TestPlayerProcess.h"
+#include "harness/TestSupport.h"
 #include "support/ManualQueue.h"
 
 namespace {

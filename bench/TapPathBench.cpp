@@ -20,12 +20,12 @@
 #include <string>
 #include <thread>
 
-#include "LevelMeter.h"
-#include "SoundServer.h"
-#include "TestPlayerProcess.h"
-#include "coreaudio/CoreAudioSupport.h"
-#include "muting/ProcessMuteTap.h"
-#include "platform/hal/pulse/PulseBackend.h"
+#include "audio/CoreAudioSupport.h"
+#include "audio/pulse/PulseBackend.h"
+#include "engine/muting/ProcessMuteTap.h"
+#include "harness/LevelMeter.h"
+#include "harness/SoundServer.h"
+#include "harness/TestPlayerProcess.h"
 #include "support/Logger.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "AllocationCounter.h"
-#include "muting/TapRenderer.h"
+#include "engine/muting/TapRenderer.h"
 
 namespace {
 

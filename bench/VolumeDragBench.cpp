@@ -9,8 +9,8 @@
 #include <cstdio>
 #include <map>
 
-#include "TestSupport.h"
-#include "muting/MuteController.h"
+#include "engine/muting/MuteController.h"
+#include "harness/TestSupport.h"
 #include "support/ManualQueue.h"
 #include "support/WallClock.h"
 

@@ -8,8 +8,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "muting/MuteController.h"
-#include "platform/hal/sim/SimAudioBackend.h"
+#include "audio/sim/SimAudioBackend.h"
+#include "engine/muting/MuteController.h"
 #include "support/DefaultsStore.h"
 #include "support/ManualQueue.h"
 

@@ -2,7 +2,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "app/UpdateChecker.h"
+#include "state/UpdateChecker.h"
 #include "support/TextError.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

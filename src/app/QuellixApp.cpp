@@ -4,16 +4,17 @@
 #include <algorithm>
 
 #include "app/PanelHost.h"
-#include "app/SelfMover.h"
-#include "platform/hal/BackendSelection.h"
-#include "platform/qt/HttpClient.h"
-#include "platform/qt/QtMainQueue.h"
-#include "platform/qt/SingleInstance.h"
-#include "platform/qt/TerminationSignals.h"
-#include "platform/qt/Translations.h"
-#include "platform/qt/TrayItem.h"
+#include "audio/BackendSelection.h"
+#include "desktop/runtime/HttpClient.h"
+#include "desktop/runtime/QtMainQueue.h"
+#include "desktop/runtime/SingleInstance.h"
+#include "desktop/runtime/TerminationSignals.h"
+#include "desktop/runtime/Translations.h"
+#include "state/SelfMover.h"
 #include "support/BuildInfo.h"
 #include "support/Observable.h"
+#include "tray/TrayItem.h"
+#include "ui/MessageBoxMoveAlerts.h"
 #include "ui/Views.h"
 
 namespace quellix {
@@ -31,9 +32,9 @@ const char* QuellixApp::traySymbol(int activeMuteCount) {
 
 QuellixApp::QuellixApp(AppEnvironment environment) {
   environment.makeOnboarding = [](AppState& state, std::function<void()> close) {
-    return ui::makeOnboardingView(state, std::move(close));
+    return ui::makeOnboardingWindow(state, std::move(close));
   };
-  environment.makeAbout = [](AppState& state) { return ui::makeAboutView(state); };
+  environment.makeAbout = [](AppState& state) { return ui::makeAboutWindow(state); };
   state_ = AppState::create(std::move(environment));
 
   panel_ = std::make_unique<PanelHost>(ui::makeMenuBarView(*state_));
@@ -160,7 +161,8 @@ int QuellixApp::run(int argc, char** argv) {
       .http = makeQtHttpClient(),
       .offerMoveIfNeeded =
           [&queue, &instance] {
-            return SelfMover::offerMoveIfNeeded(queue, [&instance] { instance.release(); });
+            MessageBoxMoveAlerts alerts;
+            return SelfMover::offerMoveIfNeeded(queue, alerts, [&instance] { instance.release(); });
           },
   });
   QObject::connect(&instance, &SingleInstance::activationRequested, &scene, &QuellixApp::showPanel);

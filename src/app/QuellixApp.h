@@ -3,7 +3,7 @@
 #include <QObject>
 #include <memory>
 
-#include "app/AppState.h"
+#include "state/AppState.h"
 
 namespace quellix {
 

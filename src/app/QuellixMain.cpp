@@ -4,12 +4,12 @@
 #include <algorithm>
 
 #include "app/SpikeRunner.h"
-#include "platform/hal/BackendSelection.h"
-#include "platform/hal/pulse/TapGuard.h"
-#include "platform/linux/JournalLogSink.h"
-#include "platform/qt/QtMainQueue.h"
-#include "platform/qt/TerminationSignals.h"
-#include "platform/qt/Translations.h"
+#include "audio/BackendSelection.h"
+#include "audio/pulse/TapGuard.h"
+#include "desktop/runtime/JournalLogSink.h"
+#include "desktop/runtime/QtMainQueue.h"
+#include "desktop/runtime/TerminationSignals.h"
+#include "desktop/runtime/Translations.h"
 #include "support/Logger.h"
 
 namespace quellix::QuellixMain {

@@ -8,12 +8,12 @@
 #include <algorithm>
 #include <cctype>
 
-#include "coreaudio/AudioProcessMonitor.h"
-#include "coreaudio/CoreAudioSupport.h"
-#include "muting/ProcessMuteTap.h"
-#include "platform/hal/AudioHardware.h"
-#include "platform/linux/ProcessResponsibility.h"
-#include "services/SystemVolumeController.h"
+#include "audio/AudioHardware.h"
+#include "audio/CoreAudioSupport.h"
+#include "desktop/apps/ProcessResponsibility.h"
+#include "engine/monitor/AudioProcessMonitor.h"
+#include "engine/muting/ProcessMuteTap.h"
+#include "engine/volume/SystemVolumeController.h"
 #include "support/DefaultsStore.h"
 #include "support/Logger.h"
 #include "support/Parsing.h"

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/linux/Workspace.h"
+#include "desktop/apps/Workspace.h"
 
 namespace quellix {
 class MainQueue;

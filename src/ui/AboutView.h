@@ -5,7 +5,7 @@
 #include <functional>
 #include <optional>
 
-#include "app/AppState.h"
+#include "state/AppState.h"
 
 namespace quellix::ui {
 

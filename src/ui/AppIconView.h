@@ -3,7 +3,7 @@
 #include <QIcon>
 #include <QWidget>
 
-#include "coreaudio/AudioProcessMonitor.h"
+#include "engine/monitor/AudioProcessMonitor.h"
 
 namespace quellix::ui {
 

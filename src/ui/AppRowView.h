@@ -3,7 +3,7 @@
 #include <QWidget>
 #include <functional>
 
-#include "coreaudio/AudioProcessMonitor.h"
+#include "engine/monitor/AudioProcessMonitor.h"
 
 namespace quellix::ui {
 

@@ -9,7 +9,7 @@
 #include <QSignalBlocker>
 #include <QVBoxLayout>
 
-#include "services/MediaKeys.h"
+#include "engine/media/MediaKeys.h"
 #include "ui/AppRowView.h"
 #include "ui/Hairline.h"
 #include "ui/PlainButton.h"

@@ -8,7 +8,7 @@
 #include <map>
 #include <vector>
 
-#include "app/AppState.h"
+#include "state/AppState.h"
 
 class QCheckBox;
 class QVBoxLayout;

@@ -11,7 +11,7 @@
 #include <QVBoxLayout>
 #include <memory>
 
-#include "platform/linux/Accessibility.h"
+#include "desktop/mpris/Accessibility.h"
 #include "support/BuildInfo.h"
 #include "ui/AppIconView.h"
 #include "ui/PageDots.h"

@@ -5,7 +5,7 @@
 #include <array>
 #include <functional>
 
-#include "app/AppState.h"
+#include "state/AppState.h"
 
 class QCheckBox;
 class QPushButton;

@@ -5,9 +5,9 @@
 #include <QKeyEvent>
 #include <QTest>
 
-#include "app/AppStateFixture.h"
 #include "app/PanelHost.h"
-#include "platform/qt/TrayItem.h"
+#include "harness/AppStateFixture.h"
+#include "tray/TrayItem.h"
 
 namespace quellix {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <fstream>
 
-#include "TestSupport.h"
+#include "harness/TestSupport.h"
 
 namespace quellix {
 namespace {

@@ -1,15 +1,15 @@
-#include "coreaudio/AudioProcessMonitor.h"
+#include "engine/monitor/AudioProcessMonitor.h"
 
 #include <gtest/gtest.h>
 
 #include <fstream>
 
-#include "ChildProcess.h"
-#include "ServerTest.h"
-#include "TestPlayerProcess.h"
-#include "TestSupport.h"
-#include "coreaudio/CoreAudioSupport.h"
-#include "platform/hal/pulse/PulseBackend.h"
+#include "audio/CoreAudioSupport.h"
+#include "audio/pulse/PulseBackend.h"
+#include "harness/ChildProcess.h"
+#include "harness/ServerTest.h"
+#include "harness/TestPlayerProcess.h"
+#include "harness/TestSupport.h"
 #include "support/ManualQueue.h"
 
 namespace quellix {

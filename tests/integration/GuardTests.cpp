@@ -1,15 +1,15 @@
-#include "platform/hal/pulse/TapGuard.h"
+#include "audio/pulse/TapGuard.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include <thread>
 
-#include "ChildProcess.h"
-#include "LevelMeter.h"
-#include "ServerTest.h"
-#include "TestPlayerProcess.h"
-#include "TestSupport.h"
+#include "harness/ChildProcess.h"
+#include "harness/LevelMeter.h"
+#include "harness/ServerTest.h"
+#include "harness/TestPlayerProcess.h"
+#include "harness/TestSupport.h"
 
 namespace quellix {
 namespace {

@@ -12,14 +12,14 @@
 #include <string>
 #include <vector>
 
-#include "ChildProcess.h"
-#include "LevelMeter.h"
-#include "SoundServer.h"
-#include "platform/linux/Accessibility.h"
-#include "platform/linux/EventPoster.h"
-#include "platform/linux/MprisCommand.h"
-#include "platform/linux/MprisEventPoster.h"
-#include "services/MediaKeys.h"
+#include "desktop/mpris/Accessibility.h"
+#include "desktop/mpris/EventPoster.h"
+#include "desktop/mpris/MprisCommand.h"
+#include "desktop/mpris/MprisEventPoster.h"
+#include "engine/media/MediaKeys.h"
+#include "harness/ChildProcess.h"
+#include "harness/LevelMeter.h"
+#include "harness/SoundServer.h"
 #include "support/Logger.h"
 
 namespace quellix {

@@ -1,4 +1,4 @@
-#include "muting/MuteController.h"
+#include "engine/muting/MuteController.h"
 
 #include <gtest/gtest.h>
 
@@ -6,11 +6,11 @@
 #include <sstream>
 #include <thread>
 
-#include "LevelMeter.h"
-#include "ServerTest.h"
-#include "TestPlayerProcess.h"
-#include "TestSupport.h"
-#include "platform/hal/pulse/PulseBackend.h"
+#include "audio/pulse/PulseBackend.h"
+#include "harness/LevelMeter.h"
+#include "harness/ServerTest.h"
+#include "harness/TestPlayerProcess.h"
+#include "harness/TestSupport.h"
 #include "support/ManualQueue.h"
 
 namespace quellix {

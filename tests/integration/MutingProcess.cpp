@@ -14,12 +14,12 @@
 #include <iostream>
 #include <sstream>
 
-#include "coreaudio/AudioProcessMonitor.h"
-#include "muting/MuteController.h"
-#include "platform/hal/pulse/PulseBackend.h"
-#include "platform/hal/pulse/TapGuard.h"
-#include "platform/qt/QtMainQueue.h"
-#include "platform/qt/TerminationSignals.h"
+#include "audio/pulse/PulseBackend.h"
+#include "audio/pulse/TapGuard.h"
+#include "desktop/runtime/QtMainQueue.h"
+#include "desktop/runtime/TerminationSignals.h"
+#include "engine/monitor/AudioProcessMonitor.h"
+#include "engine/muting/MuteController.h"
 #include "support/DefaultsStore.h"
 #include "support/WallClock.h"
 

@@ -1,12 +1,12 @@
-#include "platform/hal/pulse/PulseBackend.h"
+#include "audio/pulse/PulseBackend.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
-#include "ServerTest.h"
-#include "TestPlayerProcess.h"
-#include "coreaudio/CoreAudioSupport.h"
+#include "audio/CoreAudioSupport.h"
+#include "harness/ServerTest.h"
+#include "harness/TestPlayerProcess.h"
 #include "support/Logger.h"
 #include "support/ManualQueue.h"
 

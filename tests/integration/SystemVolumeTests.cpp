@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
-#include "ChildProcess.h"
-#include "ServerTest.h"
-#include "platform/hal/pulse/PulseBackend.h"
-#include "services/SystemVolumeController.h"
+#include "audio/pulse/PulseBackend.h"
+#include "engine/volume/SystemVolumeController.h"
+#include "harness/ChildProcess.h"
+#include "harness/ServerTest.h"
 #include "support/Logger.h"
 #include "support/ManualQueue.h"
 

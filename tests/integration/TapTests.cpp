@@ -4,13 +4,13 @@
 #include <algorithm>
 #include <numeric>
 
-#include "ChildProcess.h"
-#include "LevelMeter.h"
-#include "ServerTest.h"
-#include "TestPlayerProcess.h"
-#include "coreaudio/CoreAudioSupport.h"
-#include "muting/ProcessMuteTap.h"
-#include "platform/hal/pulse/PulseBackend.h"
+#include "audio/CoreAudioSupport.h"
+#include "audio/pulse/PulseBackend.h"
+#include "engine/muting/ProcessMuteTap.h"
+#include "harness/ChildProcess.h"
+#include "harness/LevelMeter.h"
+#include "harness/ServerTest.h"
+#include "harness/TestPlayerProcess.h"
 #include "support/Logger.h"
 #include "support/ManualQueue.h"
 

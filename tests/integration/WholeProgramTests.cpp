@@ -6,8 +6,8 @@
 #include <string>
 #include <thread>
 
-#include "DesktopSession.h"
-#include "LevelMeter.h"
+#include "harness/DesktopSession.h"
+#include "harness/LevelMeter.h"
 
 namespace quellix {
 namespace {

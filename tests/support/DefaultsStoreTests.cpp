@@ -8,7 +8,7 @@
 #include <random>
 #include <set>
 
-#include "TestSupport.h"
+#include "harness/TestSupport.h"
 
 namespace quellix {
 namespace {

@@ -4,7 +4,7 @@
 #include <QTest>
 #include <QTranslator>
 
-#include "platform/qt/Translations.h"
+#include "desktop/runtime/Translations.h"
 #include "ui/AboutView.h"
 #include "ui/AppRowView.h"
 #include "ui/MenuBarView.h"

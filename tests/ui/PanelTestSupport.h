@@ -4,9 +4,9 @@
 #include <memory>
 #include <vector>
 
-#include "app/AppStateFixture.h"
-#include "platform/linux/Accessibility.h"
-#include "platform/linux/EventPoster.h"
+#include "desktop/mpris/Accessibility.h"
+#include "desktop/mpris/EventPoster.h"
+#include "harness/AppStateFixture.h"
 
 namespace quellix::ui::testing {
 

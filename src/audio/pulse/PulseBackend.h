@@ -1,0 +1,215 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "audio/AudioBackend.h"
+#include "audio/ListenerRegistry.h"
+#include "audio/PropertyValue.h"
+#include "audio/pulse/PulseIOPath.h"
+#include "audio/pulse/PulseModel.h"
+#include "support/Logger.h"
+
+#include <pulse/def.h>
+
+struct pa_context;
+struct pa_operation;
+struct pa_threaded_mainloop;
+struct pa_time_event;
+struct pa_mainloop_api;
+struct pa_sink_info;
+struct pa_sink_input_info;
+struct pa_source_output_info;
+struct pa_client_info;
+struct pa_server_info;
+struct timeval;
+
+namespace quellix {
+
+// The audio hardware layer on a sound server that speaks the PulseAudio protocol (PulseAudio,
+// or PipeWire through pipewire-pulse). One context on a threaded main loop keeps a model of
+// the server current from its events; reads are answered from that model without a round
+// trip, and writes wait for the server with a time-out. A lost server is reconnected to by
+// itself.
+class PulseBackend final : public AudioBackend {
+ public:
+  struct Options {
+    std::string server;  // empty: the usual one ($PULSE_SERVER, then the runtime dir)
+    std::chrono::milliseconds startupWait{3000};
+    std::chrono::milliseconds operationTimeout{2000};
+    std::chrono::milliseconds retryInterval{1000};
+  };
+
+  // Starts connecting and waits up to `startupWait` for the first complete view of the server.
+  static std::shared_ptr<PulseBackend> create(Options options);
+  ~PulseBackend() override;
+
+  bool isConnected() const;
+  std::shared_ptr<const pulse::AudioSnapshot> snapshot() const;
+
+  // How many stream moves had to be repeated because the server did not carry them out.
+  std::uint64_t repeatedMoves() const { return repeatedMoves_.load(); }
+  // The IO statistics of a started aggregate device, if it has an IO path.
+  std::optional<PulseIOPath::Statistics> ioStatistics(AudioObjectID aggregate) const;
+
+  OSStatus getPropertyDataSize(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                               UInt32 qualifierSize, const void* qualifier,
+                               UInt32& outSize) override;
+  OSStatus getPropertyData(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                           UInt32 qualifierSize, const void* qualifier, UInt32& ioSize,
+                           void* outData) override;
+  OSStatus setPropertyData(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                           UInt32 qualifierSize, const void* qualifier, UInt32 size,
+                           const void* data) override;
+  bool hasProperty(AudioObjectID object, const AudioObjectPropertyAddress& address) override;
+  OSStatus addPropertyListener(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                               MainQueue* queue,
+                               AudioObjectPropertyListenerBlock listener) override;
+  OSStatus removePropertyListener(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                                  MainQueue* queue,
+                                  const AudioObjectPropertyListenerBlock& listener) override;
+  OSStatus createProcessTap(const CATapDescription& description, AudioObjectID& outTap) override;
+  OSStatus destroyProcessTap(AudioObjectID tap) override;
+  OSStatus createAggregateDevice(const CFDictionary& description,
+                                 AudioObjectID& outDevice) override;
+  OSStatus destroyAggregateDevice(AudioObjectID device) override;
+  OSStatus createIOProcID(AudioObjectID device, MainQueue* queue, AudioDeviceIOBlock block,
+                          AudioDeviceIOProcID& outProc) override;
+  OSStatus startDevice(AudioObjectID device, AudioDeviceIOProcID proc) override;
+  OSStatus stopDevice(AudioObjectID device, AudioDeviceIOProcID proc) override;
+  OSStatus destroyIOProcID(AudioObjectID device, AudioDeviceIOProcID proc) override;
+
+ private:
+  struct Completion;
+  using StartOperation =
+      std::function<pa_operation*(pa_context*, void (*)(pa_context*, int, void*), void*)>;
+  using StartIndexOperation =
+      std::function<pa_operation*(pa_context*, void (*)(pa_context*, std::uint32_t, void*), void*)>;
+
+  struct Tap {
+    AudioObjectID id = kAudioObjectUnknown;
+    std::string uuid;
+    std::set<SInt32> pids;
+    std::uint32_t module = pulse::kInvalidIndex;
+    std::string sinkName;
+    std::uint32_t sampleRate = 0;
+    // Where each moved stream played before, to return it there.
+    std::map<std::uint32_t, std::uint32_t> originalSinks;
+  };
+  struct IOProc {
+    AudioDeviceIOBlock block;
+    std::unique_ptr<PulseIOPath> path;
+  };
+  struct Aggregate {
+    AudioObjectID id = kAudioObjectUnknown;
+    std::string uid;
+    std::string mainSinkName;
+    AudioObjectID tap = kAudioObjectUnknown;
+    std::map<AudioDeviceIOProcID, IOProc> procs;
+  };
+  struct Move {
+    bool inFlight = false;
+    int attempts = 0;
+    int failures = 0;
+  };
+
+  explicit PulseBackend(Options options);
+  void startMainloop();
+  bool waitForFirstSync();
+
+  // On the main-loop thread, with its lock held.
+  void connect();
+  void dropContext();
+  void armRetry(std::chrono::milliseconds delay);
+  void onContextState(pa_context* context);
+  void onSubscription(pa_context* context, unsigned eventType, std::uint32_t index);
+  void requestEverything();
+  // Asks for one object's record; the reply updates the model.
+  void requestInfo(pa_context* context, pulse::PulseModel::Kind kind, std::uint32_t index);
+  void listReplyFinished();
+  void publish();
+  void failPendingOperations();
+  void keepStreamsOnTaps();
+  void removeLeftovers();
+  void onMoveDone(std::uint32_t sinkInput, bool success);
+
+  bool waitForSnapshot(const std::function<bool(const pulse::AudioSnapshot&)>& condition,
+                       std::chrono::milliseconds timeout);
+  OSStatus runIndexOperation(const StartIndexOperation& start, std::uint32_t& index);
+  OSStatus runAnyOperation(const std::function<pa_operation*(pa_context*, void*)>& start,
+                           std::uint32_t& index);
+  OSStatus returnStreams(const Tap& tap);
+
+  // The latest snapshot for a reader, without a lock while it has not changed.
+  const pulse::AudioSnapshot& currentSnapshot() const;
+  std::optional<PropertyValue> propertyValue(AudioObjectID object,
+                                             const AudioObjectPropertyAddress& address,
+                                             OSStatus& status) const;
+
+  // From the main thread: issue an operation and wait for its reply or the time-out.
+  OSStatus runOperation(const StartOperation& start);
+
+  static void contextStateCallback(pa_context* context, void* userdata);
+  static void subscriptionCallback(pa_context* context, pa_subscription_event_type_t eventType,
+                                   std::uint32_t index, void* userdata);
+  static void retryCallback(pa_mainloop_api* api, pa_time_event* event, const struct timeval* tv,
+                            void* userdata);
+  template <typename Info, auto Copy, auto Apply>
+  static void infoCallback(pa_context* context, const Info* info, int eol, void* userdata);
+  template <typename Info, auto Copy, auto Apply>
+  static void listCallback(pa_context* context, const Info* info, int eol, void* userdata);
+  static void serverInfoCallback(pa_context* context, const pa_server_info* info, void* userdata);
+  static void operationCallback(pa_context* context, int success, void* userdata);
+  static void indexOperationCallback(pa_context* context, std::uint32_t index, void* userdata);
+  static void moveCallback(pa_context* context, int success, void* userdata);
+
+  Options options_;
+  pa_threaded_mainloop* mainloop_ = nullptr;
+
+  // Main-loop thread state, guarded by the main loop's lock.
+  pa_context* context_ = nullptr;
+  pa_time_event* retryEvent_ = nullptr;
+  pulse::PulseModel model_;
+  int pendingListReplies_ = 0;
+  bool ready_ = false;
+  bool wasConnected_ = false;
+  std::vector<std::weak_ptr<Completion>> pendingOperations_;
+
+  std::map<std::uint32_t, Move> moves_;
+  bool leftoversSwept_ = false;
+
+  // Taps and aggregate devices: created on the main thread, read by the main-loop thread to
+  // keep streams on their taps. Taken after the main loop's lock, never before it.
+  mutable std::mutex objectsMutex_;
+  std::map<AudioObjectID, Tap> taps_;
+  std::map<AudioObjectID, Aggregate> aggregates_;
+  // Taps and aggregate devices that went with a lost connection: their owners' calls to stop
+  // and destroy them succeed, since what they ask for has happened.
+  std::set<AudioObjectID> lostWithServer_;
+  std::uintptr_t lastIOProcID_ = 0;
+  std::atomic<std::uint64_t> repeatedMoves_{0};
+
+  mutable std::mutex snapshotMutex_;
+  std::condition_variable snapshotChanged_;
+  std::shared_ptr<const pulse::AudioSnapshot> snapshot_;
+  std::atomic<std::uint64_t> snapshotVersion_{0};
+  const std::uint64_t serial_;
+
+  std::mutex syncMutex_;
+  std::condition_variable syncCondition_;
+  bool firstSyncDone_ = false;
+
+  ListenerRegistry listeners_;
+  Logger logger_{"AudioBackend"};
+};
+
+}  // namespace quellix

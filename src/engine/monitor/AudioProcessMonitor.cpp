@@ -1,0 +1,290 @@
+#include "engine/monitor/AudioProcessMonitor.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <set>
+
+#include "audio/CoreAudioSupport.h"
+#include "desktop/apps/LocalizedCompare.h"
+#include "desktop/apps/ProcessResponsibility.h"
+
+namespace quellix {
+namespace {
+
+constexpr const char* kFallbackSymbol = "waveform";
+constexpr const char* kUnnamedProcessPrefix = "Prozess ";
+
+std::string lowerCased(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return text;
+}
+
+}  // namespace
+
+const std::array<const char*, 7> AudioProcessMonitor::hiddenProcessNames = {
+    "coreaudiod",         "audiomxd",   "systemsoundserverd", "systemsound",
+    "speechrecognitiond", "dictationd", "corespeech"};
+
+const std::array<const char*, 15> AudioProcessMonitor::hiddenBundlePrefixes = {
+    "com.apple.siri",
+    "com.apple.Siri",
+    "com.apple.assistant",
+    "com.apple.audio",
+    "com.apple.coreaudio",
+    "com.apple.mediaremote",
+    "com.apple.speech",
+    "com.apple.corespeech",
+    "com.apple.dictation",
+    "com.apple.notificationcenter",
+    "com.apple.NotificationCenter",
+    "com.apple.UserNotifications",
+    "com.apple.hearingd",
+    "com.apple.accessibility",
+    "com.apple.VoiceControl"};
+
+std::string AudioApp::key() const {
+  return bundleID ? *bundleID : "pid:" + std::to_string(id);
+}
+
+const RunningApplication* RunningApplications::find(pid_t pid) {
+  if (workspace_ == nullptr) {
+    const auto found = fixed_.find(pid);
+    return found == fixed_.end() ? nullptr : &found->second;
+  }
+  auto [entry, inserted] = looked_.try_emplace(pid);
+  if (inserted) {
+    entry->second = workspace_->application(pid);
+  }
+  return entry->second ? &*entry->second : nullptr;
+}
+
+std::shared_ptr<AudioProcessMonitor> AudioProcessMonitor::create(
+    MainQueue& queue, std::shared_ptr<Workspace> workspace) {
+  return std::shared_ptr<AudioProcessMonitor>(new AudioProcessMonitor(queue, std::move(workspace)));
+}
+
+AudioProcessMonitor::AudioProcessMonitor(MainQueue& queue, std::shared_ptr<Workspace> workspace)
+    : queue_(queue), workspace_(std::move(workspace)) {}
+
+AudioObjectPropertyListenerBlock AudioProcessMonitor::makeRefreshListener() {
+  return makeListenerBlock(
+      [weakSelf = weak_from_this(), &queue = queue_](UInt32, const AudioObjectPropertyAddress*) {
+        queue.post([weakSelf] {
+          if (auto self = weakSelf.lock()) {
+            self->refresh();
+          }
+        });
+      });
+}
+
+void AudioProcessMonitor::start() {
+  if (listListener_) {
+    return;
+  }
+  auto listener = makeRefreshListener();
+  const OSStatus status = AudioObjectAddPropertyListenerBlock(kAudioObjectSystemObject,
+                                                              &listAddress_, &queue_, listener);
+  if (status != kAudioHardwareNoError) {
+    logger_.error("Process-list listener failed: " + std::to_string(status));
+  } else {
+    listListener_ = std::move(listener);
+  }
+  refresh();
+  periodicRefresh_ = queue_.everyWeak(kRefreshInterval, shared_from_this(),
+                                      [](AudioProcessMonitor& monitor) { monitor.refresh(); });
+}
+
+void AudioProcessMonitor::refresh() {
+  std::vector<AudioObjectID> processList;
+  try {
+    processList = readProcessList();
+  } catch (const TextError& error) {
+    logger_.error("readProcessList failed: " + error.description());
+    return;
+  }
+  workspace_->refresh();
+  RunningApplications runningByPID(*workspace_);
+  const pid_t ownPID = ::getpid();
+
+  std::map<pid_t, AudioApp> byOwner;
+  for (const AudioObjectID object : processList) {
+    SInt32 pid = 0;
+    try {
+      pid = read<SInt32>(object, globalAddress(kAudioProcessPropertyPID), 0);
+      if (pid < 0 || pid == ownPID) {
+        continue;
+      }
+      if (read<UInt32>(object, globalAddress(kAudioProcessPropertyIsRunning), 0) != 1) {
+        continue;
+      }
+    } catch (const TextError&) {
+      continue;
+    }
+    const auto owner = resolveOwningApp(pid, runningByPID);
+    const pid_t ownerPID = owner ? owner->pid : pid;
+    const auto ownBundleID = readProcessBundleID(object);
+    const auto bundleID = owner && owner->bundleIdentifier ? owner->bundleIdentifier : ownBundleID;
+
+    std::string name;
+    if (owner && owner->localizedName) {
+      name = *owner->localizedName;
+    } else if (ownBundleID) {
+      name = ownBundleID->substr(ownBundleID->rfind('.') + 1);
+    } else if (auto executable = processName(pid)) {
+      name = std::move(*executable);
+    } else {
+      name = kUnnamedProcessPrefix + std::to_string(pid);
+    }
+    if (isHidden(bundleID, name)) {
+      continue;
+    }
+    bool playing = false;
+    try {
+      playing =
+          read<std::int64_t>(object, globalAddress(kAudioProcessPropertyIsRunningOutput), 0) == 1;
+    } catch (const TextError&) {
+    }
+
+    if (auto found = byOwner.find(ownerPID); found != byOwner.end()) {
+      auto& ids = found->second.processObjectIDs;
+      ids.push_back(object);
+      std::sort(ids.begin(), ids.end());
+      found->second.isPlaying = found->second.isPlaying || playing;
+    } else {
+      AudioApp app;
+      app.id = ownerPID;
+      app.name = std::move(name);
+      app.bundleID = bundleID;
+      app.processObjectIDs = {object};
+      app.isPlaying = playing;
+      app.icon =
+          owner && !owner->icon.empty() ? AppIcon{owner->icon, {}} : AppIcon{{}, kFallbackSymbol};
+      byOwner.emplace(ownerPID, std::move(app));
+    }
+  }
+  syncListeners(processList);
+
+  std::vector<AudioApp> apps;
+  for (auto& entry : byOwner) {
+    apps.push_back(std::move(entry.second));
+  }
+  std::stable_sort(apps.begin(), apps.end(), [](const AudioApp& a, const AudioApp& b) {
+    return localizedCaseInsensitiveCompare(a.name, b.name) < 0;
+  });
+
+  // Only a change of applications or of their process objects reaches the controller.
+  auto objectsByKey = [](const std::vector<AudioApp>& list) {
+    std::map<std::string, std::vector<AudioObjectID>> map;
+    for (const auto& app : list) {
+      map[app.key()] = app.processObjectIDs;  // two instances of one app: the last one stands
+    }
+    return map;
+  };
+  const auto before = objectsByKey(apps_.get());
+  const auto after = objectsByKey(apps);
+  apps_.set(apps);
+  if (before == after) {
+    return;
+  }
+  if (onChange_) {
+    onChange_(apps);
+  }
+}
+
+void AudioProcessMonitor::syncListeners(const std::vector<AudioObjectID>& processObjectIDs) {
+  const std::set<AudioObjectID> wanted(processObjectIDs.begin(), processObjectIDs.end());
+  for (auto it = processListeners_.begin(); it != processListeners_.end();) {
+    if (wanted.count(it->first) > 0) {
+      ++it;
+      continue;
+    }
+    for (const auto& [address, listener] : it->second) {
+      AudioObjectRemovePropertyListenerBlock(it->first, &address, &queue_, listener);
+    }
+    it = processListeners_.erase(it);
+  }
+  for (const AudioObjectID object : wanted) {
+    if (processListeners_.count(object) == 0) {
+      addListeners(object);
+    }
+  }
+}
+
+void AudioProcessMonitor::addListeners(AudioObjectID object) {
+  std::vector<std::pair<AudioObjectPropertyAddress, AudioObjectPropertyListenerBlock>> kept;
+  for (const auto selector :
+       {kAudioProcessPropertyIsRunning, kAudioProcessPropertyIsRunningOutput}) {
+    const auto address = globalAddress(selector);
+    auto listener = makeRefreshListener();
+    if (AudioObjectAddPropertyListenerBlock(object, &address, &queue_, listener) ==
+        kAudioHardwareNoError) {
+      kept.emplace_back(address, std::move(listener));
+    }
+  }
+  if (!kept.empty()) {
+    processListeners_.emplace(object, std::move(kept));
+  }
+}
+
+std::optional<RunningApplication> AudioProcessMonitor::resolveOwningApp(
+    pid_t pid, RunningApplications& runningByPID) {
+  auto proper = [&](pid_t candidate) -> const RunningApplication* {
+    const auto* application = runningByPID.find(candidate);
+    return application != nullptr && application->isProperApplication() ? application : nullptr;
+  };
+  if (const auto* direct = proper(pid)) {
+    return *direct;
+  }
+  if (const auto responsible = lookupResponsibilityFunction()) {
+    const pid_t owner = responsible(pid);
+    if (owner >= 1 && owner != pid) {
+      if (const auto* application = proper(owner)) {
+        return *application;
+      }
+    }
+  }
+  if (pid < 2) {
+    return std::nullopt;
+  }
+  std::set<pid_t> visited;
+  for (pid_t current = pid;;) {
+    if (!visited.insert(current).second) {
+      return std::nullopt;
+    }
+    if (const auto* application = proper(current)) {
+      return *application;
+    }
+    const auto parent = workspace_->parentPID(current);
+    if (!parent || *parent == current || *parent < 2) {
+      return std::nullopt;
+    }
+    current = *parent;
+  }
+}
+
+std::optional<std::string> AudioProcessMonitor::processName(pid_t pid) {
+  return workspace_->processName(pid);
+}
+
+bool AudioProcessMonitor::isHidden(const std::optional<std::string>& bundleID,
+                                   const std::string& name) {
+  if (bundleID) {
+    for (const char* prefix : hiddenBundlePrefixes) {
+      if (bundleID->rfind(prefix, 0) == 0) {
+        return true;
+      }
+    }
+  }
+  const std::string lowered = lowerCased(name);
+  for (const char* prefix : hiddenProcessNames) {
+    if (lowered.rfind(prefix, 0) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace quellix

@@ -1,9 +1,0 @@
-#include "platform/hal/AudioHardware.h"
-
-CATapDescription CATapDescription::stereoMixdownOfProcesses(std::vector<AudioObjectID> processes) {
-  CATapDescription description;
-  description.processes_ = std::move(processes);
-  description.mixdown_ = true;
-  description.mono_ = false;
-  return description;
-}

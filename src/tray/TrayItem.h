@@ -1,0 +1,117 @@
+#pragma once
+
+#include <QDBusConnection>
+#include <QIcon>
+#include <QList>
+#include <QObject>
+#include <QPoint>
+#include <QString>
+#include <QTimer>
+#include <functional>
+#include <memory>
+
+#include "tray/DBusMenuAdaptor.h"
+#include "tray/TrayMenuEntry.h"
+
+class QDBusPendingCallWatcher;
+class QDBusServiceWatcher;
+class QMenu;
+class QSystemTrayIcon;
+
+namespace quellix {
+
+class StatusNotifierItemAdaptor;
+
+// The program's icon in the desktop's tray, with a menu. Speaks the StatusNotifierItem
+// protocol itself, so that it shows whenever a tray host exists, also one that starts later
+// or restarts, and learns where the user clicked. Where no host speaks that protocol but an
+// X11 tray exists, it uses Qt's own tray icon instead. Main thread only; needs a
+// QGuiApplication (a QApplication for the X11 tray).
+class TrayItem final : public QObject {
+  Q_OBJECT
+
+ public:
+  explicit TrayItem(QObject* parent = nullptr);
+  ~TrayItem() override;
+  TrayItem(const TrayItem&) = delete;
+  TrayItem& operator=(const TrayItem&) = delete;
+
+  // Shows the named symbol ("speaker.wave.2.fill", "speaker.slash.fill"). Hosts draw the
+  // icon theme's picture of the same meaning where the theme has one, else `picture`.
+  void setSymbol(const QString& symbolName, const QIcon& picture);
+  // As above, with the picture read from "<symbolDirectory>/<symbolName>.svg".
+  void setSymbol(const QString& symbolName);
+  void setSymbolDirectory(const QString& directory) { symbolDirectory_ = directory; }
+  QString symbol() const { return symbolName_; }
+
+  void setToolTip(const QString& title, const QString& text);
+  void setMenuEntries(const QList<TrayMenuEntry>& entries);
+
+  // Whether some tray shows the item now. When false, the program must offer its panel in
+  // another way.
+  bool isHostAvailable() const { return hostAvailable_; }
+
+  // The name the item holds on the session bus, empty without one.
+  QString serviceName() const { return serviceName_; }
+
+  // The icon theme's name for a symbol, empty when the theme has no equivalent.
+  static QString themeIconName(const QString& symbolName);
+
+ signals:
+  // The user clicked the icon; `where` is the click in global coordinates, or the null point
+  // when the host did not say.
+  void activated(QPoint where);
+  void scrolled(int delta, Qt::Orientation orientation);
+  void menuEntryTriggered(const QString& entryID);
+  void hostAvailabilityChanged(bool available);
+
+ private slots:
+  void watcherOwnerChanged(const QString& service, const QString& oldOwner,
+                           const QString& newOwner);
+  void hostRegistered();
+  void hostUnregistered();
+
+ private:
+  void exportOnBus();
+  void watcherAppeared();
+  void watcherVanished();
+  void registerWithWatcher();
+  void queryHostRegistered();
+  // Runs `done` with the reply unless the watcher went away or was replaced meanwhile.
+  void whenAnswered(QDBusPendingCallWatcher* call,
+                    std::function<void(QDBusPendingCallWatcher*)> done);
+  void updateAvailability();
+  void updateXEmbedTray();
+  void rebuildXEmbedMenu();
+  QIcon currentIcon() const;
+  QString xembedToolTip() const;
+
+  QDBusConnection bus_;
+  QString serviceName_;
+  QString symbolDirectory_ = QStringLiteral(":/symbols");
+  QString symbolName_;
+  QIcon picture_;
+  QString toolTipTitle_;
+  QString toolTipText_;
+  QList<TrayMenuEntry> menuEntries_;
+
+  QObject itemObject_;
+  DBusMenuObject menuObject_;
+  StatusNotifierItemAdaptor* itemAdaptor_ = nullptr;  // owned by itemObject_
+  DBusMenuAdaptor* menuAdaptor_ = nullptr;            // owned by menuObject_
+  QDBusServiceWatcher* watcherWatcher_ = nullptr;     // child of this
+
+  // Counts watcher appearances; replies from an earlier watcher are ignored.
+  quint64 watcherGeneration_ = 0;
+  bool watcherPresent_ = false;
+  bool registered_ = false;
+  bool hostRegistered_ = false;
+  bool hostStateKnown_ = false;
+  bool hostAvailable_ = false;
+
+  std::unique_ptr<QMenu> xembedMenu_;  // outlives the icon that shows it
+  std::unique_ptr<QSystemTrayIcon> xembedIcon_;
+  QTimer xembedPoll_;
+};
+
+}  // namespace quellix

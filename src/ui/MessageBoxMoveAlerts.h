@@ -1,0 +1,31 @@
+#pragma once
+
+#include <QtGlobal>
+
+#include "state/MoveAlerts.h"
+
+namespace quellix {
+
+// The move's alerts as modal message boxes with the application's icon.
+class MessageBoxMoveAlerts final : public MoveAlerts {
+ public:
+  static constexpr const char* kContext = "SelfMover";
+  static constexpr const char* kOfferMessage =
+      QT_TRANSLATE_NOOP("SelfMover", "Quellix in den Programme-Ordner verschieben?");
+  static constexpr const char* kOfferInformation = QT_TRANSLATE_NOOP(
+      "SelfMover",
+      "Quellix läuft gerade vom Installations-Image. Empfohlen: einmal in den Programme-Ordner "
+      "verschieben, dann startet es künftig direkt von dort.");
+  static constexpr const char* kMoveButton =
+      QT_TRANSLATE_NOOP("SelfMover", "Verschieben und starten");
+  static constexpr const char* kLaterButton = QT_TRANSLATE_NOOP("SelfMover", "Später");
+  static constexpr const char* kFailureMessage =
+      QT_TRANSLATE_NOOP("SelfMover", "Verschieben fehlgeschlagen");
+  static constexpr const char* kFailureInformation =
+      QT_TRANSLATE_NOOP("SelfMover", "Bitte zieh Quellix manuell in den Programme-Ordner.");
+
+  bool offer() override;
+  void showFailure() override;
+};
+
+}  // namespace quellix

@@ -1,0 +1,75 @@
+#include "desktop/runtime/SingleInstance.h"
+
+#include <gtest/gtest.h>
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <memory>
+
+namespace quellix {
+namespace {
+
+const QString kService = QString::fromLatin1(SingleInstance::kServiceName);
+
+// Another client of the same bus, as a second start of the program would be.
+class Rival {
+ public:
+  Rival() : bus_(QDBusConnection::connectToBus(QDBusConnection::SessionBus, kName)) {}
+  ~Rival() {
+    bus_.interface()->unregisterService(kService);
+    QDBusConnection::disconnectFromBus(kName);
+  }
+  Rival(const Rival&) = delete;
+  Rival& operator=(const Rival&) = delete;
+
+  bool takeName() {
+    const auto reply =
+        bus_.interface()->registerService(kService, QDBusConnectionInterface::DontQueueService,
+                                          QDBusConnectionInterface::DontAllowReplacement);
+    return reply.isValid() && reply.value() == QDBusConnectionInterface::ServiceRegistered;
+  }
+  bool ownsName() const {
+    return bus_.interface()->serviceOwner(kService).value() == bus_.baseService();
+  }
+
+ private:
+  static inline const QString kName = QStringLiteral("rival");
+  QDBusConnection bus_;
+};
+
+TEST(SingleInstanceTest, TheClaimHoldsTheNameUntilReleased) {
+  auto instance = std::make_unique<SingleInstance>();
+  ASSERT_EQ(instance->claim(), SingleInstance::Outcome::primary)
+      << instance->failure().toStdString();
+  Rival rival;
+  EXPECT_FALSE(rival.takeName());
+
+  instance->release();
+  EXPECT_TRUE(rival.takeName());
+  // Released once is released: the end of the process must not take the name from the
+  // instance that owns it by then.
+  instance.reset();
+  EXPECT_TRUE(rival.ownsName());
+}
+
+TEST(SingleInstanceTest, AStartAfterTheReleaseIsTheOneInstance) {
+  SingleInstance leaving;
+  ASSERT_EQ(leaving.claim(), SingleInstance::Outcome::primary);
+  leaving.release();
+
+  auto arriving = std::make_unique<SingleInstance>();
+  EXPECT_EQ(arriving->claim(), SingleInstance::Outcome::primary)
+      << arriving->failure().toStdString();
+  leaving.release();
+  {
+    Rival rival;
+    EXPECT_FALSE(rival.takeName()) << "a second release must leave the new owner alone";
+  }
+
+  arriving.reset();
+  Rival rival;
+  EXPECT_TRUE(rival.takeName()) << "the owner's end frees the name";
+}
+
+}  // namespace
+}  // namespace quellix

@@ -1,0 +1,257 @@
+#include "engine/monitor/AudioProcessMonitor.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <map>
+
+#include "audio/CoreAudioSupport.h"
+#include "harness/FakeSystem.h"
+#include "harness/TestSupport.h"
+
+// The responsibility function the monitor finds among the program's symbols. Linux has none;
+// this test program defines one so the rule can be exercised.
+namespace {
+std::map<pid_t, pid_t> responsiblePIDs;
+}
+extern "C" pid_t responsibility_get_pid_responsible_for_pid(pid_t pid) {
+  const auto found = responsiblePIDs.find(pid);
+  return found == responsiblePIDs.end() ? 0 : found->second;
+}
+
+namespace quellix {
+namespace {
+
+using Call = SimAudioBackend::Call;
+using testing::FakeSystem;
+
+class AudioProcessMonitorTest : public testing::SimTest {
+ protected:
+  void SetUp() override {
+    SimTest::SetUp();
+    responsiblePIDs.clear();
+  }
+
+  std::shared_ptr<AudioProcessMonitor> makeMonitor() {
+    auto monitor = AudioProcessMonitor::create(queue, std::make_shared<Workspace>(system.roots()));
+    monitor->setOnChange([this](const std::vector<AudioApp>& apps) { changes.push_back(apps); });
+    return monitor;
+  }
+
+  std::vector<std::string> names(const std::vector<AudioApp>& apps) {
+    std::vector<std::string> result;
+    for (const auto& app : apps) {
+      result.push_back(app.name);
+    }
+    return result;
+  }
+
+  FakeSystem system;
+  std::vector<std::vector<AudioApp>> changes;
+};
+
+TEST_F(AudioProcessMonitorTest, GroupsHelperProcessesUnderTheOwningApplication) {
+  system.addApplication("org.example.Browser", "Browser", "browser");
+  system.addProcess({.pid = 100, .executable = "browser"});
+  system.addProcess({.pid = 101, .parent = 100, .executable = "renderer"});
+  system.addProcess({.pid = 102, .parent = 101, .executable = "audio-helper"});
+  system.addProcess({.pid = 300, .parent = 1, .executable = "xpc-service"});
+  responsiblePIDs[300] = 100;  // started by the system, but on the browser's behalf
+  const AudioObjectID helper = sim->addProcess({.pid = 102, .runningOutput = false});
+  const AudioObjectID service = sim->addProcess({.pid = 300, .runningOutput = true});
+  const AudioObjectID idle =
+      sim->addProcess({.pid = 101, .running = false, .runningOutput = false});
+
+  auto monitor = makeMonitor();
+  monitor->refresh();
+  const auto& apps = monitor->apps().get();
+  ASSERT_EQ(apps.size(), 1u);
+  EXPECT_EQ(apps[0].id, 100);
+  EXPECT_EQ(apps[0].name, "Browser");
+  EXPECT_EQ(apps[0].bundleID, "org.example.Browser");
+  EXPECT_EQ(apps[0].key(), "org.example.Browser");
+  EXPECT_EQ(apps[0].icon.themeName, "org.example.Browser");
+  EXPECT_EQ(apps[0].processObjectIDs, (std::vector<AudioObjectID>{helper, service}));
+  EXPECT_TRUE(apps[0].isPlaying) << "either process playing is enough";
+  (void)idle;
+}
+
+TEST_F(AudioProcessMonitorTest, ResolvesOwnersByTheRulesInOrder) {
+  system.addApplication("terminal", "Terminal", "terminal");
+  system.addApplication("other", "Other", "other");
+  system.addProcess({.pid = 200, .executable = "terminal"});
+  system.addProcess({.pid = 201, .parent = 200, .executable = "bash"});
+  system.addProcess({.pid = 202, .parent = 201, .executable = "mpv"});
+  system.addProcess({.pid = 210, .executable = "other"});
+  system.addProcess({.pid = 220, .parent = 1, .executable = "daemon"});
+  auto monitor = makeMonitor();
+  Workspace workspace(system.roots());
+  RunningApplications running(workspace);
+  auto owner = [&](pid_t pid) {
+    const auto app = monitor->resolveOwningApp(pid, running);
+    return app ? app->pid : -1;
+  };
+  EXPECT_EQ(owner(200), 200) << "a proper application owns itself";
+  EXPECT_EQ(owner(202), 200) << "nearest ancestor";
+  responsiblePIDs[202] = 210;
+  EXPECT_EQ(owner(202), 210) << "the responsible process wins over the parent chain";
+  responsiblePIDs[202] = 202;
+  EXPECT_EQ(owner(202), 200) << "its own PID falls through to the walk";
+  responsiblePIDs[202] = 0;
+  EXPECT_EQ(owner(202), 200);
+  EXPECT_EQ(owner(220), -1) << "started by the system launcher";
+  EXPECT_EQ(owner(0), -1);
+  EXPECT_EQ(owner(1), -1);
+  EXPECT_EQ(owner(99999), -1);
+
+  // Entries that are no proper applications are never owners; PIDs 0 and 1 can be.
+  RunningApplications fixed({{1, RunningApplication{.pid = 1, .bundleURL = "/a/init.desktop"}},
+                             {5, RunningApplication{.pid = 5, .bundleURL = "/a/tool"}}});
+  EXPECT_EQ(monitor->resolveOwningApp(1, fixed)->pid, 1);
+  EXPECT_FALSE(monitor->resolveOwningApp(5, fixed));
+}
+
+TEST_F(AudioProcessMonitorTest, HiddenFilterMatchesItsCaseRules) {
+  struct Case {
+    std::optional<std::string> bundleID;
+    std::string name;
+    bool hidden;
+  };
+  const Case cases[] = {
+      {"com.apple.audio.Helper", "x", true},
+      {"com.apple.audiofoo", "x", true},
+      {"com.apple.Music", "Music", false},
+      {"COM.APPLE.SIRI", "x", false},
+      {"com.apple.Siri", "x", true},
+      {"com.apple.NotificationCenter", "x", true},
+      {std::nullopt, "CoreAudiod-Helper", true},
+      {std::nullopt, "coreaudiodX", true},
+      {"org.example", "SystemSoundServer", true},
+      {std::nullopt, "audio", false},
+      {std::nullopt, "xcoreaudiod", false},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(AudioProcessMonitor::isHidden(c.bundleID, c.name), c.hidden)
+        << c.bundleID.value_or("-") << " / " << c.name;
+  }
+}
+
+TEST_F(AudioProcessMonitorTest, NamesFallBackDownToTheProcessID) {
+  system.addApplication("named", "Named App", "named");
+  system.addProcess({.pid = 400, .executable = "named"});
+  system.addProcess({.pid = 401, .executable = "tool"});
+  system.addProcess({.pid = 402, .executable = "other-tool"});
+  sim->addProcess({.pid = 400});
+  sim->addProcess({.pid = 401, .bundleID = "org.example.Suffix"});
+  sim->addProcess({.pid = 402});
+  sim->addProcess({.pid = 403});  // no /proc entry at all
+  sim->addProcess({.pid = ::getpid()});
+  auto monitor = makeMonitor();
+  monitor->refresh();
+  const auto& apps = monitor->apps().get();
+  EXPECT_EQ(names(apps),
+            (std::vector<std::string>{"Named App", "other-tool", "Prozess 403", "Suffix"}));
+  EXPECT_EQ(apps[2].key(), "pid:403");
+  EXPECT_EQ(apps[2].icon.symbol, "waveform");
+  EXPECT_EQ(apps[3].bundleID, "org.example.Suffix");
+}
+
+TEST_F(AudioProcessMonitorTest, SortsByNameIgnoringCase) {
+  sim->addProcess({.pid = 501, .bundleID = "x.gamma"});
+  sim->addProcess({.pid = 502, .bundleID = "x.alpha"});
+  sim->addProcess({.pid = 503, .bundleID = "x.Beta"});
+  auto monitor = makeMonitor();
+  monitor->refresh();
+  EXPECT_EQ(names(monitor->apps().get()), (std::vector<std::string>{"alpha", "Beta", "gamma"}));
+}
+
+TEST_F(AudioProcessMonitorTest, OnlyChangesOfAppsOrTheirObjectsReachOnChange) {
+  const AudioObjectID player = sim->addProcess({.pid = 600, .bundleID = "x.player"});
+  sim->addProcess({.pid = 601, .bundleID = "x.recorder", .runningOutput = false});
+  auto monitor = makeMonitor();
+  int appsNotifications = 0;
+  auto subscription = monitor->apps().observe([&] { ++appsNotifications; });
+
+  monitor->refresh();
+  ASSERT_EQ(changes.size(), 1u);
+  EXPECT_FALSE(monitor->apps().get()[1].isPlaying) << "recording only";
+
+  monitor->refresh();  // nothing changed
+  EXPECT_EQ(changes.size(), 1u);
+  EXPECT_EQ(appsNotifications, 1);
+
+  sim->setProcessRunning(player, true, false);  // only isPlaying changes
+  monitor->refresh();
+  EXPECT_EQ(changes.size(), 1u);
+  EXPECT_EQ(appsNotifications, 2);
+  EXPECT_FALSE(monitor->apps().get()[0].isPlaying);
+
+  sim->addProcess({.pid = 600, .bundleID = "x.player"});  // a further object of a listed app
+  monitor->refresh();
+  EXPECT_EQ(changes.size(), 2u);
+  EXPECT_EQ(changes.back()[0].processObjectIDs.size(), 2u);
+}
+
+TEST_F(AudioProcessMonitorTest, AFailedListReadKeepsThePreviousList) {
+  sim->addProcess({.pid = 700, .bundleID = "x.app"});
+  auto monitor = makeMonitor();
+  monitor->refresh();
+  sim->failProperty(1, kAudioHardwarePropertyProcessObjectList, Call::getPropertyDataSize, -3);
+  monitor->refresh();
+  EXPECT_EQ(monitor->apps().get().size(), 1u);
+  EXPECT_EQ(logs->messages("AudioProcessMonitor"),
+            std::vector<std::string>{
+                "readProcessList failed: Error reading data size for prs#/glob/main: -3"});
+}
+
+TEST_F(AudioProcessMonitorTest, FollowsListenersAndTheTenSecondRefresh) {
+  auto monitor = makeMonitor();
+  monitor->start();
+  EXPECT_EQ(changes.size(), 0u);
+
+  const AudioObjectID player = sim->addProcess({.pid = 800, .bundleID = "x.player"});
+  queue.drain();  // the listener's hop, then the refresh
+  ASSERT_EQ(monitor->apps().get().size(), 1u);
+  const auto running = globalAddress(kAudioProcessPropertyIsRunning);
+  EXPECT_EQ(sim->listenerCount(player, running), 1u);
+
+  sim->setProcessRunning(player, false, false);
+  queue.drain();
+  EXPECT_TRUE(monitor->apps().get().empty());
+
+  // A change no listener reports shows up with the periodic refresh.
+  sim->failCall(Call::addPropertyListener, -1);
+  sim->removeProcess(player);
+  const AudioObjectID quiet = sim->addProcess({.pid = 801, .bundleID = "x.quiet"});
+  sim->clearFaults();
+  sim->failProperty(1, kAudioHardwarePropertyProcessObjectList, Call::getPropertyData, -1);
+  queue.drain();
+  sim->clearFaults();
+  EXPECT_TRUE(monitor->apps().get().empty());
+  queue.advance(AudioProcessMonitor::kRefreshInterval);
+  ASSERT_EQ(monitor->apps().get().size(), 1u);
+  EXPECT_EQ(sim->listenerCount(player, running), 0u) << "vanished objects lose their listeners";
+  EXPECT_EQ(sim->listenerCount(quiet, running), 1u);
+
+  std::weak_ptr<AudioProcessMonitor> weak = monitor;
+  monitor.reset();
+  sim->addProcess({.pid = 802});
+  queue.advance(AudioProcessMonitor::kRefreshInterval * 2);
+  EXPECT_TRUE(weak.expired());
+}
+
+TEST_F(AudioProcessMonitorTest, AFailedListListenerIsLoggedAndThePeriodicRefreshStillRuns) {
+  sim->failProperty(1, kAudioHardwarePropertyProcessObjectList, Call::addPropertyListener, -8);
+  auto monitor = makeMonitor();
+  monitor->start();
+  EXPECT_EQ(logs->messages("AudioProcessMonitor"),
+            std::vector<std::string>{"Process-list listener failed: -8"});
+  sim->addProcess({.pid = 900, .bundleID = "x.late"});
+  queue.drain();
+  EXPECT_TRUE(monitor->apps().get().empty());
+  queue.advance(AudioProcessMonitor::kRefreshInterval);
+  EXPECT_EQ(monitor->apps().get().size(), 1u);
+}
+
+}  // namespace
+}  // namespace quellix

@@ -1,0 +1,221 @@
+#include "engine/muting/ProcessMuteTap.h"
+
+#include <gtest/gtest.h>
+
+#include "audio/CoreAudioSupport.h"
+#include "harness/TestSupport.h"
+
+namespace quellix {
+namespace {
+
+using Call = SimAudioBackend::Call;
+
+class ProcessMuteTapTest : public testing::SimTest {
+ protected:
+  void SetUp() override {
+    SimTest::SetUp();
+    output = addDefaultOutput("speakers");
+    player = sim->addProcess({.pid = 500, .bundleID = "org.example.player", .level = 0.5f});
+    helper = sim->addProcess({.pid = 501, .level = 0.25f});
+    bystander = sim->addProcess({.pid = 600, .level = 0.125f});
+  }
+
+  float heard(UInt32 frames = 16) { return sim->render(frames)[output][frames - 1]; }
+
+  std::string constructionError(Call failingCall, OSStatus status) {
+    sim->clearFaults();
+    sim->failCall(failingCall, status);
+    try {
+      ProcessMuteTap tap("Player", {player}, 0.0f);
+      tap.invalidate();
+    } catch (const TextError& error) {
+      return error.description();
+    }
+    return "(no error)";
+  }
+
+  AudioObjectID output = 0;
+  AudioObjectID player = 0;
+  AudioObjectID helper = 0;
+  AudioObjectID bystander = 0;
+};
+
+TEST_F(ProcessMuteTapTest, DescribesAPrivateMutingMixdownAndItsAggregate) {
+  ProcessMuteTap tap("Player", {player, helper}, 0.0f);
+  ASSERT_EQ(sim->taps().size(), 1u);
+  const CATapDescription description = sim->taps()[0].description;
+  EXPECT_EQ(description.processes(), (std::vector<AudioObjectID>{player, helper}));
+  EXPECT_TRUE(description.isMixdown());
+  EXPECT_FALSE(description.isMono());
+  EXPECT_EQ(description.name(), "Quellix-Player");
+  EXPECT_TRUE(description.isPrivate());
+  EXPECT_EQ(description.muteBehavior(), CATapMuted);
+
+  ASSERT_EQ(sim->aggregates().size(), 1u);
+  const std::string uuid = description.UUID().uuidString();
+  const CFDictionary expected = {
+      {"name", "Quellix-Player"},
+      {"uid", "com.norvalin.quellix.agg." + uuid},
+      {"master", "speakers"},
+      {"private", true},
+      {"stacked", false},
+      {"tapautostart", true},
+      {"subdevices", CFDictionary::array({{{"uid", "speakers"}}})},
+      {"taps", CFDictionary::array({{{"drift", true}, {"uid", uuid}}})},
+  };
+  EXPECT_EQ(sim->aggregates()[0].description, expected);
+  EXPECT_EQ(uuid, Uuid::parse(uuid)->uuidString()) << "canonical upper-case form";
+  EXPECT_EQ(sim->aggregates()[0].startedIOProcs, 1u);
+
+  EXPECT_EQ(logs->messages("ProcessMuteTap"),
+            (std::vector<std::string>{
+                "Created tap #" + std::to_string(tap.tapID()) + " + aggregate #" +
+                    std::to_string(tap.aggregateID()) +
+                    " for Player (gain 0.000000, 2 process object(s))",
+                "Tap-Format: 48000.000000 Hz / 2 ch — Output-Gerät: 48000.000000 Hz"}));
+  tap.invalidate();
+}
+
+TEST_F(ProcessMuteTapTest, MutesAttenuatesAndRestoresWhatTheOutputHears) {
+  EXPECT_FLOAT_EQ(heard(), 0.875f);
+  ProcessMuteTap tap("Player", {player, helper}, 0.0f);
+  EXPECT_FLOAT_EQ(heard(), 0.125f) << "muted processes contribute nothing, others are untouched";
+  tap.setGain(0.5f);
+  EXPECT_FLOAT_EQ(heard(), 0.125f + 0.375f) << "half amplitude without a rebuild";
+  tap.setGain(1.0f);
+  EXPECT_FLOAT_EQ(heard(), 0.875f);
+  tap.invalidate();
+  EXPECT_FLOAT_EQ(heard(), 0.875f);
+  EXPECT_TRUE(sim->taps().empty());
+  EXPECT_TRUE(sim->aggregates().empty());
+  EXPECT_EQ(tap.tapID(), kAudioObjectUnknown);
+}
+
+TEST_F(ProcessMuteTapTest, AFailureAtAnyStepLeavesNothingBehindAndSaysWhy) {
+  struct Case {
+    Call call;
+    OSStatus status;
+    std::string expected;
+  };
+  const std::vector<Case> cases = {
+      {Call::createProcessTap, static_cast<OSStatus>(fourCC("!obj")),
+       "AudioHardwareCreateProcessTap failed for Player: 560947818 (!obj)"},
+      {Call::createProcessTap, -1,
+       "AudioHardwareCreateProcessTap failed for Player: -1 (\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"
+       "\xEF\xBF\xBD)"},
+      {Call::createAggregateDevice, -20, "AudioHardwareCreateAggregateDevice failed: -20"},
+      {Call::createIOProcID, -30, "AudioDeviceCreateIOProcIDWithBlock failed: -30"},
+      {Call::startDevice, -40, "AudioDeviceStart failed: -40"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(constructionError(c.call, c.status), c.expected);
+    EXPECT_TRUE(sim->taps().empty()) << c.expected;
+    EXPECT_TRUE(sim->aggregates().empty()) << c.expected;
+  }
+  EXPECT_EQ(sim->callCount(Call::destroyIOProcID), 1u) << "only the start failure had an IO proc";
+
+  // The default output's reads rethrow their own texts.
+  sim->clearFaults();
+  sim->failProperty(1, kAudioHardwarePropertyDefaultOutputDevice, Call::getPropertyDataSize, -5);
+  EXPECT_THROW(
+      {
+        try {
+          ProcessMuteTap("Player", {player}, 0.0f);
+        } catch (const TextError& error) {
+          EXPECT_EQ(error.description(), "Error reading data size for dOut/glob/main: -5");
+          throw;
+        }
+      },
+      TextError);
+  sim->clearFaults();
+  sim->failProperty(output, kAudioDevicePropertyDeviceUID, Call::getPropertyData, -6);
+  try {
+    ProcessMuteTap("Player", {player}, 0.0f);
+    ADD_FAILURE() << "construction succeeded without the output's UID";
+  } catch (const TextError& error) {
+    EXPECT_EQ(error.description(), "Error reading data for uid /glob/main: -6");
+  }
+  EXPECT_TRUE(sim->taps().empty());
+  EXPECT_FLOAT_EQ(heard(), 0.875f);
+}
+
+TEST_F(ProcessMuteTapTest, AnUnreadableFormatDoesNotFailConstruction) {
+  sim->failProperty(kAudioObjectUnknown, kAudioTapPropertyFormat, Call::getPropertyData, -1);
+  ProcessMuteTap tap("Player", {player}, 0.0f);
+  EXPECT_EQ(logs->messages("ProcessMuteTap").size(), 1u);
+  tap.invalidate();
+}
+
+TEST_F(ProcessMuteTapTest, InvalidateTwiceCallsAndLogsNothingTheSecondTime) {
+  ProcessMuteTap tap("Player", {player}, 0.0f);
+  tap.invalidate();
+  logs->clear();
+  const auto destroys = sim->callCount(Call::destroyProcessTap);
+  tap.invalidate();
+  EXPECT_TRUE(logs->entries().empty());
+  EXPECT_EQ(sim->callCount(Call::destroyProcessTap), destroys);
+  EXPECT_EQ(sim->callCount(Call::stopDevice), 1u);
+}
+
+TEST_F(ProcessMuteTapTest, TeardownGoesOnPastFailingCallsAndClearsTheIdentifiers) {
+  ProcessMuteTap tap("Player", {player}, 0.0f);
+  logs->clear();
+  sim->failCall(Call::stopDevice, -1);
+  sim->failCall(Call::destroyIOProcID, -2);
+  sim->failCall(Call::destroyAggregateDevice, -3);
+  sim->failCall(Call::destroyProcessTap, -4);
+  tap.invalidate();
+  EXPECT_EQ(
+      logs->messages("ProcessMuteTap"),
+      (std::vector<std::string>{"AudioDeviceStop: -1", "AudioDeviceDestroyIOProcID: -2",
+                                "AudioHardwareDestroyAggregateDevice: -3",
+                                "AudioHardwareDestroyProcessTap: -4", "Destroyed tap for Player"}));
+  EXPECT_EQ(tap.tapID(), kAudioObjectUnknown);
+  EXPECT_EQ(tap.aggregateID(), kAudioObjectUnknown);
+  logs->clear();
+  tap.invalidate();
+  EXPECT_TRUE(logs->entries().empty());
+}
+
+TEST_F(ProcessMuteTapTest, SweepRemovesOnlyAggregatesCarryingOurPrefix) {
+  auto makeAggregate = [&](const std::string& uid) {
+    AudioObjectID id = 0;
+    EXPECT_EQ(AudioHardwareCreateAggregateDevice(
+                  {{"uid", uid}, {"master", "speakers"}, {"taps", CFDictionary::array()}}, &id),
+              0);
+    return id;
+  };
+  const AudioObjectID orphan = makeAggregate("com.norvalin.quellix.agg.1234");
+  makeAggregate("org.other.com.norvalin.quellix.agg.5678");
+  const AudioObjectID unreadable = makeAggregate("com.norvalin.quellix.agg.unreadable");
+  sim->failProperty(unreadable, kAudioDevicePropertyDeviceUID, Call::getPropertyData, -1);
+
+  ProcessMuteTap::sweepOrphans();
+  const auto entries = logs->entries();
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].level, LogLevel::error);
+  EXPECT_EQ(entries[0].message,
+            "Orphan-Aggregate com.norvalin.quellix.agg.1234 entfernt (Status 0)");
+  const auto remaining = sim->aggregates();
+  ASSERT_EQ(remaining.size(), 2u);
+  EXPECT_NE(remaining[0].id, orphan);
+  EXPECT_NE(remaining[1].id, orphan);
+
+  // A failing destroy is logged the same way, with its status.
+  sim->clearFaults();
+  sim->failCall(Call::destroyAggregateDevice, -9);
+  logs->clear();
+  ProcessMuteTap::sweepOrphans();
+  EXPECT_EQ(logs->messages(), std::vector<std::string>{
+                                  "Orphan-Aggregate com.norvalin.quellix.agg.unreadable entfernt "
+                                  "(Status -9)"});
+}
+
+TEST_F(ProcessMuteTapTest, SweepIsSilentWhenTheDeviceListCannotBeRead) {
+  sim->failProperty(1, kAudioHardwarePropertyDevices, Call::getPropertyDataSize, -1);
+  ProcessMuteTap::sweepOrphans();
+  EXPECT_TRUE(logs->entries().empty());
+}
+
+}  // namespace
+}  // namespace quellix

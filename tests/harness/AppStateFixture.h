@@ -1,0 +1,141 @@
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "harness/FakeSystem.h"
+#include "harness/TestSupport.h"
+#include "state/AppState.h"
+#include "support/TextError.h"
+
+namespace quellix::testing {
+
+// A login item whose answers the test decides.
+class FakeLoginItem final : public LoginItem {
+ public:
+  LoginItemStatus status() const override { return status_; }
+  void registerItem() override { change("register", LoginItemStatus::enabled); }
+  void unregisterItem() override { change("unregister", LoginItemStatus::notRegistered); }
+
+  LoginItemStatus status_ = LoginItemStatus::notRegistered;
+  bool fails = false;
+  // What a failed or refused registration leaves behind.
+  LoginItemStatus statusAfterFailure = LoginItemStatus::notRegistered;
+  std::vector<std::string> calls;
+
+ private:
+  void change(const char* verb, LoginItemStatus result) {
+    calls.emplace_back(verb);
+    if (fails) {
+      status_ = statusAfterFailure;
+      throw TextError("Autostart-Ordner ist schreibgeschützt");
+    }
+    status_ = result;
+  }
+};
+
+// Answers GET requests only when the test says so.
+class FakeHttpClient final : public HttpClient {
+ public:
+  void get(const std::string& url, Duration, std::function<void(Reply)> done) override {
+    requests.push_back(url);
+    pending.push_back(std::move(done));
+  }
+  void answer(Reply reply) {
+    auto done = std::move(pending.front());
+    pending.pop_front();
+    done(std::move(reply));
+  }
+
+  std::vector<std::string> requests;
+  std::deque<std::function<void(Reply)>> pending;
+};
+
+// An auxiliary window that only counts what is done to it.
+class FakeWindow final : public AuxiliaryWindow {
+ public:
+  explicit FakeWindow(std::shared_ptr<int> open) : open_(std::move(open)) { ++*open_; }
+  ~FakeWindow() override { --*open_; }
+  void bringForward() override { ++timesBroughtForward; }
+  int timesBroughtForward = 0;
+
+ private:
+  std::shared_ptr<int> open_;
+};
+
+// The running application on the simulated audio system with a virtual clock. Its windows are
+// whatever the test's factories build, fake ones by default.
+class AppStateTest : public SimTest {
+ protected:
+  void SetUp() override {
+    SimTest::SetUp();
+    output = addDefaultOutput("speakers");
+    defaults = std::make_unique<DefaultsStore>(directory.path() / "preferences.json", queue);
+  }
+
+  void TearDown() override {
+    // An unanswered request holds the update checker, and through it the defaults.
+    http->pending.clear();
+    state.reset();
+    SimTest::TearDown();
+  }
+
+  AppEnvironment environment() {
+    return {
+        .queue = queue,
+        .defaults = *defaults,
+        .clock = clock,
+        .workspace = std::make_shared<Workspace>(system.roots()),
+        .loginItem = loginItem,
+        .http = http,
+        .offerMoveIfNeeded = [this] { return offerMove(); },
+        .makeOnboarding =
+            [this](AppState& appState, std::function<void()> close) {
+              ++onboardingBuilds;
+              onboardingClose = close;
+              return makeOnboarding ? makeOnboarding(appState, std::move(close))
+                                    : std::make_unique<FakeWindow>(openWindows);
+            },
+        .makeAbout =
+            [this](AppState& appState) {
+              ++aboutBuilds;
+              return makeAbout ? makeAbout(appState) : std::make_unique<FakeWindow>(openWindows);
+            },
+    };
+  }
+
+  AppState& start() {
+    state = AppState::create(environment());
+    queue.drain();
+    return *state;
+  }
+
+  // A running application with a desktop entry and one process object playing sound.
+  AudioObjectID addPlayingApp(pid_t pid, const std::string& id, const std::string& name) {
+    system.addApplication(id, name, id);
+    system.addProcess({.pid = pid, .executable = id});
+    return sim->addProcess({.pid = pid, .runningOutput = true, .level = 0.5f});
+  }
+
+  FakeSystem system;
+  TemporaryDirectory directory;
+  ManualWallClock clock;
+  std::unique_ptr<DefaultsStore> defaults;
+  std::shared_ptr<FakeLoginItem> loginItem = std::make_shared<FakeLoginItem>();
+  std::shared_ptr<FakeHttpClient> http = std::make_shared<FakeHttpClient>();
+  std::function<bool()> offerMove = [] { return false; };
+  std::function<std::unique_ptr<AuxiliaryWindow>(AppState&, std::function<void()>)> makeOnboarding;
+  std::function<std::unique_ptr<AuxiliaryWindow>(AppState&)> makeAbout;
+  // How many fake windows exist right now.
+  std::shared_ptr<int> openWindows = std::make_shared<int>(0);
+  int onboardingBuilds = 0;
+  int aboutBuilds = 0;
+  std::function<void()> onboardingClose;
+  AudioObjectID output = 0;
+  std::shared_ptr<AppState> state;
+};
+
+}  // namespace quellix::testing

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "harness/ChildProcess.h"
+
+namespace quellix::testing {
+
+// A private sound server for one test: its own runtime dir, two null sinks "out1" (the
+// default) and "out2". This process's environment points libpulse at it, so every client the
+// test starts finds it.
+class SoundServer {
+ public:
+  enum class Kind { pulseAudio, pipeWire };
+
+  explicit SoundServer(Kind kind);
+  ~SoundServer();
+  SoundServer(const SoundServer&) = delete;
+  SoundServer& operator=(const SoundServer&) = delete;
+
+  void stop();
+  void start();
+
+  std::string pactl(const std::vector<std::string>& arguments) const;
+  // Until the server reports it: PipeWire's session manager may still be applying an earlier
+  // choice and silently keep it. False when it never does.
+  bool setDefaultSink(const std::string& name) const;
+  std::filesystem::path socketPath() const { return runtimeDir_ / "pulse" / "native"; }
+  const std::filesystem::path& runtimeDir() const { return runtimeDir_; }
+  Kind kind() const { return kind_; }
+
+  static std::string name(Kind kind);
+
+ private:
+  void startOnce();
+  void startPulseAudio();
+  void startPipeWire();
+  void createSinks();
+  bool answers() const;
+
+  Kind kind_;
+  std::filesystem::path runtimeDir_;
+  std::vector<std::unique_ptr<ChildProcess>> processes_;
+  std::unique_ptr<ChildProcess> bus_;
+};
+
+// Polls `condition` (running `pump` before each look) until it holds or `timeout` passes.
+bool eventually(const std::function<bool()>& condition, const std::function<void()>& pump = {},
+                std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+}  // namespace quellix::testing

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "audio/sim/SimAudioBackend.h"
+#include "support/Logger.h"
+#include "support/ManualQueue.h"
+
+namespace quellix::testing {
+
+// Every test gets a fresh simulated audio system, a manual main queue and captured logs.
+class SimTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    sim = std::make_shared<SimAudioBackend>();
+    installAudioBackend(sim);
+    previousSink = Logger::installSink(logs);
+  }
+  void TearDown() override {
+    installAudioBackend(nullptr);
+    Logger::installSink(previousSink);
+  }
+
+  // The usual system: one stereo output device that is the default.
+  AudioObjectID addDefaultOutput(const std::string& uid = "speakers") {
+    const AudioObjectID device = sim->addDevice({.uid = uid});
+    sim->setDefaultOutputDevice(device);
+    queue.drain();
+    return device;
+  }
+
+  std::shared_ptr<SimAudioBackend> sim;
+  ManualQueue queue;
+  std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
+  std::shared_ptr<LogSink> previousSink;
+};
+
+// A directory that is removed with the test.
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory();
+  ~TemporaryDirectory();
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+inline TemporaryDirectory::TemporaryDirectory() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "quellix-test-XXXXXX").string();
+  path_ = ::mkdtemp(pattern.data());
+}
+
+inline TemporaryDirectory::~TemporaryDirectory() {
+  std::error_code error;
+  std::filesystem::remove_all(path_, error);
+}
+
+}  // namespace quellix::testing

@@ -1,0 +1,307 @@
+#include "state/SelfMover.h"
+
+#include <gtest/gtest.h>
+
+#include <QProcess>
+#include <QStandardPaths>
+#include <fstream>
+#include <sstream>
+
+#include "harness/TestSupport.h"
+#include "state/MoveAlerts.h"
+
+namespace quellix::SelfMover {
+namespace {
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+class ScriptedAlerts final : public MoveAlerts {
+ public:
+  bool offer() override {
+    ++offers;
+    return agree;
+  }
+  void showFailure() override { ++failures; }
+
+  bool agree = false;
+  int offers = 0;
+  int failures = 0;
+};
+
+constexpr const char* kGreeting = "hello from the copy";
+
+void writeFile(const fs::path& path, const std::string& text, bool executable = false) {
+  fs::create_directories(path.parent_path());
+  std::ofstream(path) << text;
+  if (executable) {
+    fs::permissions(path, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec,
+                    fs::perm_options::replace);
+  }
+}
+
+std::string readFile(const fs::path& path) {
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+void writeProgram(const fs::path& path) {
+  writeFile(path, std::string("#!/bin/sh\necho '") + kGreeting + "'\n", true);
+}
+
+// What a program prints when run from where it now lies.
+std::string runProgram(const fs::path& program) {
+  QProcess process;
+  process.start(QString::fromStdString(program.string()), {});
+  process.waitForFinished(10000);
+  return process.readAllStandardOutput().trimmed().toStdString();
+}
+
+class SelfMoverTest : public ::testing::Test {
+ protected:
+  void SetUp() override { previousSink = Logger::installSink(logs); }
+  void TearDown() override { Logger::installSink(previousSink); }
+
+  Environment environment(std::optional<Bundle> bundle) {
+    return Environment{
+        .bundle = std::move(bundle),
+        .home = home,
+        .downloads = home / "Downloads",
+        .dataHome = home / ".local/share",
+        .optOutFiles = {optOutFile},
+        .alerts = alerts,
+        .launch =
+            [this](const fs::path& program, std::function<void()> launched) {
+              launchedPrograms.push_back(program);
+              if (launchReportsBack) {
+                launched();
+              }
+            },
+        .queue = queue,
+        .quit = [this] { ++quits; },
+        .releaseInstance = [this] { releasedAfterLaunches.push_back(launchedPrograms.size()); },
+    };
+  }
+
+  static Bundle appImage(const fs::path& path) { return {Bundle::Kind::appImage, path, {}}; }
+
+  fs::path desktopEntry() const { return home / ".local/share/applications" / kDesktopEntryName; }
+
+  testing::TemporaryDirectory temporary;
+  fs::path home = temporary.path() / "home of tester";
+  fs::path optOutFile = temporary.path() / "no_desktopintegration";
+  ScriptedAlerts alerts;
+  ManualQueue queue;
+  std::vector<fs::path> launchedPrograms;
+  bool launchReportsBack = false;
+  // How many programs had been launched each time the instance claim was given up.
+  std::vector<std::size_t> releasedAfterLaunches;
+  int quits = 0;
+  std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
+  std::shared_ptr<LogSink> previousSink;
+};
+
+TEST_F(SelfMoverTest, OffersOnlyForDownloadsAndRemovableMedia) {
+  struct Case {
+    fs::path bundle;
+    bool offers;
+  };
+  const std::vector<Case> cases = {
+      {home / "Downloads/Quellix-1.0-x86_64.AppImage", true},
+      {home / "Downloads/sub/folder/Quellix.AppImage", true},
+      {home / "Downloads2/Quellix.AppImage", true},
+      {"/media/stick/Quellix.AppImage", true},
+      {"/run/media/tester/STICK/Quellix.AppImage", true},
+      {"/mnt/share/Quellix", true},
+      {home / "Applications/Quellix.AppImage", false},
+      {home / "Applications/Tools/Quellix.AppImage", false},
+      {"/usr/local/bin/Quellix.AppImage", false},
+      {"/opt/quellix", false},
+      {home / "downloads/Quellix.AppImage", false},
+      {home / "Projects/Quellix.AppImage", false},
+      {"/mediathek/Quellix.AppImage", false},
+      {"/mntx/Quellix.AppImage", false},
+  };
+  for (const auto& c : cases) {
+    alerts.offers = 0;
+    EXPECT_FALSE(offerMoveIfNeeded(environment(appImage(c.bundle))));
+    EXPECT_EQ(alerts.offers, c.offers ? 1 : 0) << c.bundle;
+  }
+  EXPECT_FALSE(fs::exists(home / "Applications"));
+}
+
+TEST_F(SelfMoverTest, OwnApplicationsFolderNeverOffersEvenOnRemovableMedia) {
+  home = "/mnt/home/tester";
+  EXPECT_FALSE(offerMoveIfNeeded(environment(appImage(home / "Applications/Quellix.AppImage"))));
+  EXPECT_EQ(alerts.offers, 0);
+}
+
+TEST_F(SelfMoverTest, NoBundleOrOptedOutNeverOffers) {
+  EXPECT_FALSE(offerMoveIfNeeded(environment(std::nullopt)));
+  writeFile(optOutFile, "");
+  EXPECT_FALSE(offerMoveIfNeeded(environment(appImage(home / "Downloads/Quellix.AppImage"))));
+  EXPECT_EQ(alerts.offers, 0);
+}
+
+TEST_F(SelfMoverTest, LaterChangesNothing) {
+  const fs::path source = home / "Downloads/Quellix.AppImage";
+  writeProgram(source);
+
+  EXPECT_FALSE(offerMoveIfNeeded(environment(appImage(source))));
+
+  EXPECT_EQ(alerts.offers, 1);
+  EXPECT_FALSE(fs::exists(home / "Applications"));
+  EXPECT_FALSE(fs::exists(desktopEntry()));
+  EXPECT_TRUE(launchedPrograms.empty());
+  EXPECT_TRUE(releasedAfterLaunches.empty());
+  EXPECT_EQ(queue.pendingTimers(), 0u);
+  queue.advance(10s);
+  EXPECT_EQ(quits, 0);
+}
+
+TEST_F(SelfMoverTest, AppImageReplacesTheOldCopyRunsFromItsNewPlaceAndQuitsWithinTheGrace) {
+  const fs::path source = home / "Downloads/Quellix-1.0-x86_64.AppImage";
+  writeProgram(source);
+  const fs::path destination = home / "Applications/Quellix.AppImage";
+  writeFile(destination, "an older version");
+  alerts.agree = true;
+
+  EXPECT_TRUE(offerMoveIfNeeded(environment(appImage(source))));
+
+  EXPECT_EQ(readFile(destination), readFile(source));
+  EXPECT_TRUE(fs::exists(source));
+  EXPECT_EQ(runProgram(destination), kGreeting);
+  EXPECT_EQ(launchedPrograms, std::vector<fs::path>{destination});
+  EXPECT_EQ(alerts.failures, 0);
+
+  // The launch never reports back here: the grace period ends the process.
+  queue.drain();
+  queue.advance(kQuitGracePeriod - 1ms);
+  EXPECT_EQ(quits, 0);
+  queue.advance(1ms);
+  EXPECT_EQ(quits, 1);
+}
+
+TEST_F(SelfMoverTest, QuitsAsSoonAsTheCopyIsLaunched) {
+  const fs::path source = home / "Downloads/Quellix.AppImage";
+  writeProgram(source);
+  alerts.agree = true;
+  launchReportsBack = true;
+
+  EXPECT_TRUE(offerMoveIfNeeded(environment(appImage(source))));
+  EXPECT_EQ(quits, 0) << "the quit goes through the main queue";
+  queue.drain();
+  EXPECT_EQ(quits, 1);
+}
+
+TEST_F(SelfMoverTest, TheCopyStartsWithTheInstanceClaimAlreadyGivenUp) {
+  const fs::path source = home / "Downloads/Quellix.AppImage";
+  writeProgram(source);
+  alerts.agree = true;
+
+  EXPECT_TRUE(offerMoveIfNeeded(environment(appImage(source))));
+
+  EXPECT_EQ(releasedAfterLaunches, std::vector<std::size_t>{0});
+  EXPECT_EQ(launchedPrograms.size(), 1u);
+}
+
+TEST_F(SelfMoverTest, DesktopEntryStartsTheCopyWhateverItsPath) {
+  // Every character the Exec line reserves, on the way to the copy.
+  home = temporary.path() / R"(odd "name" $HOME 100% \x)";
+  const fs::path source = home / "Downloads/Quellix.AppImage";
+  writeProgram(source);
+  alerts.agree = true;
+
+  ASSERT_TRUE(offerMoveIfNeeded(environment(appImage(source))));
+
+  const std::string entry = readFile(desktopEntry());
+  const std::string exec = "Exec=\"" + temporary.path().string() +
+                           R"(/odd \\"name\\" \\$HOME 100%% \\\\x/Applications/Quellix.AppImage")";
+  EXPECT_NE(entry.find(exec + "\n"), std::string::npos) << entry;
+  EXPECT_NE(entry.find("Name=Quellix\n"), std::string::npos) << entry;
+
+  const QString validator = QStandardPaths::findExecutable("desktop-file-validate");
+  if (validator.isEmpty()) {
+    GTEST_SKIP() << "desktop-file-validate is not installed";
+  }
+  QProcess validate;
+  validate.setProcessChannelMode(QProcess::MergedChannels);
+  validate.start(validator, {QString::fromStdString(desktopEntry().string())});
+  ASSERT_TRUE(validate.waitForFinished(10000));
+  EXPECT_EQ(validate.exitCode(), 0);
+  EXPECT_EQ(validate.readAll().toStdString(), "");
+}
+
+TEST_F(SelfMoverTest, PortableFolderReplacesTheOldFolderWhole) {
+  const fs::path source = home / "Downloads/quellix-1.0";
+  writeProgram(source / "bin/quellix");
+  writeFile(source / kPortableMarker, "");
+  writeFile(source / "lib/plugins/readme.txt", "plugins");
+  const fs::path destination = home / "Applications/Quellix";
+  writeFile(destination / "left-over-from-the-old-version.txt", "stale");
+  alerts.agree = true;
+
+  const auto bundle = bundleFor(std::nullopt, source / "bin/quellix");
+  ASSERT_TRUE(bundle.has_value());
+  EXPECT_EQ(destinationFor(*bundle, home), destination);
+  EXPECT_TRUE(offerMoveIfNeeded(environment(bundle)));
+
+  EXPECT_EQ(runProgram(destination / "bin/quellix"), kGreeting);
+  EXPECT_EQ(readFile(destination / "lib/plugins/readme.txt"), "plugins");
+  EXPECT_FALSE(fs::exists(destination / "left-over-from-the-old-version.txt"));
+  EXPECT_TRUE(fs::exists(source / "bin/quellix"));
+  EXPECT_EQ(launchedPrograms, std::vector<fs::path>{destination / "bin/quellix"});
+  EXPECT_NE(readFile(desktopEntry()).find((destination / "bin/quellix").string()),
+            std::string::npos);
+}
+
+TEST_F(SelfMoverTest, FailedCopyIsLoggedAndReportedAndTheProgramGoesOn) {
+  const fs::path source = home / "Downloads/Quellix.AppImage";
+  writeProgram(source);
+  // Even root cannot put anything below a plain file.
+  writeFile(home / "Applications", "not a folder");
+  alerts.agree = true;
+
+  EXPECT_FALSE(offerMoveIfNeeded(environment(appImage(source))));
+
+  EXPECT_EQ(alerts.failures, 1);
+  const auto entries = logs->entries();
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].level, LogLevel::error);
+  EXPECT_EQ(entries[0].category, "SelfMover");
+  EXPECT_TRUE(entries[0].message.starts_with("Verschieben fehlgeschlagen: ")) << entries[0].message;
+  EXPECT_GT(entries[0].message.size(), std::string("Verschieben fehlgeschlagen: ").size());
+  EXPECT_TRUE(launchedPrograms.empty());
+  EXPECT_TRUE(releasedAfterLaunches.empty()) << "this process stays the running instance";
+  EXPECT_EQ(queue.pendingTimers(), 0u);
+  EXPECT_FALSE(fs::exists(desktopEntry()));
+}
+
+TEST_F(SelfMoverTest, RecognisesTheBundleItRunsFrom) {
+  const fs::path appImageFile = temporary.path() / "Quellix.AppImage";
+  writeProgram(appImageFile);
+  const fs::path portable = temporary.path() / "portable";
+  writeFile(portable / kPortableMarker, "");
+  const fs::path buildTree = temporary.path() / "build/debug/src";
+
+  const auto fromAppImage = bundleFor(appImageFile.string(), "/tmp/.mount_Quellix/usr/bin/quellix");
+  ASSERT_TRUE(fromAppImage.has_value());
+  EXPECT_EQ(fromAppImage->kind, Bundle::Kind::appImage);
+  EXPECT_EQ(fromAppImage->path, appImageFile);
+  EXPECT_EQ(destinationFor(*fromAppImage, home), home / "Applications/Quellix.AppImage");
+
+  const auto fromPortable = bundleFor(std::nullopt, portable / "bin/quellix");
+  ASSERT_TRUE(fromPortable.has_value());
+  EXPECT_EQ(fromPortable->kind, Bundle::Kind::portableFolder);
+  EXPECT_EQ(fromPortable->path, portable);
+  EXPECT_EQ(fromPortable->program, fs::path("bin/quellix"));
+
+  EXPECT_FALSE(bundleFor(std::nullopt, buildTree / "quellix"));
+  EXPECT_FALSE(bundleFor(std::nullopt, portable / "quellix")) << "the program lives in bin/";
+  EXPECT_FALSE(bundleFor(std::nullopt, temporary.path() / "bin/quellix")) << "no marker";
+  EXPECT_FALSE(bundleFor((temporary.path() / "gone.AppImage").string(), buildTree / "quellix"));
+  EXPECT_FALSE(bundleFor(std::nullopt, "/usr/bin/quellix"));
+}
+
+}  // namespace
+}  // namespace quellix::SelfMover
