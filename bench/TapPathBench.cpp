@@ -1,10 +1,11 @@
-// The tap path on a private sound server: time from tap construction to silence, the IO
-// thread's CPU per tap against a plain player's, breaks in the tone heard at the output over a
-// long attenuated run against those of the same tone played directly for as long, latency
-// growth, moves that had to be repeated, and the latency a burst gains through the tap path
-// against what it gains through the server's own loopback module set to 20 ms, both measured
-// at the output in the same run. Muted afterwards, the IO thread's CPU and wake-ups, and the
-// latency once turned up again.
+// The tap path on a private sound server, with paplay at its default buffering as the player:
+// time from tap construction to silence, the IO thread's CPU per tap against the player's,
+// breaks in the tone heard at the output over a long attenuated run against those of the same
+// tone played directly for as long, latency growth, moves that had to be repeated, and the
+// latency clicks gain through the tap path against what they gain through the server's own
+// loopback module set to 20 ms, both measured at the output in the same run, with the CPU
+// each path adds. Muted afterwards, the IO thread's CPU and wake-ups, and the latency once
+// turned up again.
 //
 //   tap_path_bench [pulseaudio|pipewire] [seconds] [muted seconds]
 #include <dirent.h>
@@ -24,9 +25,9 @@
 #include "audio/CoreAudioSupport.h"
 #include "audio/pulse/PulseBackend.h"
 #include "engine/muting/ProcessMuteTap.h"
+#include "harness/ChildProcess.h"
 #include "harness/LevelMeter.h"
 #include "harness/SoundServer.h"
-#include "harness/TestPlayerProcess.h"
 #include "support/Logger.h"
 
 namespace {
@@ -345,8 +346,15 @@ int main(int argc, char** argv) {
   installAudioBackend(backend);
 
   // A long attenuated session of a steady tone, then the tap's usual state, muted.
-  auto player = std::make_unique<testing::TestPlayerProcess>(
-      testing::TestPlayerProcess::Options{.appID = "org.example.Player"});
+  const int mutedSeconds = argc > 3 ? std::atoi(argv[3]) : 10;
+  const auto tone = server.runtimeDir() / "tone.wav";
+  testing::runProgram({"sox", "-n", "-r", "48000", "-c", "2", "-b", "16", tone.string(), "synth",
+                       std::to_string(2 * seconds + mutedSeconds + 10), "sine", "440", "vol",
+                       "0.5"});
+  auto player = std::make_unique<testing::ChildProcess>(
+      std::vector<std::string>{"paplay", "--property=application.id=org.example.Player",
+                               tone.string()},
+      testing::ChildProcess::Options{.outputFile = (server.runtimeDir() / "player.log").string()});
   // The same tone played directly first: the breaks this machine causes on its own.
   constexpr double kRecorderStart = 1.5;
   std::optional<testing::MonitorRecording> directRecording(
@@ -373,8 +381,8 @@ int main(int argc, char** argv) {
   std::string underrunSeconds;
   std::uint64_t underruns = 0;
   testing::MonitorRecording tapRecording(server.runtimeDir() / "tapped.raw", "out1.monitor");
-  // The player is a minimal client of the same server at the same latency: its CPU in the same
-  // seconds is the baseline of what this machine charges for such a stream.
+  // The player's CPU in the same seconds is the baseline of what this machine charges for a
+  // client of the server.
   const std::string playerStat = "/proc/" + std::to_string(player->pid()) + "/stat";
   const double playerCPUBefore = cpuSecondsOf(playerStat);
   const double cpuBefore = threadCPUSeconds("quellix-io");
@@ -398,7 +406,6 @@ int main(int argc, char** argv) {
   const double firstLatency = mean(latencies.begin(), latencies.begin() + span);
   const double lastLatency = mean(latencies.end() - span, latencies.end());
 
-  const int mutedSeconds = argc > 3 ? std::atoi(argv[3]) : 10;
   tap->setGain(0.0f);
   // The first second muted is not the muted state yet.
   std::this_thread::sleep_for(std::chrono::seconds(1));
