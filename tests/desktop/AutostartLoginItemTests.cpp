@@ -67,7 +67,7 @@ class AutostartLoginItemTest : public ::testing::Test {
   AutostartLoginItem item = itemFor(program);
 };
 
-TEST_F(AutostartLoginItemTest, RegisteringWritesAValidEntryThatStartsThisProgram) {
+TEST_F(AutostartLoginItemTest, RegisteringWritesAValidEntryAndUnregisteringRemovesOrHidesIt) {
   EXPECT_EQ(item.status(), LoginItemStatus::notRegistered);
   item.registerItem();
   EXPECT_EQ(item.userEntry(), userEntry);
@@ -87,6 +87,16 @@ TEST_F(AutostartLoginItemTest, RegisteringWritesAValidEntryThatStartsThisProgram
   EXPECT_FALSE(std::filesystem::exists(userEntry));
   EXPECT_EQ(item.status(), LoginItemStatus::notRegistered);
   item.unregisterItem();  // nothing left to remove is no failure
+
+  // A system-wide entry is hidden by one of the user's, which registering replaces.
+  writeFile(systemEntry, entryStarting(program));
+  EXPECT_EQ(item.status(), LoginItemStatus::enabled);
+  item.unregisterItem();
+  EXPECT_EQ(item.status(), LoginItemStatus::notRegistered);
+  EXPECT_EQ(readDesktopEntryGroup(userEntry)->at("Hidden"), "true");
+  EXPECT_TRUE(std::filesystem::exists(systemEntry));
+  item.registerItem();
+  EXPECT_EQ(item.status(), LoginItemStatus::enabled);
 }
 
 TEST_F(AutostartLoginItemTest, IsEnabledOnlyByAVisibleEntryThatStartsThisProgram) {
@@ -140,20 +150,6 @@ TEST_F(AutostartLoginItemTest, AProgramNamedWithoutAFolderIsFoundOnThePath) {
   EXPECT_EQ(itemFor(binaries / ".." / "bin" / "quellix").status(), LoginItemStatus::enabled);
   EXPECT_EQ(itemFor(program).status(), LoginItemStatus::notRegistered);
   ::setenv("PATH", savedPath.c_str(), 1);
-}
-
-TEST_F(AutostartLoginItemTest, UnregisteringHidesASystemWideEntry) {
-  writeFile(systemEntry, entryStarting(program));
-  EXPECT_EQ(item.status(), LoginItemStatus::enabled);
-  item.unregisterItem();
-  EXPECT_EQ(item.status(), LoginItemStatus::notRegistered);
-  const auto values = readDesktopEntryGroup(userEntry);
-  ASSERT_TRUE(values);
-  EXPECT_EQ(values->at("Hidden"), "true");
-  EXPECT_TRUE(std::filesystem::exists(systemEntry));
-
-  item.registerItem();
-  EXPECT_EQ(item.status(), LoginItemStatus::enabled) << "registering replaces the hiding entry";
 }
 
 // Tests run as root, for whom file modes stop no write: a configuration folder that is a

@@ -53,7 +53,7 @@ TEST_F(AboutViewTest, FollowsTheCountAndOpensTheWebsite) {
   std::vector<QUrl> opened;
   about.openUrl = [&](const QUrl& url) { opened.push_back(url); };
   QTest::mouseClick(&about.link(), Qt::LeftButton);
-  EXPECT_EQ(opened, std::vector<QUrl>{AboutView::websiteURL()});
+  ASSERT_EQ(opened, std::vector<QUrl>{AboutView::websiteURL()});
   EXPECT_EQ(about.link().accessibleName(), opened[0].host());
 }
 

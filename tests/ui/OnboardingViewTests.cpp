@@ -109,24 +109,7 @@ TEST_F(OnboardingViewTest, LaunchSwitchIsTheLaunchAtLoginSetting) {
   EXPECT_TRUE(view->launchSwitch().isChecked()) << "shows what the system reports";
 }
 
-TEST_F(OnboardingViewTest, InstructionTextsAreNeverCut) {
-  auto view = open();
-  view->forward();
-  QTest::qWait(OnboardingView::kTransitionMilliseconds + 80);
-  int wrapped = 0;
-  for (QWidget* child : view->page(1).findChildren<QWidget*>()) {
-    auto* label = dynamic_cast<TextLabel*>(child);
-    if (label != nullptr && label->isParagraph()) {
-      EXPECT_GE(label->height(), label->heightForWidth(label->width()))
-          << label->text().toStdString();
-      ++wrapped;
-    }
-  }
-  EXPECT_GT(wrapped, 0);
-  EXPECT_LE(view->page(1).geometry().bottom(), view->dots().geometry().top() - 20);
-}
-
-TEST_F(OnboardingViewTest, RendersEveryPage) {
+TEST_F(OnboardingViewTest, RendersEveryPageWithNoTextCut) {
   for (const bool granted : {false, true}) {
     trust->trusted = granted;
     auto view = open();
@@ -142,6 +125,13 @@ TEST_F(OnboardingViewTest, RendersEveryPage) {
                                QStringLiteral("onboarding-%1%2")
                                    .arg(step)
                                    .arg(step == 2 ? (granted ? "-granted" : "-not-granted") : ""));
+      // The views' widgets carry no meta-object of their own: ask C++, not Qt, what they are.
+      for (QWidget* child : view->currentPage().findChildren<QWidget*>()) {
+        if (auto* label = dynamic_cast<TextLabel*>(child); label && label->isParagraph()) {
+          EXPECT_GE(label->height(), label->heightForWidth(label->width())) << step;
+        }
+      }
+      EXPECT_LE(view->currentPage().geometry().bottom(), view->dots().geometry().top()) << step;
       if (step < OnboardingView::kStepCount - 1) {
         view->forward();
       }
