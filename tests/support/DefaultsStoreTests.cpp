@@ -135,7 +135,10 @@ TEST_F(DefaultsStoreTest, ACorruptFileYieldsDefaultsAndIsKeptAside) {
     SCOPED_TRACE(c.what);
     c.arrange();
     const fs::file_type type = fs::status(path).type();
-    const std::string contents = type == fs::file_type::regular ? readFile(path) : "";
+    // Small files are compared whole, large ones by size.
+    const auto size = type == fs::file_type::regular ? fs::file_size(path) : 0;
+    const bool whole = type == fs::file_type::regular && size < 100000;
+    const std::string contents = whole ? readFile(path) : "";
     const auto before = filesIn(path.parent_path());
     logs->clear();
     {
@@ -157,8 +160,12 @@ TEST_F(DefaultsStoreTest, ACorruptFileYieldsDefaultsAndIsKeptAside) {
     }
     after.erase(path);
     ASSERT_EQ(after.size(), 1u);
-    EXPECT_EQ(fs::status(*after.begin()).type(), type);
-    EXPECT_EQ(type == fs::file_type::regular ? readFile(*after.begin()) : "", contents);
+    const fs::path aside = *after.begin();
+    EXPECT_EQ(fs::status(aside).type(), type);
+    if (type == fs::file_type::regular) {
+      EXPECT_EQ(fs::file_size(aside), size);
+      EXPECT_EQ(whole ? readFile(aside) : "", contents);
+    }
     fs::remove(path);
   }
 }

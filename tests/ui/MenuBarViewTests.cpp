@@ -54,6 +54,10 @@ struct PanelCase {
   bool update = false;
 };
 
+void PrintTo(const PanelCase& c, std::ostream* out) {
+  *out << c.name;
+}
+
 class PanelStateTest : public PanelTest, public ::testing::WithParamInterface<PanelCase> {};
 
 // Each state of the services, shown as the view rules say; the renders are for a person.
