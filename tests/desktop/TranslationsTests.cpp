@@ -61,9 +61,9 @@ TEST(TranslationsTextTest, EveryEnglishTextOfTheMoveReplacesItsGermanOne) {
     static QCoreApplication application(argc, argv);
   }
   ASSERT_EQ(installTranslations(*QCoreApplication::instance(), {"en-US"}), "en");
-  for (const char* german :
-       {"Quellix in den Programme-Ordner verschieben?", "Verschieben und starten", "Später",
-        "Verschieben fehlgeschlagen", "Bitte zieh Quellix manuell in den Programme-Ordner."}) {
+  for (const char* german : {"Quellix in den Ordner ~/Applications verschieben?",
+                             "Verschieben und starten", "Später", "Verschieben fehlgeschlagen",
+                             "Bitte verschiebe den Ordner Quellix selbst nach ~/Applications."}) {
     const QString shown = QCoreApplication::translate(kContext, german);
     EXPECT_NE(shown, QString::fromUtf8(german));
     EXPECT_FALSE(shown.isEmpty());

@@ -45,10 +45,11 @@ TEST(MessageBoxMoveAlerts, OfferAsksWithMoveAsTheDefault) {
     SeenAlert seen;
     answerNextAlert(seen, QString::fromUtf8(answer));
     EXPECT_EQ(alerts.offer(), moves) << answer;
-    EXPECT_EQ(seen.text, "Quellix in den Programme-Ordner verschieben?");
+    EXPECT_EQ(seen.text, "Quellix in den Ordner ~/Applications verschieben?");
     EXPECT_EQ(seen.informativeText,
-              "Quellix läuft gerade vom Installations-Image. Empfohlen: einmal in den "
-              "Programme-Ordner verschieben, dann startet es künftig direkt von dort.");
+              "Quellix läuft gerade aus dem Ordner, in den es geladen oder kopiert wurde. "
+              "Empfohlen: einmal nach ~/Applications in deinem Home-Ordner verschieben, dann "
+              "startet es künftig von dort und erscheint bei deinen Programmen.");
     EXPECT_EQ(seen.buttons, QStringList({"Verschieben und starten", "Später"}));
     EXPECT_EQ(seen.defaultButton, "Verschieben und starten");
   }
@@ -60,7 +61,8 @@ TEST(MessageBoxMoveAlerts, FailureHasOneButton) {
   answerNextAlert(seen, {});
   alerts.showFailure();
   EXPECT_EQ(seen.text, "Verschieben fehlgeschlagen");
-  EXPECT_EQ(seen.informativeText, "Bitte zieh Quellix manuell in den Programme-Ordner.");
+  EXPECT_EQ(seen.informativeText,
+            "Bitte verschiebe den Ordner Quellix selbst nach ~/Applications.");
   EXPECT_EQ(seen.buttons.size(), 1);
 }
 
