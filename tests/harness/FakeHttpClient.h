@@ -26,7 +26,6 @@ class FakeHttpClient final : public HttpClient {
     pending.pop_front();
     done(std::move(reply));
   }
-  void answer(const std::string& body) { answer(Reply{.body = body}); }
 
   std::vector<std::string> requests;
   std::vector<Duration> timeouts;
