@@ -217,28 +217,15 @@ declines Escape
 # chose: the value's own escapes undone, then the first word without its double quotes and
 # their backslash escapes, "%%" as "%".
 exec_program() {
-  local value=$1 text='' word='' quoted=0 i c
-  for ((i = 0; i < ${#value}; i++)); do
-    c=${value:i:1}
-    if [ "$c" == '\' ] && ((i + 1 < ${#value})); then
-      i=$((i + 1))
-      case ${value:i:1} in
-        s) c=' ' ;;
-        n) c=$'\n' ;;
-        t) c=$'\t' ;;
-        r) c=$'\r' ;;
-        '\') c='\' ;;
-        *) c="\\${value:i:1}" ;;
-      esac
-    fi
-    text+=$c
-  done
+  local text=${1//'\\'/$'\1'} word='' quoted=0 i c
+  text=${text//'\s'/ }
+  text=${text//'\n'/$'\n'}
+  text=${text//'\t'/$'\t'}
+  text=${text//'\r'/$'\r'}
+  text=${text//$'\1'/'\'}
   for ((i = 0; i < ${#text}; i++)); do
     c=${text:i:1}
-    if [ "$c" == '%' ] && [ "${text:i+1:1}" == '%' ]; then
-      i=$((i + 1))
-      word+='%'
-    elif ((quoted)) && [ "$c" == '\' ] && ((i + 1 < ${#text})); then
+    if [ "$c" == '%' ] && [ "${text:i+1:1}" == '%' ] || { ((quoted)) && [ "$c" == '\' ]; }; then
       i=$((i + 1))
       word+=${text:i:1}
     elif [ "$c" == '"' ]; then
