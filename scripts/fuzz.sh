@@ -24,8 +24,13 @@ artifacts=build/asan/fuzz-artifacts
 mkdir -p "$artifacts"
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
-# Qt seeds its hashes at random; a fixed seed keeps the coverage of one run like the next.
+# Qt seeds its hashes at random, and the fuzzer learns from compared values, addresses among
+# them: a fixed hash seed and no address randomisation keep one run's path like the next.
 export QT_HASH_SEED=0
+same_addresses=()
+if setarch "$(uname -m)" -R true 2>/dev/null; then
+  same_addresses=(setarch "$(uname -m)" -R)
+fi
 
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
@@ -42,7 +47,7 @@ for name in "${targets[@]}"; do
   # New inputs go to the first folder, a scratch one: the tree's corpus stays as it is.
   mkdir -p "$scratch/$name"
   echo "-- $name: corpus and $runs runs from seed $seed"
-  if ! "$binary" "${options[@]}" "$scratch/$name" "fuzz/corpus/$name" >"$scratch/$name.log" 2>&1; then
+  if ! "${same_addresses[@]}" "$binary" "${options[@]}" "$scratch/$name" "fuzz/corpus/$name" >"$scratch/$name.log" 2>&1; then
     tail -n 60 "$scratch/$name.log"
     echo "fuzz_$name failed; the input is in $artifacts/" >&2
     exit 1
