@@ -24,11 +24,13 @@ if [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] && pactl info >/dev/null 2>&1; then
 fi
 
 # No desktop here: make one of our own, with nothing of it left behind on exit.
+source scripts/private-desktop.sh
 runtime=$(mktemp -d)
 pids=()
 cleanup() {
-  # Newest first: Quellix goes before the display and the servers it uses.
+  # Newest first: Quellix goes before the players, and they before the desktop they use.
   for ((i = ${#pids[@]} - 1; i >= 0; i--)); do kill "${pids[i]}" 2>/dev/null || true; done
+  private_desktop_stop
   # What feeds the players (and anything else started here) goes too.
   pkill -P $$ 2>/dev/null || true
   wait 2>/dev/null || true
@@ -37,34 +39,20 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 0' INT TERM
 
-export XDG_RUNTIME_DIR=$runtime XDG_CONFIG_HOME=$runtime/config
+private_desktop_runtime "$runtime"
+export XDG_CONFIG_HOME=$runtime/config
 mkdir -p "$XDG_CONFIG_HOME/quellix"
 # A demo shows the panel, not the first-run welcome.
 echo '{"onboardingCompleted": true}' >"$XDG_CONFIG_HOME/quellix/preferences.json"
 
 if [ -z "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ]; then
   echo "No display; starting Xvfb."
-  Xvfb :77 -screen 0 1280x800x24 -nolisten tcp >"$runtime/xvfb.log" 2>&1 &
-  pids+=($!)
-  export DISPLAY=:77
-  for _ in $(seq 50); do [ -e /tmp/.X11-unix/X77 ] && break; sleep 0.1; done
+  private_desktop_display
 fi
-if [ -z "${DBUS_SESSION_BUS_ADDRESS:-}" ]; then
-  eval "$(dbus-launch --sh-syntax)"
-  pids+=("$DBUS_SESSION_BUS_PID")
-fi
+[ -n "${DBUS_SESSION_BUS_ADDRESS:-}" ] || private_desktop_bus
 if ! pactl info >/dev/null 2>&1; then
   echo "No sound server answers; starting a private PulseAudio with two test players."
-  export PULSE_RUNTIME_PATH=$runtime/pulse
-  cat >"$runtime/quellix.pa" <<'PA'
-load-module module-native-protocol-unix auth-anonymous=1
-load-module module-null-sink sink_name=speakers
-set-default-sink speakers
-PA
-  pulseaudio -n -F "$runtime/quellix.pa" --daemonize=no --exit-idle-time=-1 \
-    --use-pid-file=no >"$runtime/server.log" 2>&1 &
-  pids+=($!)
-  for _ in $(seq 50); do pactl info >/dev/null 2>&1 && break; sleep 0.1; done
+  private_desktop_sound
   sleep infinity | "$player" --name "Test Tone A" --app-id org.example.ToneA >/dev/null &
   pids+=($!)
   sleep infinity | "$player" --name "Test Tone B" --frequency 660 >/dev/null &
@@ -79,10 +67,8 @@ screenshot=/tmp/quellix-panel.png
 panel_geometry() {
   xwininfo -root -children 2>/dev/null | awk '/"Quellix": \("quellix"/ {print $5; exit}'
 }
-for _ in $(seq 100); do
-  [ -n "$(panel_geometry)" ] && break
-  sleep 0.1
-done
+panel_shown() { [ -n "$(panel_geometry)" ]; }
+wait_for 10 panel_shown || true
 sleep 2
 import -window root -crop "$(panel_geometry)" +repage "$screenshot"
 echo "Quellix is running on display $DISPLAY; the panel's screenshot is $screenshot."

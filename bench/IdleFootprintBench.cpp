@@ -66,9 +66,12 @@ int measure(int seconds) {
 
   std::vector<Subject> subjects;
   subjects.push_back({"quellix", session.startQuellix()});
+  std::unique_ptr<TrayHost> tray;
   if (!session.eventually(
           [&] {
-            return session.trayItemProperty("IconName").toString() == "audio-volume-muted-symbolic";
+            tray = session.trayHost();
+            return tray && tray->itemProperty(QStringLiteral("IconName")).toString() ==
+                               "audio-volume-muted-symbolic";
           },
           std::chrono::seconds(30))) {
     std::fprintf(stderr, "Quellix did not come up with one application muted\n");

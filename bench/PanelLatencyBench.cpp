@@ -32,7 +32,6 @@ constexpr int kRate = 48000;
 constexpr int kChannels = 2;
 constexpr std::size_t kWindowFrames = kRate / 400;  // 2.5 ms
 constexpr double kLoudAbove = -30.0;
-constexpr double kSilentBelow = -80.0;
 constexpr auto kRecorderSettling = std::chrono::milliseconds(1500);
 constexpr auto kHold = std::chrono::milliseconds(600);
 // Where a mute's fall to silence is looked for, around the time the first pactl mute sets.
@@ -44,16 +43,9 @@ double milliseconds(Clock::duration duration) {
   return std::chrono::duration<double, std::milli>(duration).count();
 }
 
-double median(std::vector<double> values) {
-  if (values.empty()) {
-    return NAN;
-  }
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
 void report(const char* what, const std::vector<double>& values) {
-  std::printf("%-44s median %8.1f ms  min %8.1f  max %8.1f  (n=%zu)\n", what, median(values),
+  std::printf("%-44s median %8.1f ms  min %8.1f  max %8.1f  (n=%zu)\n", what,
+              values.empty() ? NAN : medianOf(values),
               values.empty() ? NAN : *std::min_element(values.begin(), values.end()),
               values.empty() ? NAN : *std::max_element(values.begin(), values.end()),
               values.size());
@@ -83,7 +75,7 @@ std::vector<std::size_t> silenceOnsets(const std::vector<float>& samples) {
     const double level = levelOf(samples.data() + start, windowSamples);
     if (level > kLoudAbove) {
       loud = true;
-    } else if (loud && level < kSilentBelow) {
+    } else if (loud && level < kSilentBelowDbfs) {
       onsets.push_back(start / kChannels);
       loud = false;
     }
@@ -102,23 +94,25 @@ int measure(int rounds) {
     std::fprintf(stderr, "no tray item\n");
     return 1;
   }
+  const auto tray = session.trayHost();
+  const auto trayIcon = [&] { return tray->itemProperty(QStringLiteral("IconName")).toString(); };
   const auto shown = [&] { return session.display().visibleWindow("Quellix").has_value(); };
 
   std::fprintf(stderr, "measuring the tray activation\n");
   std::vector<double> activation;
   for (int round = 0; round < rounds; ++round) {
     const auto start = Clock::now();
-    session.activateTrayItem(kTrayClick);
+    tray->activate(kTrayClick);
     if (!session.eventually(shown, std::chrono::seconds(5))) {
       std::fprintf(stderr, "the panel did not open\n");
       return 1;
     }
     activation.push_back(milliseconds(Clock::now() - start));
-    session.activateTrayItem(kTrayClick);
+    tray->activate(kTrayClick);
     session.eventually([&] { return !shown(); }, std::chrono::seconds(5));
   }
 
-  session.activateTrayItem(kTrayClick);
+  tray->activate(kTrayClick);
   std::optional<AccessibleUi::Element> row;
   if (!session.eventually([&] {
         return (row = session.ui().showingButton(quellix->pid(), QStringLiteral("alpha"),
@@ -166,9 +160,8 @@ int measure(int rounds) {
       const QPoint centre = row->extents.center();
       const auto at = Clock::now();
       session.display().click(centre.x(), centre.y());
-      const bool confirmed = session.eventually(
-          [&] { return session.trayItemProperty("IconName").toString() == icon; },
-          std::chrono::seconds(3));
+      const bool confirmed =
+          session.eventually([&] { return trayIcon() == icon; }, std::chrono::seconds(3));
       session.eventually([] { return false; }, kHold);
       if (!confirmed) {
         const auto after = session.ui().showingButton(
@@ -178,8 +171,7 @@ int measure(int rounds) {
                      "the icon did not follow a click on \"%s\" (now \"%s\", icon %s); the "
                      "panel is %s\n",
                      qPrintable(row->description), after ? qPrintable(after->description) : "",
-                     qPrintable(session.trayItemProperty("IconName").toString()),
-                     shown() ? "open" : "closed");
+                     qPrintable(trayIcon()), shown() ? "open" : "closed");
       }
       return confirmed ? std::optional(at) : std::optional<Clock::time_point>();
     };
@@ -241,7 +233,7 @@ int measure(int rounds) {
   std::printf("clicks the icon did not confirm: %d; mutes not heard within %lld ms: %d\n",
               lostClicks, static_cast<long long>(kLatest.count()), unheard);
   std::printf("row click to silence, beyond pactl: %.1f ms (median against median)\n",
-              median(byClick) - median(byPactl));
+              medianOf(byClick) - medianOf(byPactl));
   return 0;
 }
 

@@ -221,13 +221,13 @@ std::size_t frameAt(std::size_t frames, Clock::time_point stoppedAt, Clock::time
                                                : frames - static_cast<std::size_t>(before);
 }
 
-// Milliseconds from `from` until the first 50 ms below -60 dBFS in channel 0.
+// Milliseconds from `from` until the first 50 ms of silence in channel 0.
 std::optional<double> silenceAfter(const std::vector<float>& recording, std::size_t from) {
   constexpr std::size_t kSpan = kRate / 20;
-  constexpr float kQuiet = 0.001f;
+  const auto quiet = static_cast<float>(std::pow(10.0, testing::kSilentBelowDbfs / 20.0));
   std::size_t quietSince = from;
   for (std::size_t frame = from; frame < recording.size() / 2; ++frame) {
-    if (std::abs(recording[2 * frame]) >= kQuiet)
+    if (std::abs(recording[2 * frame]) >= quiet)
       quietSince = frame + 1;
     else if (frame + 1 - quietSince >= kSpan)
       return static_cast<double>(quietSince - from) * 1000.0 / kRate;

@@ -3,17 +3,15 @@
 #include <QDBusArgument>
 #include <QDBusMessage>
 #include <QDBusPendingCall>
-#include <QDBusReply>
-#include <QDBusVariant>
 #include <utility>
+
+#include "harness/DBusClient.h"
 
 namespace quellix::testing {
 namespace {
 
-const QString kConnectionName = QStringLiteral("quellix-test-a11y");
 const QString kAccessible = QStringLiteral("org.a11y.atspi.Accessible");
 const QString kComponent = QStringLiteral("org.a11y.atspi.Component");
-const QString kProperties = QStringLiteral("org.freedesktop.DBus.Properties");
 const QString kObjectPrefix = QStringLiteral("/org/a11y/atspi/accessible/");
 
 // Qt numbers its accessible objects upwards from here and never reuses a number, so the
@@ -25,31 +23,13 @@ constexpr quint64 kMostObjects = 65536;
 constexpr int kShowingStateBit = 25;
 constexpr int kScreenCoordinates = 0;
 
-QDBusMessage call(const QString& service, const QString& path, const QString& interface,
-                  const QString& method, const QVariantList& arguments = {}) {
-  auto message = QDBusMessage::createMethodCall(service, path, interface, method);
-  message.setArguments(arguments);
-  return message;
-}
-
-QVariant replyValue(const QDBusMessage& reply) {
-  if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty()) {
-    return {};
-  }
-  QVariant value = reply.arguments().first();
-  if (value.canConvert<QDBusVariant>()) {
-    value = value.value<QDBusVariant>().variant();
-  }
-  return value;
-}
-
 }  // namespace
 
 AccessibleUi::AccessibleUi(QDBusConnection session) : session_(std::move(session)) {}
 
 AccessibleUi::~AccessibleUi() {
   if (bus_) {
-    QDBusConnection::disconnectFromBus(kConnectionName);
+    QDBusConnection::disconnectFromBus(bus_->name());
   }
 }
 
@@ -59,40 +39,20 @@ bool AccessibleUi::connect() {
   }
   // Asking for the address starts the accessibility bus when the session has none yet.
   const QDBusMessage reply =
-      session_.call(call(QStringLiteral("org.a11y.Bus"), QStringLiteral("/org/a11y/bus"),
-                         QStringLiteral("org.a11y.Bus"), QStringLiteral("GetAddress")));
-  const QString address = replyValue(reply).toString();
-  if (address.isEmpty()) {
+      callAndWait(session_, QStringLiteral("org.a11y.Bus"), QStringLiteral("/org/a11y/bus"),
+                  QStringLiteral("org.a11y.Bus"), QStringLiteral("GetAddress"));
+  const QString address = reply.arguments().value(0).toString();
+  if (reply.type() != QDBusMessage::ReplyMessage || address.isEmpty()) {
     return false;
   }
-  bus_ = QDBusConnection::connectToBus(address, kConnectionName);
+  bus_ = connectPrivately(address);
   return bus_->isConnected();
-}
-
-QString AccessibleUi::busNameOf(pid_t pid) {
-  const QString daemon = QStringLiteral("org.freedesktop.DBus");
-  const QString path = QStringLiteral("/org/freedesktop/DBus");
-  const QStringList names =
-      replyValue(bus_->call(call(daemon, path, daemon, QStringLiteral("ListNames"))))
-          .toStringList();
-  for (const QString& name : names) {
-    if (!name.startsWith(QLatin1Char(':'))) {
-      continue;
-    }
-    const QVariant owner = replyValue(bus_->call(
-        call(daemon, path, daemon, QStringLiteral("GetConnectionUnixProcessID"), {name})));
-    if (owner.isValid() && owner.toUInt() == static_cast<unsigned>(pid)) {
-      return name;
-    }
-  }
-  return {};
 }
 
 std::optional<AccessibleUi::Element> AccessibleUi::describe(const QString& service,
                                                             const QString& path) {
   const auto property = [&](const QString& name) {
-    return replyValue(
-        bus_->call(call(service, path, kProperties, QStringLiteral("Get"), {kAccessible, name})));
+    return propertyOf(*bus_, service, path, kAccessible, name);
   };
   Element element;
   element.path = path;
@@ -100,15 +60,15 @@ std::optional<AccessibleUi::Element> AccessibleUi::describe(const QString& servi
   element.description = property(QStringLiteral("Description")).toString();
 
   const QDBusMessage state =
-      bus_->call(call(service, path, kAccessible, QStringLiteral("GetState")));
+      callAndWait(*bus_, service, path, kAccessible, QStringLiteral("GetState"));
   if (state.type() != QDBusMessage::ReplyMessage) {
     return std::nullopt;
   }
   const auto stateWords = qdbus_cast<QList<uint>>(state.arguments().first());
   element.showing = !stateWords.isEmpty() && (stateWords.first() >> kShowingStateBit & 1U) != 0;
 
-  const QDBusMessage extents = bus_->call(
-      call(service, path, kComponent, QStringLiteral("GetExtents"), {uint(kScreenCoordinates)}));
+  const QDBusMessage extents = callAndWait(
+      *bus_, service, path, kComponent, QStringLiteral("GetExtents"), {uint(kScreenCoordinates)});
   if (extents.type() == QDBusMessage::ReplyMessage) {
     const auto argument = extents.arguments().first().value<QDBusArgument>();
     int x = 0;
@@ -127,7 +87,7 @@ std::vector<AccessibleUi::Element> AccessibleUi::showingButtons(pid_t pid) {
   if (!connect()) {
     return {};
   }
-  const QString service = busNameOf(pid);
+  const QString service = nameOwnedBy(*bus_, pid, QStringLiteral(":"));
   if (service.isEmpty()) {
     return {};
   }
@@ -139,8 +99,8 @@ std::vector<AccessibleUi::Element> AccessibleUi::showingButtons(pid_t pid) {
     std::vector<std::pair<QString, QDBusPendingCall>> probes;
     for (quint64 id = first; id < first + kProbeBatch; ++id) {
       const QString path = kObjectPrefix + QString::number(id);
-      probes.emplace_back(
-          path, bus_->asyncCall(call(service, path, kAccessible, QStringLiteral("GetRoleName"))));
+      probes.emplace_back(path, bus_->asyncCall(QDBusMessage::createMethodCall(
+                                    service, path, kAccessible, QStringLiteral("GetRoleName"))));
     }
     for (auto& [path, pending] : probes) {
       pending.waitForFinished();
@@ -149,7 +109,7 @@ std::vector<AccessibleUi::Element> AccessibleUi::showingButtons(pid_t pid) {
         continue;
       }
       lastFound = path.mid(kObjectPrefix.size()).toULongLong();
-      if (replyValue(reply).toString() != QLatin1String("push button")) {
+      if (reply.arguments().value(0).toString() != QLatin1String("push button")) {
         continue;
       }
       if (auto element = describe(service, path); element && element->showing) {

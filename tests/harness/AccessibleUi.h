@@ -38,7 +38,6 @@ class AccessibleUi {
 
  private:
   bool connect();
-  QString busNameOf(pid_t pid);
   std::optional<Element> describe(const QString& service, const QString& path);
 
   QDBusConnection session_;

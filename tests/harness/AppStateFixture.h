@@ -1,11 +1,11 @@
 #pragma once
 
-#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "harness/FakeHttpClient.h"
 #include "harness/FakeSystem.h"
 #include "harness/TestSupport.h"
 #include "state/AppState.h"
@@ -35,23 +35,6 @@ class FakeLoginItem final : public LoginItem {
     }
     status_ = result;
   }
-};
-
-// Answers GET requests only when the test says so.
-class FakeHttpClient final : public HttpClient {
- public:
-  void get(const std::string& url, Duration, std::function<void(Reply)> done) override {
-    requests.push_back(url);
-    pending.push_back(std::move(done));
-  }
-  void answer(Reply reply) {
-    auto done = std::move(pending.front());
-    pending.pop_front();
-    done(std::move(reply));
-  }
-
-  std::vector<std::string> requests;
-  std::deque<std::function<void(Reply)>> pending;
 };
 
 // An auxiliary window that only counts what is done to it.

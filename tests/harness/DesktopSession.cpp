@@ -3,18 +3,9 @@
 #include <stdlib.h>
 
 #include <QCoreApplication>
-#include <QDBusArgument>
-#include <QDBusMessage>
-#include <QDBusVariant>
 #include <fstream>
 
 namespace quellix::testing {
-namespace {
-
-const QString kClientConnection = QStringLiteral("quellix-test-client");
-const QString kItemInterface = QStringLiteral("org.kde.StatusNotifierItem");
-
-}  // namespace
 
 DesktopSession::DesktopSession(Options options)
     : server_(std::make_unique<SoundServer>(SoundServer::Kind::pulseAudio)),
@@ -22,10 +13,8 @@ DesktopSession::DesktopSession(Options options)
       // Started after the display and the server's folders are named: the accessibility bus
       // it starts on demand inherits them.
       sessionBus_(std::make_unique<SessionBus>()),
-      bus_(QDBusConnection::connectToBus(QString::fromStdString(sessionBus_->address()),
-                                         kClientConnection)),
-      watcher_(
-          std::make_unique<StatusNotifierWatcher>(QString::fromStdString(sessionBus_->address()))),
+      bus_(connectPrivately()),
+      watcher_(std::make_unique<StatusNotifierWatcher>()),
       ui_(std::make_unique<AccessibleUi>(bus_)),
       configHome_(server_->runtimeDir() / "config") {
   std::filesystem::create_directories(configHome_ / "quellix");
@@ -39,7 +28,7 @@ DesktopSession::~DesktopSession() {
   players_.clear();
   ui_.reset();
   watcher_.reset();
-  QDBusConnection::disconnectFromBus(kClientConnection);
+  QDBusConnection::disconnectFromBus(bus_.name());
   sessionBus_.reset();
   x_.reset();
   server_.reset();
@@ -72,69 +61,9 @@ std::optional<QString> DesktopSession::trayItem() const {
   return items.last();
 }
 
-std::pair<QString, QString> DesktopSession::splitItem(const QString& item) const {
-  const auto slash = item.indexOf(QLatin1Char('/'));
-  return {item.left(slash), item.mid(slash)};
-}
-
-QVariant DesktopSession::trayItemProperty(const QString& name) {
+std::unique_ptr<TrayHost> DesktopSession::trayHost() const {
   const auto item = trayItem();
-  if (!item) {
-    return {};
-  }
-  const auto [service, path] = splitItem(*item);
-  auto message = QDBusMessage::createMethodCall(
-      service, path, QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
-  message << kItemInterface << name;
-  const QDBusMessage reply = bus_.call(message);
-  if (reply.type() != QDBusMessage::ReplyMessage) {
-    return {};
-  }
-  return reply.arguments().first().value<QDBusVariant>().variant();
-}
-
-bool DesktopSession::trayIconHasPixmap() {
-  const QVariant value = trayItemProperty(QStringLiteral("IconPixmap"));
-  if (!value.canConvert<QDBusArgument>()) {
-    return false;
-  }
-  // a(iiay): width, height, ARGB32 data of each size.
-  const auto argument = value.value<QDBusArgument>();
-  bool present = false;
-  argument.beginArray();
-  while (!argument.atEnd()) {
-    int width = 0;
-    int height = 0;
-    QByteArray data;
-    argument.beginStructure();
-    argument >> width >> height >> data;
-    argument.endStructure();
-    present = present || (width > 0 && height > 0 && data.size() == width * height * 4);
-  }
-  argument.endArray();
-  return present;
-}
-
-bool DesktopSession::activateTrayItem(QPoint where) {
-  const auto item = trayItem();
-  if (!item) {
-    return false;
-  }
-  const auto [service, path] = splitItem(*item);
-  auto message =
-      QDBusMessage::createMethodCall(service, path, kItemInterface, QStringLiteral("Activate"));
-  message << where.x() << where.y();
-  return bus_.call(message).type() == QDBusMessage::ReplyMessage;
-}
-
-std::unique_ptr<SignalCounter> DesktopSession::countNewIcon() {
-  auto counter = std::make_unique<SignalCounter>();
-  if (const auto item = trayItem()) {
-    const auto [service, path] = splitItem(*item);
-    bus_.connect(service, path, kItemInterface, QStringLiteral("NewIcon"), counter.get(),
-                 SLOT(record()));
-  }
-  return counter;
+  return item ? std::make_unique<TrayHost>(*item) : nullptr;
 }
 
 bool DesktopSession::eventually(const std::function<bool()>& condition,

@@ -3,8 +3,6 @@
 #include <sys/types.h>
 
 #include <QDBusConnection>
-#include <QObject>
-#include <QPoint>
 #include <QString>
 #include <chrono>
 #include <filesystem>
@@ -20,23 +18,10 @@
 #include "harness/SoundServer.h"
 #include "harness/StatusNotifierWatcher.h"
 #include "harness/TestPlayerProcess.h"
+#include "harness/TrayHost.h"
 #include "harness/XServer.h"
 
 namespace quellix::testing {
-
-// Counts a D-Bus signal.
-class SignalCounter final : public QObject {
-  Q_OBJECT
-
- public:
-  int count() const { return count_; }
-
- public slots:
-  void record() { ++count_; }
-
- private:
-  int count_ = 0;
-};
 
 // A desktop of the test's own for the whole program: a private sound server, a headless X
 // display, a session bus with a tray watcher that says a host is there, and a private
@@ -56,7 +41,6 @@ class DesktopSession {
   SoundServer& server() { return *server_; }
   const XServer& display() const { return *x_; }
   AccessibleUi& ui() { return *ui_; }
-  QDBusConnection& bus() { return bus_; }
   const std::filesystem::path& scratchDir() const { return server_->runtimeDir(); }
 
   // A test player playing to `sink` ("out1" is the default).
@@ -66,21 +50,16 @@ class DesktopSession {
   // The program, started as a user would; its output goes to a log in the scratch folder.
   std::unique_ptr<ChildProcess> startQuellix(const std::vector<std::string>& arguments = {});
 
-  // The tray item the watcher heard of, as "<bus name><path>", once there is one.
+  // The tray item the watcher heard of last, as "<bus name><path>", once there is one.
   std::optional<QString> trayItem() const;
-  QVariant trayItemProperty(const QString& name);
-  bool trayIconHasPixmap();
-  bool activateTrayItem(QPoint where);
-  // Counts the item's NewIcon signals from now on.
-  std::unique_ptr<SignalCounter> countNewIcon();
+  // A tray host for that item.
+  std::unique_ptr<TrayHost> trayHost() const;
 
   // Polls `condition` while serving this process's D-Bus objects.
   bool eventually(const std::function<bool()>& condition,
                   std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
  private:
-  std::pair<QString, QString> splitItem(const QString& item) const;
-
   std::unique_ptr<SoundServer> server_;
   std::unique_ptr<XServer> x_;
   std::unique_ptr<SessionBus> sessionBus_;

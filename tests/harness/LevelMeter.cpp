@@ -70,6 +70,20 @@ double medianOf(std::vector<double> levels) {
   return levels[levels.size() / 2];
 }
 
+double medianOfLast(const std::vector<double>& levels, std::size_t count) {
+  const auto first =
+      levels.size() > count ? levels.end() - static_cast<long>(count) : levels.begin();
+  return medianOf(std::vector<double>(first, levels.end()));
+}
+
+std::string describeLevels(const std::vector<double>& levels) {
+  std::string text;
+  for (double level : levels) {
+    text += std::to_string(level).substr(0, 6) + " ";
+  }
+  return text;
+}
+
 double settledLevel(const std::filesystem::path& scratchDir, const std::string& source,
                     std::chrono::milliseconds span, std::string* levels) {
   // parec needs about a second before it delivers what the source plays.
@@ -79,14 +93,9 @@ double settledLevel(const std::filesystem::path& scratchDir, const std::string& 
   std::this_thread::sleep_for(kRecorderSettling + span);
   const auto all = recording.stop(kWindow);
   if (levels != nullptr) {
-    levels->clear();
-    for (double level : all) {
-      *levels += std::to_string(level).substr(0, 6) + " ";
-    }
+    *levels = describeLevels(all);
   }
-  const auto windows = static_cast<std::size_t>(span / kWindow);
-  const auto first = all.size() > windows ? all.end() - static_cast<long>(windows) : all.begin();
-  return medianOf(std::vector<double>(first, all.end()));
+  return medianOfLast(all, static_cast<std::size_t>(span / kWindow));
 }
 
 }  // namespace quellix::testing

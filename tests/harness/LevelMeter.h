@@ -10,6 +10,17 @@
 
 namespace quellix::testing {
 
+// Below this an output counts as silent, above kHeardAboveDbfs as playing.
+constexpr double kSilentBelowDbfs = -60.0;
+constexpr double kHeardAboveDbfs = -20.0;
+// A sine of amplitude 0.5, the test player's own: its RMS level.
+constexpr double kToneDbfs = -9.03;
+// A gain of 0.5, and the sum of two such tones at different pitches.
+constexpr double kHalfGainDb = -6.02;
+constexpr double kTwoTonesDb = 3.01;
+// How far a level measured at the output may stray from the one expected.
+constexpr double kLevelToleranceDb = 0.5;
+
 // Records a source (a sink's monitor) in the background as float32 stereo at 48 kHz, and
 // reports the level of each window of the recording in dBFS (RMS).
 class MonitorRecording {
@@ -39,5 +50,9 @@ double settledLevel(const std::filesystem::path& scratchDir, const std::string& 
                     std::string* levels = nullptr);
 
 double medianOf(std::vector<double> levels);
+// The median of the last `count` levels.
+double medianOfLast(const std::vector<double>& levels, std::size_t count);
+// Levels as text for a failure's message.
+std::string describeLevels(const std::vector<double>& levels);
 
 }  // namespace quellix::testing

@@ -8,8 +8,12 @@
 
 #include <cstring>
 #include <fstream>
+#include <map>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
+
+#include "harness/LevelMeter.h"
 
 namespace quellix::testing {
 namespace {
@@ -65,14 +69,7 @@ SoundServer::SoundServer(Kind kind) : kind_(kind), runtimeDir_(makeRuntimeDir())
   ::setenv("HOME", runtimeDir_.c_str(), 1);
   ::unsetenv("PULSE_SERVER");
   if (kind_ == Kind::pipeWire) {
-    bus_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"dbus-daemon", "--session", "--nofork", "--print-address"},
-        ChildProcess::Options{.pipeStdout = true});
-    const auto address = bus_->readLine(std::chrono::seconds(10));
-    if (!address) {
-      throw std::runtime_error("no session bus");
-    }
-    ::setenv("DBUS_SESSION_BUS_ADDRESS", address->c_str(), 1);
+    bus_ = std::make_unique<SessionBus>();
   }
   start();
 }
@@ -188,6 +185,42 @@ bool SoundServer::answers() const {
   } catch (const std::exception&) {
     return false;
   }
+}
+
+double SoundServer::level(const std::string& sink, std::chrono::milliseconds span) {
+  return settledLevel(runtimeDir_, sink + ".monitor", span, &lastLevels_);
+}
+
+std::vector<SoundServer::SinkInput> SoundServer::sinkInputs() const {
+  // "list short" gives a sink by number; the sinks' own listing names the numbers.
+  std::map<std::string, std::string> sinkNames;
+  std::istringstream sinks(pactl({"list", "short", "sinks"}));
+  for (std::string index, name, rest; sinks >> index >> name && std::getline(sinks, rest);) {
+    sinkNames[index] = name;
+  }
+  std::vector<SinkInput> inputs;
+  std::istringstream streams(pactl({"list", "short", "sink-inputs"}));
+  for (std::string index, sink, rest; streams >> index >> sink && std::getline(streams, rest);) {
+    inputs.push_back({index, sinkNames[sink]});
+  }
+  return inputs;
+}
+
+bool SoundServer::holdsNothingOfOurs() const {
+  return pactl({"list", "short", "modules"}).find("quellix") == std::string::npos &&
+         pactl({"list", "short", "sinks"}).find("quellix") == std::string::npos &&
+         pactl({"list", "sink-inputs"}).find("quellix.io") == std::string::npos;
+}
+
+void SoundServer::removeSink(const std::string& sink) const {
+  std::istringstream modules(pactl({"list", "short", "modules"}));
+  for (std::string line; std::getline(modules, line);) {
+    if (line.find("sink_name=" + sink) != std::string::npos) {
+      pactl({"unload-module", line.substr(0, line.find('\t'))});
+      return;
+    }
+  }
+  throw std::runtime_error("no module made the sink " + sink);
 }
 
 std::string SoundServer::pactl(const std::vector<std::string>& arguments) const {

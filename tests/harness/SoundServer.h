@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "harness/ChildProcess.h"
+#include "harness/SessionBus.h"
 
 namespace quellix::testing {
 
@@ -32,7 +33,22 @@ class SoundServer {
   bool setDefaultSink(const std::string& name) const;
   std::filesystem::path socketPath() const { return runtimeDir_ / "pulse" / "native"; }
   const std::filesystem::path& runtimeDir() const { return runtimeDir_; }
-  Kind kind() const { return kind_; }
+
+  // The median level at `sink`'s output once the recorder settled; lastLevels() lists every
+  // window of that recording, for a failure's message.
+  double level(const std::string& sink = "out1",
+               std::chrono::milliseconds span = std::chrono::milliseconds(1500));
+  const std::string& lastLevels() const { return lastLevels_; }
+
+  struct SinkInput {
+    std::string index;
+    std::string sink;  // its name
+  };
+  std::vector<SinkInput> sinkInputs() const;
+  // Whether the server holds anything of Quellix's: a module, a sink or a stream.
+  bool holdsNothingOfOurs() const;
+  // Unloads the module that made `sink`, as when its device is unplugged.
+  void removeSink(const std::string& sink) const;
 
   static std::string name(Kind kind);
 
@@ -46,7 +62,8 @@ class SoundServer {
   Kind kind_;
   std::filesystem::path runtimeDir_;
   std::vector<std::unique_ptr<ChildProcess>> processes_;
-  std::unique_ptr<ChildProcess> bus_;
+  std::unique_ptr<SessionBus> bus_;  // PipeWire's session manager needs one
+  std::string lastLevels_;
 };
 
 // Polls `condition` (running `pump` before each look) until it holds or `timeout` passes.

@@ -2,16 +2,21 @@
 
 #include <stdexcept>
 
+#include "harness/DBusClient.h"
+
 namespace quellix::testing {
-namespace {
 
-const QString kConnectionName = QStringLiteral("quellix-test-watcher");
-const QString kDefaultItemPath = QStringLiteral("/StatusNotifierItem");
+StatusNotifierWatcherAdaptor::StatusNotifierWatcherAdaptor(QObject* object, bool hostRegistered)
+    : QDBusAbstractAdaptor(object), hostRegistered_(hostRegistered) {}
 
-}  // namespace
-
-StatusNotifierWatcherAdaptor::StatusNotifierWatcherAdaptor(QObject* object)
-    : QDBusAbstractAdaptor(object) {}
+void StatusNotifierWatcherAdaptor::setHostRegistered(bool registered) {
+  hostRegistered_ = registered;
+  if (registered) {
+    emit StatusNotifierHostRegistered();
+  } else {
+    emit StatusNotifierHostUnregistered();
+  }
+}
 
 void StatusNotifierWatcherAdaptor::RegisterStatusNotifierItem(const QString& serviceOrPath,
                                                               const QDBusMessage& message) {
@@ -19,16 +24,18 @@ void StatusNotifierWatcherAdaptor::RegisterStatusNotifierItem(const QString& ser
   // connection).
   const QString item = serviceOrPath.startsWith(QLatin1Char('/'))
                            ? message.service() + serviceOrPath
-                           : serviceOrPath + kDefaultItemPath;
+                           : serviceOrPath + QStringLiteral("/StatusNotifierItem");
   registeredItems_.append(item);
   emit StatusNotifierItemRegistered(item);
 }
 
-void StatusNotifierWatcherAdaptor::RegisterStatusNotifierHost(const QString& /*service*/) {}
+void StatusNotifierWatcherAdaptor::RegisterStatusNotifierHost(const QString& /*service*/) {
+  setHostRegistered(true);
+}
 
-StatusNotifierWatcher::StatusNotifierWatcher(const QString& busAddress)
-    : adaptor_(new StatusNotifierWatcherAdaptor(&object_)),
-      bus_(QDBusConnection::connectToBus(busAddress, kConnectionName)) {
+StatusNotifierWatcher::StatusNotifierWatcher(bool hostRegistered)
+    : adaptor_(new StatusNotifierWatcherAdaptor(&object_, hostRegistered)),
+      bus_(connectPrivately()) {
   if (!bus_.registerObject(QStringLiteral("/StatusNotifierWatcher"), &object_,
                            QDBusConnection::ExportAdaptors) ||
       !bus_.registerService(QStringLiteral("org.kde.StatusNotifierWatcher"))) {
@@ -38,7 +45,7 @@ StatusNotifierWatcher::StatusNotifierWatcher(const QString& busAddress)
 }
 
 StatusNotifierWatcher::~StatusNotifierWatcher() {
-  QDBusConnection::disconnectFromBus(kConnectionName);
+  QDBusConnection::disconnectFromBus(bus_.name());
 }
 
 }  // namespace quellix::testing

@@ -8,7 +8,8 @@
 
 namespace quellix::testing {
 
-// What a tray host's watcher says on the bus: a host is there, and which items registered.
+// What a tray host's watcher says on the bus: whether a host is there, and which items
+// registered.
 class StatusNotifierWatcherAdaptor final : public QDBusAbstractAdaptor {
   Q_OBJECT
   Q_CLASSINFO("D-Bus Interface", "org.kde.StatusNotifierWatcher")
@@ -17,36 +18,41 @@ class StatusNotifierWatcherAdaptor final : public QDBusAbstractAdaptor {
   Q_PROPERTY(int ProtocolVersion READ protocolVersion)
 
  public:
-  explicit StatusNotifierWatcherAdaptor(QObject* object);
+  StatusNotifierWatcherAdaptor(QObject* object, bool hostRegistered);
 
-  // Each as "<bus name><object path>", the way hosts list them.
+  // Each as "<bus name><object path>", the way hosts list them and the signals name them.
   QStringList registeredItems() const { return registeredItems_; }
-  bool isHostRegistered() const { return true; }
+  bool isHostRegistered() const { return hostRegistered_; }
   int protocolVersion() const { return 0; }
+  void setHostRegistered(bool registered);
 
  public slots:
   void RegisterStatusNotifierItem(const QString& serviceOrPath, const QDBusMessage& message);
   void RegisterStatusNotifierHost(const QString& service);
 
  signals:
-  void StatusNotifierItemRegistered(const QString& service);
-  void StatusNotifierItemUnregistered(const QString& service);
+  void StatusNotifierItemRegistered(const QString& item);
+  void StatusNotifierItemUnregistered(const QString& item);
   void StatusNotifierHostRegistered();
   void StatusNotifierHostUnregistered();
 
  private:
   QStringList registeredItems_;
+  bool hostRegistered_;
 };
 
-// The watcher as a separate program would run it, on a connection of its own.
+// The watcher a tray host runs, on a connection of its own to this process's session bus, so
+// that it comes and goes on the bus like a separate program.
 class StatusNotifierWatcher {
  public:
-  explicit StatusNotifierWatcher(const QString& busAddress);
+  explicit StatusNotifierWatcher(bool hostRegistered = true);
   ~StatusNotifierWatcher();
   StatusNotifierWatcher(const StatusNotifierWatcher&) = delete;
   StatusNotifierWatcher& operator=(const StatusNotifierWatcher&) = delete;
 
+  StatusNotifierWatcherAdaptor* adaptor() const { return adaptor_; }
   QStringList registeredItems() const { return adaptor_->registeredItems(); }
+  void setHostRegistered(bool registered) { adaptor_->setHostRegistered(registered); }
 
  private:
   QObject object_;

@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 
+#include <map>
 #include <sstream>
 #include <stdexcept>
 
@@ -40,39 +41,22 @@ XServer::XServer() {
 XServer::~XServer() = default;
 
 std::optional<XServer::Geometry> XServer::visibleWindow(const std::string& title) const {
-  const auto ids = tryProgram({"xdotool", "search", "--onlyvisible", "--name", "^" + title + "$"});
-  if (!ids) {
-    return std::nullopt;
-  }
-  std::istringstream idLines(*ids);
-  std::string id;
-  if (!std::getline(idLines, id) || id.empty()) {
-    return std::nullopt;
-  }
-  const auto shell = tryProgram({"xdotool", "getwindowgeometry", "--shell", id});
+  const auto shell = tryProgram({"xdotool", "search", "--onlyvisible", "--limit", "1", "--name",
+                                 "^" + title + "$", "getwindowgeometry", "--shell"});
   if (!shell) {
     return std::nullopt;
   }
-  Geometry geometry;
+  std::map<std::string, int> values;
   std::istringstream lines(*shell);
   for (std::string line; std::getline(lines, line);) {
-    const auto equals = line.find('=');
-    if (equals == std::string::npos) {
-      continue;
-    }
-    const std::string name = line.substr(0, equals);
-    const int value = std::atoi(line.c_str() + equals + 1);
-    if (name == "X") {
-      geometry.x = value;
-    } else if (name == "Y") {
-      geometry.y = value;
-    } else if (name == "WIDTH") {
-      geometry.width = value;
-    } else if (name == "HEIGHT") {
-      geometry.height = value;
+    if (const auto equals = line.find('='); equals != std::string::npos) {
+      values[line.substr(0, equals)] = std::atoi(line.c_str() + equals + 1);
     }
   }
-  return geometry;
+  if (!values.contains("WINDOW")) {
+    return std::nullopt;
+  }
+  return Geometry{values["X"], values["Y"], values["WIDTH"], values["HEIGHT"]};
 }
 
 void XServer::click(int x, int y) const {
@@ -81,10 +65,6 @@ void XServer::click(int x, int y) const {
   // A user's pointer arrives from somewhere: widgets see it enter before the press.
   runProgram({"xdotool", "mousemove", std::to_string(x + 1), std::to_string(y + 1), "mousemove",
               std::to_string(x), std::to_string(y), "click", "1"});
-}
-
-void XServer::key(const std::string& keys) const {
-  runProgram({"xdotool", "key", keys});
 }
 
 }  // namespace quellix::testing

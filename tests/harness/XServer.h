@@ -9,7 +9,7 @@
 namespace quellix::testing {
 
 // A headless X server (Xvfb) on a display number nobody else uses, and the few things the
-// tests do on it: find a mapped window, click, type.
+// tests do on it: find a mapped window, click.
 class XServer {
  public:
   struct Geometry {
@@ -35,7 +35,6 @@ class XServer {
   // Moves the pointer there and presses and releases the first button: real input, as a
   // user's.
   void click(int x, int y) const;
-  void key(const std::string& keys) const;
 
  private:
   std::unique_ptr<ChildProcess> process_;

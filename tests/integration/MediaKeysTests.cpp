@@ -18,7 +18,9 @@
 #include "desktop/mpris/MprisEventPoster.h"
 #include "engine/media/MediaKeys.h"
 #include "harness/ChildProcess.h"
+#include "harness/DBusClient.h"
 #include "harness/LevelMeter.h"
+#include "harness/SessionBus.h"
 #include "harness/SoundServer.h"
 #include "support/Logger.h"
 
@@ -26,14 +28,13 @@ namespace quellix {
 namespace {
 
 using testing::ChildProcess;
+using testing::kHeardAboveDbfs;
+using testing::kSilentBelowDbfs;
 using testing::SoundServer;
 
 const QString kPlayerPath = QStringLiteral("/org/mpris/MediaPlayer2");
 const QString kPlayerInterface = QStringLiteral("org.mpris.MediaPlayer2.Player");
 constexpr auto kMprisPlugin = "/usr/lib/mpv-mpris/mpris.so";
-// A steady tone at half scale is about -9 dBFS; a paused player leaves digital silence.
-constexpr double kSoundAbove = -20.0;
-constexpr double kSilenceBelow = -80.0;
 constexpr auto kLevelSpan = std::chrono::milliseconds(500);
 
 QCoreApplication& application() {
@@ -54,14 +55,8 @@ class MediaKeysIntegrationTest : public ::testing::Test {
     application();
     previousSink_ = Logger::installSink(logs_);
     server_ = std::make_unique<SoundServer>(SoundServer::Kind::pulseAudio);
-    bus_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"dbus-daemon", "--session", "--nofork", "--print-address"},
-        ChildProcess::Options{.pipeStdout = true});
-    const auto address = bus_->readLine(std::chrono::seconds(10));
-    ASSERT_TRUE(address) << "no session bus";
-    ::setenv("DBUS_SESSION_BUS_ADDRESS", address->c_str(), 1);
-    connection_ = std::make_unique<QDBusConnection>(
-        QDBusConnection::connectToBus(QString::fromStdString(*address), "media-keys-test"));
+    bus_ = std::make_unique<testing::SessionBus>();
+    connection_ = std::make_unique<QDBusConnection>(testing::connectPrivately());
     ASSERT_TRUE(connection_->isConnected());
 
     poster_ = std::make_shared<MprisEventPoster>();
@@ -75,8 +70,8 @@ class MediaKeysIntegrationTest : public ::testing::Test {
     installAccessibilityTrust(previousTrust_);
     poster_.reset();
     players_.clear();
+    QDBusConnection::disconnectFromBus(connection_->name());
     connection_.reset();
-    QDBusConnection::disconnectFromBus("media-keys-test");
     bus_.reset();
     server_.reset();
     EXPECT_TRUE(logs_->messages().empty()) << logs_->messages().front();
@@ -102,7 +97,7 @@ class MediaKeysIntegrationTest : public ::testing::Test {
     const pid_t pid = players_.back()->pid();
     QString name;
     EXPECT_TRUE(eventually([&] {
-      name = nameOwnedBy(pid);
+      name = testing::nameOwnedBy(*connection_, pid, QStringLiteral("org.mpris.MediaPlayer2."));
       return !name.isEmpty() && poster_->isFollowing() &&
              poster_->choice().status(name.toStdString()).has_value();
     })) << "mpv did not show up on the bus; see "
@@ -110,40 +105,8 @@ class MediaKeysIntegrationTest : public ::testing::Test {
     return name;
   }
 
-  QString nameOwnedBy(pid_t pid) {
-    const QDBusMessage reply = busCall("ListNames", {});
-    if (reply.type() != QDBusMessage::ReplyMessage) {
-      return {};
-    }
-    for (const QString& name : reply.arguments().first().toStringList()) {
-      if (!name.startsWith("org.mpris.MediaPlayer2.")) {
-        continue;
-      }
-      const QDBusMessage owner = busCall("GetConnectionUnixProcessID", {name});
-      if (owner.type() == QDBusMessage::ReplyMessage &&
-          owner.arguments().first().toUInt() == static_cast<unsigned>(pid)) {
-        return name;
-      }
-    }
-    return {};
-  }
-
-  QDBusMessage busCall(const QString& method, const QVariantList& arguments) {
-    auto call = QDBusMessage::createMethodCall("org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                               "org.freedesktop.DBus", method);
-    call.setArguments(arguments);
-    return connection_->call(call);
-  }
-
   QVariant property(const QString& player, const QString& name) {
-    auto call = QDBusMessage::createMethodCall(player, kPlayerPath,
-                                               "org.freedesktop.DBus.Properties", "Get");
-    call << kPlayerInterface << name;
-    const QDBusMessage reply = connection_->call(call);
-    if (reply.type() != QDBusMessage::ReplyMessage) {
-      return {};
-    }
-    return reply.arguments().first().value<QDBusVariant>().variant();
+    return testing::propertyOf(*connection_, player, kPlayerPath, kPlayerInterface, name);
   }
 
   std::string status(const QString& player) {
@@ -156,8 +119,7 @@ class MediaKeysIntegrationTest : public ::testing::Test {
   }
 
   void command(const QString& player, const QString& method) {
-    connection_->call(
-        QDBusMessage::createMethodCall(player, kPlayerPath, kPlayerInterface, method));
+    testing::callAndWait(*connection_, player, kPlayerPath, kPlayerInterface, method);
   }
 
   // Until the player reports `expected` and the poster has heard of it.
@@ -185,7 +147,7 @@ class MediaKeysIntegrationTest : public ::testing::Test {
   std::shared_ptr<CapturingLogSink> logs_ = std::make_shared<CapturingLogSink>();
   std::shared_ptr<LogSink> previousSink_;
   std::unique_ptr<SoundServer> server_;
-  std::unique_ptr<ChildProcess> bus_;
+  std::unique_ptr<testing::SessionBus> bus_;
   std::unique_ptr<QDBusConnection> connection_;
   std::shared_ptr<EventPoster> previousPoster_;
   std::shared_ptr<AccessibilityTrust> previousTrust_;
@@ -197,11 +159,11 @@ TEST_F(MediaKeysIntegrationTest, PlayPausePausesThePlayerAndASecondPressResumesI
 
   MediaKeys::send(MediaKeys::kPlayPause);
   EXPECT_TRUE(becomes(player, "Paused"));
-  EXPECT_LT(level(), kSilenceBelow);
+  EXPECT_LT(level(), kSilentBelowDbfs);
 
   MediaKeys::send(MediaKeys::kPlayPause);
   EXPECT_TRUE(becomes(player, "Playing"));
-  EXPECT_GT(level(), kSoundAbove);
+  EXPECT_GT(level(), kHeardAboveDbfs);
 }
 
 TEST_F(MediaKeysIntegrationTest, TheButtonsActOnThePlayingOneAndThenOnTheLastThatChanged) {

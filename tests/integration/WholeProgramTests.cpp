@@ -14,11 +14,11 @@ namespace {
 
 using testing::ChildProcess;
 using testing::DesktopSession;
+using testing::kHeardAboveDbfs;
+using testing::kSilentBelowDbfs;
+using testing::medianOfLast;
 using testing::MonitorRecording;
 
-// A steady tone at half scale is about -9 dBFS; a silenced player leaves digital silence.
-constexpr double kSoundAbove = -20.0;
-constexpr double kSilenceBelow = -80.0;
 constexpr auto kLevelWindow = std::chrono::milliseconds(100);
 // parec delivers what the source plays only after about a second.
 constexpr auto kRecorderSettling = std::chrono::milliseconds(1500);
@@ -37,12 +37,6 @@ QCoreApplication& application() {
   return *app;
 }
 
-double medianOfLast(const std::vector<double>& levels, std::size_t count) {
-  const auto first =
-      levels.size() > count ? levels.end() - static_cast<long>(count) : levels.begin();
-  return testing::medianOf(std::vector<double>(first, levels.end()));
-}
-
 // The real program on a desktop of the test's own: a tray that forwards clicks, a display
 // the panel shows on, and two applications playing, one to each sink.
 class WholeProgramTest : public ::testing::Test {
@@ -55,6 +49,7 @@ class WholeProgramTest : public ::testing::Test {
   }
 
   void TearDown() override {
+    tray_.reset();
     quellix_.reset();
     session_.reset();
   }
@@ -78,8 +73,11 @@ class WholeProgramTest : public ::testing::Test {
     session_->display().click(centre.x(), centre.y());
   }
 
+  QString trayIcon() { return tray_->itemProperty(QStringLiteral("IconName")).toString(); }
+
   std::unique_ptr<DesktopSession> session_;
   std::unique_ptr<ChildProcess> quellix_;
+  std::unique_ptr<testing::TrayHost> tray_;
 };
 
 TEST_F(WholeProgramTest, TrayPanelMuteSecondStartAndQuit) {
@@ -88,17 +86,17 @@ TEST_F(WholeProgramTest, TrayPanelMuteSecondStartAndQuit) {
   // The item reaches the tray with a picture to show.
   ASSERT_TRUE(session_->eventually(
       [&] { return session_->trayItem().has_value() || !quellix_->isRunning(); }, kStartTimeout));
-  ASSERT_TRUE(session_->trayItem().has_value()) << "the program never registered a tray item";
+  tray_ = session_->trayHost();
+  ASSERT_TRUE(tray_) << "the program never registered a tray item";
   ASSERT_TRUE(session_->eventually([&] {
-    return !session_->trayItemProperty("IconName").toString().isEmpty() ||
-           session_->trayIconHasPixmap();
+    return !trayIcon().isEmpty() || !tray_->iconPixmaps().empty();
   })) << "the tray item has no icon";
-  EXPECT_EQ(session_->trayItemProperty("IconName").toString().toStdString(),
-            "audio-volume-high-symbolic");
-  const auto newIcons = session_->countNewIcon();
+  EXPECT_EQ(trayIcon().toStdString(), "audio-volume-high-symbolic");
+  const auto newIcons = tray_->follow(tray_->itemPath(), testing::TrayHost::kItemInterface,
+                                      QStringLiteral("NewIcon"));
 
   // A click on the icon opens the panel with a row for each player.
-  ASSERT_TRUE(session_->activateTrayItem(kTrayClick));
+  ASSERT_TRUE(tray_->activate(kTrayClick));
   ASSERT_TRUE(session_->eventually([&] { return panelShown(); })) << "no panel appeared";
   const auto panel = session_->display().visibleWindow(kPanelTitle);
   ASSERT_TRUE(panel);
@@ -118,19 +116,17 @@ TEST_F(WholeProgramTest, TrayPanelMuteSecondStartAndQuit) {
   std::this_thread::sleep_for(kRecorderSettling);
   const QPoint centre = alphaRow->extents.center();
   session_->display().click(centre.x(), centre.y());
-  EXPECT_TRUE(session_->eventually([&] {
-    return session_->trayItemProperty("IconName").toString() == "audio-volume-muted-symbolic";
-  })) << "the tray icon still shows "
-      << session_->trayItemProperty("IconName").toString().toStdString();
+  EXPECT_TRUE(session_->eventually([&] { return trayIcon() == "audio-volume-muted-symbolic"; }))
+      << "the tray icon still shows " << trayIcon().toStdString();
   EXPECT_TRUE(session_->eventually([&] { return newIcons->count() > 0; }))
       << "the tray was not told of the new icon";
   std::this_thread::sleep_for(kSilenceSettling);
   const auto alphaLevels = alphaSink.stop(kLevelWindow);
   const auto betaLevels = betaSink.stop(kLevelWindow);
   ASSERT_FALSE(alphaLevels.empty());
-  EXPECT_GT(alphaLevels.front(), kSoundAbove) << "the first player was not heard before";
-  EXPECT_LT(medianOfLast(alphaLevels, 3), kSilenceBelow) << "the first player is still heard";
-  EXPECT_GT(medianOfLast(betaLevels, 3), kSoundAbove) << "the second player fell silent too";
+  EXPECT_GT(alphaLevels.front(), kHeardAboveDbfs) << "the first player was not heard before";
+  EXPECT_LT(medianOfLast(alphaLevels, 3), kSilentBelowDbfs) << "the first player is still heard";
+  EXPECT_GT(medianOfLast(betaLevels, 3), kHeardAboveDbfs) << "the second player fell silent too";
   EXPECT_TRUE(session_->eventually([&] {
     const auto muted = session_->ui().showingButton(quellix_->pid(), alpha);
     return muted && muted->description == alpha + " wieder hörbar machen";
@@ -142,13 +138,11 @@ TEST_F(WholeProgramTest, TrayPanelMuteSecondStartAndQuit) {
     const auto heard = session_->ui().showingButton(quellix_->pid(), alpha);
     return heard && heard->description == alpha + " stummschalten";
   })) << "the row still shows the player silenced";
-  EXPECT_TRUE(session_->eventually([&] {
-    return session_->trayItemProperty("IconName").toString() == "audio-volume-high-symbolic";
-  })) << "the tray icon still shows "
-      << session_->trayItemProperty("IconName").toString().toStdString();
+  EXPECT_TRUE(session_->eventually([&] { return trayIcon() == "audio-volume-high-symbolic"; }))
+      << "the tray icon still shows " << trayIcon().toStdString();
 
   // Another click on the icon closes the panel; a second start opens it again and ends.
-  ASSERT_TRUE(session_->activateTrayItem(kTrayClick));
+  ASSERT_TRUE(tray_->activate(kTrayClick));
   EXPECT_TRUE(session_->eventually([&] { return !panelShown(); })) << "the panel stayed open";
   const auto second = session_->startQuellix();
   EXPECT_EQ(second->wait(kExitTimeout), 0) << "the second start did not hand over and end";

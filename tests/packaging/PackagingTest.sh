@@ -28,13 +28,14 @@ readonly spike_log=/tmp/quellix-spike.log
 # Other work on the machine may hold the package database for a while.
 apt=(env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=120 -y -q)
 
+source "$source_dir/scripts/private-desktop.sh"
+
 work=$(mktemp -d)
-server=""
 player_pid=""
 cleanup() {
   exec 3>&- 2>/dev/null || true
   [ -n "$player_pid" ] && kill "$player_pid" 2>/dev/null
-  [ -n "$server" ] && kill "$server" 2>/dev/null
+  private_desktop_stop
   if dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed'; then
     "${apt[@]}" remove --purge "$package" >/dev/null 2>&1
   fi
@@ -82,30 +83,14 @@ grep -v 'root privileges' "$work/lintian.log" || true
 [ "$lintian_status" -eq 0 ] || fail "lintian reports errors"
 
 step "a private sound server with a test player"
-runtime="$work/runtime"
-mkdir -p "$runtime"
-export XDG_RUNTIME_DIR=$runtime PULSE_RUNTIME_PATH=$runtime/pulse
-unset PULSE_SERVER
-cat >"$runtime/packaging.pa" <<'PA'
-load-module module-native-protocol-unix auth-anonymous=1
-load-module module-null-sink sink_name=speakers
-set-default-sink speakers
-PA
-pulseaudio -n -F "$runtime/packaging.pa" --daemonize=no --exit-idle-time=-1 \
-  --use-pid-file=no >"$runtime/server.log" 2>&1 &
-server=$!
-for _ in $(seq 300); do pactl info >/dev/null 2>&1 && break; sleep 0.1; done
-pactl info >/dev/null || fail "the private sound server did not start"
+private_desktop_runtime "$work/runtime"
+private_desktop_sound || fail "the private sound server did not start"
 # The player plays until its standard input closes, which this script holds open.
 mkfifo "$work/player.in"
 "$player" <"$work/player.in" >"$work/player.out" 2>&1 &
 player_pid=$!
 exec 3>"$work/player.in"
-for _ in $(seq 300); do
-  grep -q '^ok' "$work/player.out" && break
-  sleep 0.1
-done
-grep -q '^ok' "$work/player.out" || fail "the test player did not start playing"
+wait_for 30 grep -q '^ok' "$work/player.out" || fail "the test player did not start playing"
 
 step "apt installs the package, and the installed program lists the player"
 "${apt[@]}" install "$deb" >"$work/apt.log" 2>&1 ||

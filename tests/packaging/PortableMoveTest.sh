@@ -34,8 +34,8 @@ for tool in Xvfb dbus-daemon dbus-send pulseaudio pactl xdotool xprop desktop-fi
   }
 done
 
+source "$source_dir/scripts/private-desktop.sh"
 work=$(mktemp -d /tmp/quellix-move.XXXXXX)
-pids=()
 
 # Every process running a program from the test's folders, the copies in ~/Applications too:
 # those are started by Quellix itself, not by this script.
@@ -61,8 +61,7 @@ stop_quellix() {
 
 cleanup() {
   stop_quellix
-  local pid
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+  private_desktop_stop
   wait 2>/dev/null || true
   rm -rf "$work"
 }
@@ -79,46 +78,15 @@ fail() {
 step() { echo "== [$(date +%T.%3N)] $*"; }
 now_ms() { date +%s%3N; }
 
-# Polls a command until it succeeds or the seconds run out.
-wait_for() {
-  local seconds=$1
-  shift
-  local deadline=$(($(now_ms) + seconds * 1000))
-  until "$@"; do
-    [ "$(now_ms)" -lt "$deadline" ] || return 1
-    sleep 0.1
-  done
-}
-
 step "the portable archive"
 archive=$work/Quellix-portable.tar.gz
 "$source_dir/packaging/make-portable.sh" "$build_dir" "$archive" >/dev/null
 
 step "a private desktop: display, session bus, sound server"
-runtime=$work/runtime
-mkdir -p "$runtime"
-chmod 0700 "$runtime"
-# The server picks a free display itself and names it, so parallel runs never collide.
-Xvfb -displayfd 3 -screen 0 1280x800x24 -nolisten tcp 3>"$work/display" >"$work/xvfb.log" 2>&1 &
-pids+=($!)
-wait_for 10 test -s "$work/display" || fail "Xvfb did not start: $(cat "$work/xvfb.log")"
-DISPLAY=:$(head -n 1 "$work/display")
-export DISPLAY
-export DBUS_SESSION_BUS_ADDRESS=unix:path=$runtime/bus
-dbus-daemon --session --address="$DBUS_SESSION_BUS_ADDRESS" --nofork --nopidfile \
-  >"$work/dbus.log" 2>&1 &
-pids+=($!)
-export XDG_RUNTIME_DIR=$runtime PULSE_RUNTIME_PATH=$runtime/pulse
-cat >"$runtime/move.pa" <<'PA'
-load-module module-native-protocol-unix auth-anonymous=1
-load-module module-null-sink sink_name=speakers
-set-default-sink speakers
-PA
-pulseaudio -n -F "$runtime/move.pa" --daemonize=no --exit-idle-time=-1 --use-pid-file=no \
-  >"$work/pulse.log" 2>&1 &
-pids+=($!)
-wait_for 10 test -S "$runtime/bus" || fail "the session bus did not start"
-wait_for 10 pactl info >/dev/null 2>&1 || fail "the sound server did not start"
+private_desktop_runtime "$work/runtime"
+private_desktop_display || fail "no display: $(cat "$XDG_RUNTIME_DIR/xvfb.log")"
+private_desktop_bus || fail "the session bus did not start"
+private_desktop_sound || fail "the sound server did not start"
 # Nothing of the machine's own desktop may leak in.
 unset WAYLAND_DISPLAY SESSION_MANAGER PULSE_SERVER QT_QPA_PLATFORM QT_PLUGIN_PATH \
   LD_LIBRARY_PATH APPIMAGE APPDIR XDG_DATA_DIRS XDG_CONFIG_DIRS

@@ -589,6 +589,8 @@ std::optional<PropertyValue> PulseBackend::propertyValue(AudioObjectID object,
       return PropertyValue::of(process->pid);
     if (selector == kAudioProcessPropertyBundleID)
       return PropertyValue::text(process->bundleID);
+    if (selector == kAudioProcessPropertyApplicationName)
+      return PropertyValue::text(process->applicationName);
     if (selector == kAudioProcessPropertyIsRunning) {
       return PropertyValue::of(static_cast<UInt32>(process->running ? 1 : 0));
     }
