@@ -8,6 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 source scripts/setup.sh
 quellix_install_packages
+quellix_use_ccache
 
 cmake --preset release >/dev/null
 cmake --build --preset release -j "$(nproc)" --target quellix quellix-test-player

@@ -13,7 +13,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       __builtin_trap();  // an application entry always has a name
     }
   }
-  // The login item reads its own Exec line back, so quoting must survive a round trip.
+  // Every Exec word we write (the login item, the moved copy's entry) is read back by us or a
+  // launcher, so quoting must survive a round trip.
   const auto group = quellix::parseDesktopEntryGroup(contents);
   if (const auto exec = group.find("Exec"); exec != group.end()) {
     for (const auto& argument : quellix::execArguments(exec->second)) {

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 QUELLIX_PACKAGES=(
-  build-essential cmake ninja-build pkg-config git
+  build-essential cmake ninja-build pkg-config git ccache
   clang clang-format libclang-rt-14-dev
   qt6-base-dev qt6-svg-dev qt6-tools-dev
   libpulse-dev libspeexdsp-dev nlohmann-json3-dev libsystemd-dev
@@ -48,6 +48,18 @@ quellix_install_packages() {
   "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q
   # shellcheck disable=SC2086
   "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends $missing
+}
+
+# Builds go through ccache when it is there: the next build of the same sources, this
+# checkout's or another's on the machine, is mostly cache hits. A build directory takes the
+# launcher when it is first configured.
+quellix_use_ccache() {
+  command -v ccache >/dev/null || return 0
+  export CMAKE_C_COMPILER_LAUNCHER=${CMAKE_C_COMPILER_LAUNCHER:-ccache}
+  export CMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER:-ccache}
+  # Paths are hashed relative to the checkout, and the build folder's own path not at all,
+  # so that another checkout's objects serve this one.
+  export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$PWD} CCACHE_NOHASHDIR=${CCACHE_NOHASHDIR:-true}
 }
 
 quellix_install_bench_packages() {

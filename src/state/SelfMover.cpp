@@ -9,6 +9,7 @@
 #include <fstream>
 #include <string_view>
 
+#include "desktop/apps/DesktopEntries.h"
 #include "state/MoveAlerts.h"
 #include "support/BuildInfo.h"
 #include "support/Logger.h"
@@ -69,46 +70,6 @@ bool optedOut(const std::vector<fs::path>& optOutFiles) {
   throw TextError(action + ": " + error.message());
 }
 
-// One argument of an Exec line: quoted, with the characters the quoting reserves escaped,
-// then escaped once more as any string value is.
-std::string execArgument(const std::string& argument) {
-  std::string quoted = "\"";
-  for (const char character : argument) {
-    if (character == '"' || character == '`' || character == '$' || character == '\\') {
-      quoted += '\\';
-    }
-    quoted += character;
-    if (character == '%') {
-      quoted += '%';
-    }
-  }
-  quoted += '"';
-  return quoted;
-}
-
-std::string escapedValue(const std::string& value) {
-  std::string escaped;
-  for (const char character : value) {
-    switch (character) {
-      case '\\':
-        escaped += "\\\\";
-        break;
-      case '\n':
-        escaped += "\\n";
-        break;
-      case '\t':
-        escaped += "\\t";
-        break;
-      case '\r':
-        escaped += "\\r";
-        break;
-      default:
-        escaped += character;
-    }
-  }
-  return escaped;
-}
-
 void writeDesktopEntry(const fs::path& file, const fs::path& program) {
   std::error_code error;
   fs::create_directories(file.parent_path(), error);
@@ -119,7 +80,7 @@ void writeDesktopEntry(const fs::path& file, const fs::path& program) {
   out << "[Desktop Entry]\n"
       << "Type=Application\n"
       << "Name=Quellix\n"
-      << "Exec=" << escapedValue(execArgument(program.string())) << "\n"
+      << "Exec=" << execArgument(program.string()) << "\n"
       << "TryExec=" << escapedValue(program.string()) << "\n"
       << "Icon=" << build::kBundleIdentifier << "\n"
       << "Terminal=false\n"

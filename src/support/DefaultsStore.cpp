@@ -356,10 +356,11 @@ std::int64_t DefaultsStore::integer(std::string_view key) const {
        value->get<std::uint64_t>() <= std::uint64_t(std::numeric_limits<std::int64_t>::max()))) {
     return value->get<std::int64_t>();
   }
-  // Within the range where every double converts to a 64-bit integer.
-  constexpr double kLimit = 9.2e18;
+  // Below 2^53 a double holds every whole number exactly, and so does the count one more than
+  // it; above, a count read from the file and written back could come out as another number.
+  constexpr double kExactLimit = 9007199254740992.0;
   const auto number = numberOf(*value);
-  if (!number || !std::isfinite(*number) || std::abs(*number) >= kLimit) {
+  if (!number || !(std::abs(*number) < kExactLimit) || std::trunc(*number) != *number) {
     reportBadValue(key, *value, "a whole number");
     return 0;
   }

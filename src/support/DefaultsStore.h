@@ -54,6 +54,8 @@ class DefaultsStore {
   // Present only when the value is a dictionary.
   std::optional<nlohmann::json::object_t> dictionary(std::string_view key) const;
   // Numbers, Booleans and numeric strings convert; anything else reads as 0 / false / none.
+  // A whole number is whole: a fraction, or a number too large to be held exactly, reads as 0
+  // and is reported, so what is written back is what was read.
   std::int64_t integer(std::string_view key) const;
   double doubleValue(std::string_view key) const;
   bool boolean(std::string_view key) const;

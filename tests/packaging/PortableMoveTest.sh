@@ -181,6 +181,32 @@ step "Escape declines the same way"
 fresh_home later-escape
 declines Escape
 
+# The program an Exec value starts, read as a launcher reads it, whichever quoting the writer
+# chose: the value's own escapes undone, then the first word without its double quotes and
+# their backslash escapes, "%%" as "%".
+exec_program() {
+  local text=${1//'\\'/$'\1'} word='' quoted=0 i c
+  text=${text//'\s'/ }
+  text=${text//'\n'/$'\n'}
+  text=${text//'\t'/$'\t'}
+  text=${text//'\r'/$'\r'}
+  text=${text//$'\1'/'\'}
+  for ((i = 0; i < ${#text}; i++)); do
+    c=${text:i:1}
+    if [ "$c" == '%' ] && [ "${text:i+1:1}" == '%' ] || { ((quoted)) && [ "$c" == '\' ]; }; then
+      i=$((i + 1))
+      word+=${text:i:1}
+    elif [ "$c" == '"' ]; then
+      quoted=$((1 - quoted))
+    elif ((!quoted)) && [[ $c == [[:space:]] ]]; then
+      [ -n "$word" ] && break
+    else
+      word+=$c
+    fi
+  done
+  printf '%s\n' "$word"
+}
+
 step "\"Verschieben und starten\" (Return) moves Quellix to ~/Applications and starts the copy"
 fresh_home move
 start_and_expect_offer
@@ -196,7 +222,8 @@ echo "the original quit $(($(now_ms) - pressed)) ms after the move was accepted"
 entry=$XDG_DATA_HOME/applications/$desktop_entry
 [ -f "$entry" ] || fail "no desktop entry at $entry"
 desktop-file-validate "$entry" || fail "the desktop entry does not validate"
-grep -Fqx "Exec=\"$copy\"" "$entry" ||
+exec_value=$(sed -n 's/^Exec=//p' "$entry" | head -n 1)
+[ "$(exec_program "$exec_value")" == "$copy" ] ||
   fail "the desktop entry does not start the copy: $(cat "$entry")"
 wait_for $copy_timeout_s name_owned_by "$copy" ||
   fail "no program from $copy owns $bus_name (owner pid: $(bus_name_owner_pid || echo none))"

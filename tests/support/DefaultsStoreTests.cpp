@@ -80,7 +80,7 @@ TEST_F(DefaultsStoreTest, TypedReadsConvertLikeADefaultsDatabase) {
                       std::string(100, '[') + R"(\""})");
   DefaultsStore store(path);
   EXPECT_EQ(store.integer("int"), 7);
-  EXPECT_EQ(store.integer("float"), 2);
+  EXPECT_EQ(store.integer("float"), 0) << "a fraction is no whole number";
   EXPECT_EQ(store.integer("text"), 12);
   EXPECT_EQ(store.integer("bad"), 0);
   EXPECT_EQ(store.integer("absent"), 0);
@@ -173,7 +173,8 @@ TEST_F(DefaultsStoreTest, ACorruptFileYieldsDefaultsAndIsKeptAside) {
 TEST_F(DefaultsStoreTest, AWrongTypedKeyFallsBackAloneAndIsReportedOnce) {
   const std::string contents = R"({"mutedBundleIDs": "a.app", "appVolumes": [0.5],
       "stats.muteCount": 18446744073709551615, "stats.mutedSeconds": "nan",
-      "onboardingCompleted": "maybe", "updateFeedURL": 42, "kept": ["a.app"]})";
+      "onboardingCompleted": "maybe", "updateFeedURL": 42, "kept": ["a.app"],
+      "inexact": 9223302736854775.07})";
   writeFile(path, contents);
   DefaultsStore store(path);
   for (int round = 0; round < 2; ++round) {
@@ -183,10 +184,11 @@ TEST_F(DefaultsStoreTest, AWrongTypedKeyFallsBackAloneAndIsReportedOnce) {
     EXPECT_EQ(store.doubleValue("stats.mutedSeconds"), 0.0);
     EXPECT_FALSE(store.boolean("onboardingCompleted"));
     EXPECT_FALSE(store.string("updateFeedURL").has_value());
+    EXPECT_EQ(store.integer("inexact"), 0) << "whole as a double, but not exactly this number";
   }
   EXPECT_EQ(store.stringArray("kept"), std::vector<std::string>{"a.app"});
   const auto lines = logs->messages("Defaults");
-  ASSERT_EQ(lines.size(), 6u) << "one line per key, however often it is read";
+  ASSERT_EQ(lines.size(), 7u) << "one line per key, however often it is read";
   EXPECT_NE(lines[0].find("\"mutedBundleIDs\""), std::string::npos) << lines[0];
   EXPECT_EQ(readFile(path), contents) << "the file stays as long as nothing is written";
   EXPECT_EQ(filesIn(path.parent_path()).size(), 1u);

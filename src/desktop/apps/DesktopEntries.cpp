@@ -218,8 +218,12 @@ std::string execArgument(const std::string& word) {
     quoted += '"';
   }
   // The value as a whole is a string, whose own escapes come on top of the quoting.
+  return escapedValue(quoted);
+}
+
+std::string escapedValue(const std::string& text) {
   std::string escaped;
-  for (const char c : quoted) {
+  for (const char c : text) {
     switch (c) {
       case '\\':
         escaped += "\\\\";

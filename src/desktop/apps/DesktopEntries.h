@@ -76,8 +76,11 @@ std::map<std::string, std::string> parseDesktopEntryGroup(std::string_view conte
 std::vector<std::string> execArguments(const std::string& exec);
 
 // One word for an Exec value, quoted and escaped where needed so that execArguments() reads
-// it back unchanged.
+// it back unchanged. Every Exec value we write is made of these words.
 std::string execArgument(const std::string& word);
+
+// A string value as a desktop file holds it: backslashes, line breaks and tabs escaped.
+std::string escapedValue(const std::string& text);
 
 // The message locale from the environment (LC_ALL, LC_MESSAGES, LANG), e.g. "de_DE".
 std::string messageLocale();
