@@ -281,11 +281,11 @@ class BurstTimeline {
 int main(int argc, char** argv) {
   const bool pipeWire = argc > 1 && std::string(argv[1]) == "pipewire";
   const int seconds = argc > 2 ? std::atoi(argv[2]) : 60;
-  Logger::installSink(std::make_shared<CapturingLogSink>());
+  const auto logs = std::make_shared<CapturingLogSink>();
   testing::SoundServer server(pipeWire ? testing::SoundServer::Kind::pipeWire
                                        : testing::SoundServer::Kind::pulseAudio);
-  auto backend = PulseBackend::create({});
-  installAudioBackend(backend);
+  auto backend = PulseBackend::create({}, logs);
+  AudioHardware hardware(backend);
 
   // A long attenuated session of a steady tone, then the tap's usual state, muted.
   auto player = std::make_unique<testing::TestPlayerProcess>(
@@ -298,8 +298,8 @@ int main(int argc, char** argv) {
   // The recording goes on while the tap is made, muted: the tone's end in it is the moment the
   // output fell silent.
   const auto constructed = Clock::now();
-  auto tap =
-      std::make_unique<ProcessMuteTap>("Player", processObjectsOf(*backend, player->pid()), 0.0f);
+  auto tap = std::make_unique<ProcessMuteTap>(
+      hardware, "Player", processObjectsOf(*backend, player->pid()), 0.0f, logs);
   const double constructionMs =
       std::chrono::duration<double, std::milli>(Clock::now() - constructed).count();
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
@@ -372,7 +372,7 @@ int main(int argc, char** argv) {
   std::this_thread::sleep_for(kSegment);
   timeline.mark("tap");
   {
-    ProcessMuteTap burstTap("Clicker", clickerObjects, 1.0f);
+    ProcessMuteTap burstTap(hardware, "Clicker", clickerObjects, 1.0f, logs);
     std::this_thread::sleep_for(kSegment);
     burstTap.invalidate();
   }
@@ -447,6 +447,5 @@ int main(int argc, char** argv) {
   }
   std::printf("  repeated moves: %llu\n",
               static_cast<unsigned long long>(backend->repeatedMoves()));
-  installAudioBackend(nullptr);
   return 0;
 }

@@ -19,7 +19,7 @@ class SpikeRunnerTest : public testing::SimTest {
   }
 
   testing::TemporaryDirectory directory;
-  SpikeRunner::Context context{directory.path() / "spike.log", queue};
+  SpikeRunner::Context context{directory.path() / "spike.log", queue, hardware, logs};
 };
 
 TEST_F(SpikeRunnerTest, TheLogFileIsCreatedOnFirstUseAndOnlyAppendedTo) {
@@ -30,7 +30,8 @@ TEST_F(SpikeRunnerTest, TheLogFileIsCreatedOnFirstUseAndOnlyAppendedTo) {
 }
 
 TEST_F(SpikeRunnerTest, AnUnwritableLogFileLosesTheLineOnlyThere) {
-  SpikeRunner::Context nowhere{directory.path() / "missing-dir" / "x" / "spike.log", queue};
+  SpikeRunner::Context nowhere{directory.path() / "missing-dir" / "x" / "spike.log", queue,
+                               hardware, logs};
   std::filesystem::create_directories(directory.path() / "missing-dir");
   std::ofstream(directory.path() / "missing-dir" / "x") << "a file, not a folder";
   SpikeRunner::log(nowhere, "still logged");
@@ -43,8 +44,8 @@ TEST_F(SpikeRunnerTest, TapListReportsCountAndIdentifiers) {
   AudioObjectID tapA = 0;
   AudioObjectID tapB = 0;
   auto description = CATapDescription::stereoMixdownOfProcesses({a});
-  ASSERT_EQ(AudioHardwareCreateProcessTap(&description, &tapA), 0);
-  ASSERT_EQ(AudioHardwareCreateProcessTap(&description, &tapB), 0);
+  ASSERT_EQ(hardware.AudioHardwareCreateProcessTap(&description, &tapA), 0);
+  ASSERT_EQ(hardware.AudioHardwareCreateProcessTap(&description, &tapB), 0);
   EXPECT_EQ(SpikeRunner::taps(context), 0);
   EXPECT_EQ(logFile(), "Taps im System: 0 []\nTaps im System: 2 [" + std::to_string(tapA) + ", " +
                            std::to_string(tapB) + "]\n");
@@ -69,7 +70,7 @@ namespace {
 class VolumeSetTest : public testing::SimTest {
  protected:
   testing::TemporaryDirectory directory;
-  SpikeRunner::Context context{directory.path() / "spike.log", queue};
+  SpikeRunner::Context context{directory.path() / "spike.log", queue, hardware, logs};
 };
 
 TEST_F(VolumeSetTest, SetsTheDefaultOutputAndReportsTruncatedPercentages) {
@@ -118,7 +119,7 @@ class ListModeTest : public testing::SimTest {
   }
 
   testing::TemporaryDirectory directory;
-  SpikeRunner::Context context{directory.path() / "spike.log", queue,
+  SpikeRunner::Context context{directory.path() / "spike.log", queue, hardware, logs,
                                Workspace::Roots{.proc = directory.path() / "no-proc"}};
 };
 

@@ -43,8 +43,8 @@ class TapTest : public testing::ServerTest {
  protected:
   std::vector<AudioObjectID> objectsOf(pid_t pid) {
     std::vector<AudioObjectID> objects;
-    for (const AudioObjectID object : readProcessList()) {
-      if (read<SInt32>(object, globalAddress(kAudioProcessPropertyPID), 0) == pid) {
+    for (const AudioObjectID object : readProcessList(*hardware)) {
+      if (read<SInt32>(*hardware, object, globalAddress(kAudioProcessPropertyPID), 0) == pid) {
         objects.push_back(object);
       }
     }
@@ -111,7 +111,7 @@ TEST_P(TapTest, AGainScalesThePlayerWithoutARebuild) {
   TestPlayerProcess player({});
   connectBackend();
   ASSERT_TRUE(testing::eventually([&] { return !objectsOf(player.pid()).empty(); }));
-  ProcessMuteTap tap("Player", objectsOf(player.pid()), 0.5f);
+  ProcessMuteTap tap(*hardware, "Player", objectsOf(player.pid()), 0.5f, logs);
   const AudioObjectID tapID = tap.tapID();
   EXPECT_NEAR(outputLevel(), kToneLevel - 6.02, kTolerance) << lastLevels << ioReport(tap);
   tap.setGain(1.0f);
@@ -130,7 +130,7 @@ TEST_P(TapTest, ASecondStreamOpenedWhileTappedIsSilentToo) {
   TestPlayerProcess player({});
   connectBackend();
   ASSERT_TRUE(testing::eventually([&] { return !objectsOf(player.pid()).empty(); }));
-  ProcessMuteTap tap("Player", objectsOf(player.pid()), 0.0f);
+  ProcessMuteTap tap(*hardware, "Player", objectsOf(player.pid()), 0.0f, logs);
   ASSERT_LT(outputLevel(), kSilenceLevel);
   player.command("second");
   EXPECT_LT(outputLevel(milliseconds(2000)), kSilenceLevel);
@@ -169,15 +169,16 @@ TEST_P(ProcessMuteTapOnServerTest, CreatesListsAndRemovesItsObjects) {
   TestPlayerProcess player({});
   connectBackend();
   ASSERT_TRUE(testing::eventually([&] { return !objectsOf(player.pid()).empty(); }));
-  ProcessMuteTap tap("Player", objectsOf(player.pid()), 0.0f);
+  ProcessMuteTap tap(*hardware, "Player", objectsOf(player.pid()), 0.0f, logs);
   UInt32 size = 0;
   const auto tapList = globalAddress(kAudioHardwarePropertyTapList);
-  ASSERT_EQ(AudioObjectGetPropertyDataSize(1, &tapList, 0, nullptr, &size), 0);
+  ASSERT_EQ(hardware->AudioObjectGetPropertyDataSize(1, &tapList, 0, nullptr, &size), 0);
   EXPECT_EQ(size, sizeof(AudioObjectID));
   const std::string uid =
-      read(tap.aggregateID(), globalAddress(kAudioDevicePropertyDeviceUID), CFString()).str();
+      read(*hardware, tap.aggregateID(), globalAddress(kAudioDevicePropertyDeviceUID), CFString())
+          .str();
   EXPECT_EQ(uid.rfind(ProcessMuteTap::kAggregateUIDPrefix, 0), 0u);
-  const auto devices = readDeviceList();
+  const auto devices = readDeviceList(*hardware);
   EXPECT_NE(std::find(devices.begin(), devices.end(), tap.aggregateID()), devices.end());
   EXPECT_EQ(logs->messages("ProcessMuteTap"),
             (std::vector<std::string>{
@@ -190,7 +191,7 @@ TEST_P(ProcessMuteTapOnServerTest, CreatesListsAndRemovesItsObjects) {
   logs->clear();
   tap.invalidate();
   EXPECT_TRUE(logs->entries().empty());
-  ASSERT_EQ(AudioObjectGetPropertyDataSize(1, &tapList, 0, nullptr, &size), 0);
+  ASSERT_EQ(hardware->AudioObjectGetPropertyDataSize(1, &tapList, 0, nullptr, &size), 0);
   EXPECT_EQ(size, 0u);
   EXPECT_TRUE(testing::eventually([&] { return nothingOfOursLeft(); }));
 }
@@ -198,7 +199,7 @@ TEST_P(ProcessMuteTapOnServerTest, CreatesListsAndRemovesItsObjects) {
 TEST_P(ProcessMuteTapOnServerTest, AVanishedProcessFailsWithNothingLeftBehind) {
   connectBackend();
   try {
-    ProcessMuteTap tap("Gone", {999999}, 0.0f);
+    ProcessMuteTap tap(*hardware, "Gone", {999999}, 0.0f, logs);
     ADD_FAILURE() << "a tap over no process was built";
   } catch (const TextError& error) {
     EXPECT_EQ(error.description(),
@@ -211,9 +212,9 @@ TEST_P(ProcessMuteTapOnServerTest, TheSweepRemovesAggregatesWithOurPrefix) {
   TestPlayerProcess player({});
   connectBackend();
   ASSERT_TRUE(testing::eventually([&] { return !objectsOf(player.pid()).empty(); }));
-  ProcessMuteTap tap("Player", objectsOf(player.pid()), 0.0f);
+  ProcessMuteTap tap(*hardware, "Player", objectsOf(player.pid()), 0.0f, logs);
   logs->clear();
-  ProcessMuteTap::sweepOrphans();
+  ProcessMuteTap::sweepOrphans(*hardware, logs);
   const auto entries = logs->entries();
   ASSERT_EQ(entries.size(), 1u);
   EXPECT_EQ(entries[0].level, LogLevel::error);

@@ -59,9 +59,6 @@ std::string runProgram(const fs::path& program) {
 
 class SelfMoverTest : public ::testing::Test {
  protected:
-  void SetUp() override { previousSink = Logger::installSink(logs); }
-  void TearDown() override { Logger::installSink(previousSink); }
-
   Environment environment(std::optional<Bundle> bundle) {
     return Environment{
         .bundle = std::move(bundle),
@@ -79,6 +76,7 @@ class SelfMoverTest : public ::testing::Test {
             },
         .queue = queue,
         .quit = [this] { ++quits; },
+        .logs = logs,
         .releaseInstance = [this] { releasedAfterLaunches.push_back(launchedPrograms.size()); },
     };
   }
@@ -98,7 +96,6 @@ class SelfMoverTest : public ::testing::Test {
   std::vector<std::size_t> releasedAfterLaunches;
   int quits = 0;
   std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
-  std::shared_ptr<LogSink> previousSink;
 };
 
 TEST_F(SelfMoverTest, OffersOnlyForDownloadsAndRemovableMedia) {

@@ -107,12 +107,10 @@ class FakeHttpClient final : public HttpClient {
 
 class UpdateCheckerTest : public ::testing::Test {
  protected:
-  void SetUp() override { previousSink = Logger::installSink(logs); }
   void TearDown() override {
     // An unanswered request holds the checker, which holds the client: a real client always
     // answers in the end, this one must be told to let go.
     http->pending.clear();
-    Logger::installSink(previousSink);
   }
 
   std::string feedWith(const std::string& version) {
@@ -122,12 +120,11 @@ class UpdateCheckerTest : public ::testing::Test {
       "https://" + std::string(build::kWebHost) + "/downloads/quellix-version.json";
 
   std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
-  std::shared_ptr<LogSink> previousSink;
   TemporaryDirectory home;
-  DefaultsStore defaults{home.path() / "preferences.json"};
+  DefaultsStore defaults{home.path() / "preferences.json", logs};
   ManualQueue queue;
   std::shared_ptr<FakeHttpClient> http = std::make_shared<FakeHttpClient>();
-  std::shared_ptr<UpdateChecker> checker = UpdateChecker::create(queue, defaults, http);
+  std::shared_ptr<UpdateChecker> checker = UpdateChecker::create(queue, defaults, http, logs);
 };
 
 TEST_F(UpdateCheckerTest, TheFirstCheckWaitsForTheQueue) {

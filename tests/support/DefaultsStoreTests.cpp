@@ -35,23 +35,19 @@ std::vector<std::filesystem::path> filesIn(const std::filesystem::path& director
 
 class DefaultsStoreTest : public ::testing::Test {
  protected:
-  void SetUp() override { previous = Logger::installSink(logs); }
-  void TearDown() override { Logger::installSink(previous); }
-
   TemporaryDirectory directory;
   std::filesystem::path path = directory.path() / "quellix" / "preferences.json";
   std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
-  std::shared_ptr<LogSink> previous;
 };
 
 TEST_F(DefaultsStoreTest, WritesSurviveARestart) {
   {
-    DefaultsStore store(path);
+    DefaultsStore store(path, logs);
     store.set("mutedBundleIDs", {"a.app", "b.app"});
     store.set("stats.muteCount", 3);
     store.set("onboardingCompleted", true);
   }
-  DefaultsStore reloaded(path);
+  DefaultsStore reloaded(path, logs);
   EXPECT_EQ(reloaded.stringArray("mutedBundleIDs"), (std::vector<std::string>{"a.app", "b.app"}));
   EXPECT_EQ(reloaded.integer("stats.muteCount"), 3);
   EXPECT_TRUE(reloaded.boolean("onboardingCompleted"));
@@ -61,7 +57,7 @@ TEST_F(DefaultsStoreTest, WritesSurviveARestart) {
 TEST_F(DefaultsStoreTest, TypedReadsConvertLikeADefaultsDatabase) {
   writeFile(path, R"({"int": 7, "float": 2.5, "text": "12", "bad": "x", "flag": 1,
                       "list": ["a", 1], "dict": {"a": 0.5}})");
-  DefaultsStore store(path);
+  DefaultsStore store(path, logs);
   EXPECT_EQ(store.integer("int"), 7);
   EXPECT_EQ(store.integer("float"), 2);
   EXPECT_EQ(store.integer("text"), 12);
@@ -82,7 +78,7 @@ TEST_F(DefaultsStoreTest, ACorruptFileYieldsDefaultsAndIsKeptAside) {
     std::filesystem::remove_all(path.parent_path());
     writeFile(path, contents);
     logs->clear();
-    DefaultsStore store(path);
+    DefaultsStore store(path, logs);
     EXPECT_FALSE(store.object("mutedBundleIDs"));
     ASSERT_EQ(logs->entries().size(), 1u) << contents;
     EXPECT_EQ(logs->entries()[0].level, LogLevel::error);
@@ -134,11 +130,11 @@ TEST_F(DefaultsStoreTest, RandomBytesYieldDefaultsAndAreKeptAsTheyWere) {
     }
     writeFile(path, bytes);
     logs->clear();
-    DefaultsStore store(path);
+    DefaultsStore store(path, logs);
     expectKeptAside(store, *logs, path, "it is not valid JSON");
     store.set("stats.muteCount", 1);
     EXPECT_EQ(readFile(onlyAsideFile(path)), bytes);
-    EXPECT_EQ(DefaultsStore(path).integer("stats.muteCount"), 1);
+    EXPECT_EQ(DefaultsStore(path, logs).integer("stats.muteCount"), 1);
   }
 }
 
@@ -146,51 +142,51 @@ TEST_F(DefaultsStoreTest, AnOversizedFileIsNotReadButKeptAside) {
   constexpr std::uintmax_t kSize = 50 * 1024 * 1024;
   writeFile(path, R"({"stats.muteCount": 3, "padding": ")");
   std::filesystem::resize_file(path, kSize);  // sparse: quick to make, large to read
-  DefaultsStore store(path);
+  DefaultsStore store(path, logs);
   expectKeptAside(store, *logs, path, "it is larger than 1024 KiB");
   EXPECT_EQ(std::filesystem::file_size(onlyAsideFile(path)), kSize);
 
   std::filesystem::remove_all(path.parent_path());
   writeFile(path, std::string(DefaultsStore::kMaxFileSize, ' ') + "{}");
   logs->clear();
-  expectKeptAside(DefaultsStore(path), *logs, path, "it is larger than 1024 KiB");
+  expectKeptAside(DefaultsStore(path, logs), *logs, path, "it is larger than 1024 KiB");
 }
 
 TEST_F(DefaultsStoreTest, AFolderOrAPipeAtThePathIsUnreadableAndKeptAside) {
   std::filesystem::create_directories(path / "inside");
   {
-    DefaultsStore store(path);
+    DefaultsStore store(path, logs);
     expectKeptAside(store, *logs, path, "it is not a regular file");
     store.set("stats.muteCount", 2);
   }
   EXPECT_TRUE(std::filesystem::is_directory(onlyAsideFile(path) / "inside"));
-  EXPECT_EQ(DefaultsStore(path).integer("stats.muteCount"), 2);
+  EXPECT_EQ(DefaultsStore(path, logs).integer("stats.muteCount"), 2);
 
   std::filesystem::remove_all(path.parent_path());
   std::filesystem::create_directories(path.parent_path());
   ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
   logs->clear();
-  expectKeptAside(DefaultsStore(path), *logs, path, "it is not a regular file");
+  expectKeptAside(DefaultsStore(path, logs), *logs, path, "it is not a regular file");
 }
 
 TEST_F(DefaultsStoreTest, DeepNestingIsRefusedBeforeParsing) {
   // Valid JSON, and yet enough to overflow the stack of a recursive copy or write.
   const std::string deep = "{\"a\": " + std::string(200000, '[') + std::string(200000, ']') + "}";
   writeFile(path, deep);
-  expectKeptAside(DefaultsStore(path), *logs, path, "it nests deeper than 32 levels");
+  expectKeptAside(DefaultsStore(path, logs), *logs, path, "it nests deeper than 32 levels");
 
   // Brackets inside texts do not count.
   std::filesystem::remove_all(path.parent_path());
   writeFile(path, "{\"name\": \"" + std::string(100, '[') + "\\\"\", \"stats.muteCount\": 4}");
   logs->clear();
-  EXPECT_EQ(DefaultsStore(path).integer("stats.muteCount"), 4);
+  EXPECT_EQ(DefaultsStore(path, logs).integer("stats.muteCount"), 4);
   EXPECT_TRUE(logs->entries().empty());
 }
 
 TEST_F(DefaultsStoreTest, AnEarlierBadFileIsNeverOverwrittenByTheNextOne) {
   for (const std::string contents : {"first [", "second ["}) {
     writeFile(path, contents);
-    DefaultsStore store(path);
+    DefaultsStore store(path, logs);
     store.set("stats.muteCount", 1);
     std::filesystem::remove(path);
   }
@@ -206,7 +202,7 @@ TEST_F(DefaultsStoreTest, AWrongTypedKeyFallsBackAloneAndIsReportedOnce) {
       "stats.muteCount": 18446744073709551615, "stats.mutedSeconds": "nan",
       "onboardingCompleted": "maybe", "updateFeedURL": 42, "kept": ["a.app"]})";
   writeFile(path, contents);
-  DefaultsStore store(path);
+  DefaultsStore store(path, logs);
   for (int round = 0; round < 2; ++round) {
     EXPECT_FALSE(store.stringArray("mutedBundleIDs").has_value());
     EXPECT_FALSE(store.dictionary("appVolumes").has_value());
@@ -228,7 +224,7 @@ TEST_F(DefaultsStoreTest, AWrongTypedKeyFallsBackAloneAndIsReportedOnce) {
   // Words and numbers are Booleans as a defaults database knows them.
   writeFile(path, R"({"a": "no", "b": "YES", "c": 0, "d": "1"})");
   logs->clear();
-  DefaultsStore words(path);
+  DefaultsStore words(path, logs);
   EXPECT_FALSE(words.boolean("a"));
   EXPECT_TRUE(words.boolean("b"));
   EXPECT_FALSE(words.boolean("c"));
@@ -239,7 +235,7 @@ TEST_F(DefaultsStoreTest, AWrongTypedKeyFallsBackAloneAndIsReportedOnce) {
 TEST_F(DefaultsStoreTest, AFailedWriteIsLoggedAndKeepsTheValuesOfThisRun) {
   // A file where the preferences folder should be: nothing can be written below it.
   writeFile(directory.path() / "blocked", "not a folder");
-  DefaultsStore store(directory.path() / "blocked" / "preferences.json");
+  DefaultsStore store(directory.path() / "blocked" / "preferences.json", logs);
   store.set("stats.muteCount", 5);
   EXPECT_EQ(store.integer("stats.muteCount"), 5);
   ASSERT_EQ(logs->entries().size(), 1u);
@@ -248,12 +244,12 @@ TEST_F(DefaultsStoreTest, AFailedWriteIsLoggedAndKeepsTheValuesOfThisRun) {
 }
 
 TEST_F(DefaultsStoreTest, AnAtomicWriteLeavesNoTemporaryFilesBehind) {
-  DefaultsStore store(path);
+  DefaultsStore store(path, logs);
   for (int i = 0; i < 20; ++i) {
     store.set("stats.muteCount", i);
   }
   EXPECT_EQ(filesIn(path.parent_path()), std::vector<std::filesystem::path>{path});
-  EXPECT_EQ(DefaultsStore(path).integer("stats.muteCount"), 19);
+  EXPECT_EQ(DefaultsStore(path, logs).integer("stats.muteCount"), 19);
 }
 
 TEST(DefaultsStorePath, FollowsXdgConfigHome) {

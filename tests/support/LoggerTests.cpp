@@ -7,10 +7,8 @@ namespace {
 
 TEST(Logger, LinesCarryTheSubsystemCategoryAndLevel) {
   auto capture = std::make_shared<CapturingLogSink>();
-  auto previous = Logger::installSink(capture);
-  Logger("MuteController").info("Created");
-  Logger("Spike").error("FEHLER: x");
-  Logger::installSink(previous);
+  Logger(capture, "MuteController").info("Created");
+  Logger(capture, "Spike").error("FEHLER: x");
 
   const auto entries = capture->entries();
   ASSERT_EQ(entries.size(), 2u);

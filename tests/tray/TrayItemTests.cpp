@@ -114,7 +114,7 @@ QIcon uniformIcon(QColor colour) {
 TEST(TrayItemTest, RegistersWithAWatcherThatIsAlreadyThere) {
   FakeStatusNotifierWatcher watcher(QStringLiteral("watcher"), true);
   QSignalSpy registered(watcher.adaptor(), &FakeWatcherAdaptor::StatusNotifierItemRegistered);
-  TrayItem item;
+  TrayItem item(std::make_shared<StderrLogSink>());
   QSignalSpy availability(&item, &TrayItem::hostAvailabilityChanged);
 
   ASSERT_TRUE(waitFor(registered));
@@ -126,7 +126,7 @@ TEST(TrayItemTest, RegistersWithAWatcherThatIsAlreadyThere) {
 }
 
 TEST(TrayItemTest, AnItemStartedBeforeTheTrayRegistersWhenItAppearsAndAgainAfterARestart) {
-  TrayItem item;
+  TrayItem item(std::make_shared<StderrLogSink>());
   QSignalSpy availability(&item, &TrayItem::hostAvailabilityChanged);
   EXPECT_FALSE(item.isHostAvailable());
 
@@ -151,7 +151,7 @@ TEST(TrayItemTest, AnItemStartedBeforeTheTrayRegistersWhenItAppearsAndAgainAfter
 TEST(TrayItemTest, AvailabilityFollowsTheHostsBehindTheWatcher) {
   FakeStatusNotifierWatcher watcher(QStringLiteral("watcher"), false);
   QSignalSpy registered(watcher.adaptor(), &FakeWatcherAdaptor::StatusNotifierItemRegistered);
-  TrayItem item;
+  TrayItem item(std::make_shared<StderrLogSink>());
   QSignalSpy availability(&item, &TrayItem::hostAvailabilityChanged);
   ASSERT_TRUE(waitFor(registered));
   EXPECT_FALSE(item.isHostAvailable());
@@ -166,7 +166,7 @@ TEST(TrayItemTest, AvailabilityFollowsTheHostsBehindTheWatcher) {
 }
 
 TEST(TrayItemTest, PropertiesDescribeTheItemAndItsMenu) {
-  TrayItem item;
+  TrayItem item(std::make_shared<StderrLogSink>());
   item.setToolTip(QStringLiteral("Quellix"), QStringLiteral("1 App stummgeschaltet"));
   Host host(item.serviceName());
 
@@ -184,7 +184,7 @@ TEST(TrayItemTest, PropertiesDescribeTheItemAndItsMenu) {
 }
 
 TEST(TrayItemTest, IntrospectionGivesTheHostsTheSignaturesTheyDecode) {
-  TrayItem item;
+  TrayItem item(std::make_shared<StderrLogSink>());
   Host host(item.serviceName());
   const auto introspect = [&](const QString& path) {
     return host
@@ -216,7 +216,7 @@ TEST(TrayItemTest, IntrospectionGivesTheHostsTheSignaturesTheyDecode) {
 }
 
 TEST(TrayItemTest, ClicksAndScrollsReachTheProgram) {
-  TrayItem item;
+  TrayItem item(std::make_shared<StderrLogSink>());
   QSignalSpy activated(&item, &TrayItem::activated);
   QSignalSpy scrolled(&item, &TrayItem::scrolled);
   Host host(item.serviceName());
@@ -238,7 +238,7 @@ TEST(TrayItemTest, ClicksAndScrollsReachTheProgram) {
 }
 
 TEST(TrayItemTest, TheSymbolPicksTheThemeIconAndSendsPicturesInNetworkByteOrder) {
-  TrayItem item;
+  TrayItem item(std::make_shared<StderrLogSink>());
   item.setSymbol(QStringLiteral("speaker.wave.2.fill"), uniformIcon(QColor(0x11, 0x22, 0x33)));
   Host host(item.serviceName());
   auto newIcon = host.follow(kItemPath, kItemInterface, QStringLiteral("NewIcon"));
@@ -279,7 +279,7 @@ TEST(TrayItemTest, SymbolPicturesComeFromTheSymbolDirectory) {
             R"(<rect x="0" y="0" width="16" height="16" fill="#000"/></svg>)");
   svg.close();
 
-  TrayItem item;
+  TrayItem item(std::make_shared<StderrLogSink>());
   item.setSymbolDirectory(directory.path());
   item.setSymbol(QStringLiteral("speaker.slash.fill"));
   Host host(item.serviceName());
@@ -292,7 +292,7 @@ TEST(TrayItemTest, SymbolPicturesComeFromTheSymbolDirectory) {
 }
 
 TEST(TrayItemTest, TheMenuLayoutCarriesTheEntriesAndAClickTriggersOne) {
-  TrayItem item;
+  TrayItem item(std::make_shared<StderrLogSink>());
   item.setMenuEntries({{.id = "panel", .label = "Quellix öffnen"},
                        TrayMenuEntry::separator(),
                        {.id = "about", .label = "Über_Quellix", .enabled = false},
@@ -332,7 +332,7 @@ TEST(TrayItemTest, TheMenuLayoutCarriesTheEntriesAndAClickTriggersOne) {
 }
 
 TEST(TrayItemTest, ChangedEntriesKeepTheirIdsAndTellTheHostWhatChanged) {
-  TrayItem item;
+  TrayItem item(std::make_shared<StderrLogSink>());
   item.setMenuEntries(
       {{.id = "panel", .label = "Quellix öffnen"}, {.id = "quit", .label = "Beenden"}});
   Host host(item.serviceName());
@@ -368,8 +368,7 @@ TEST(TrayItemDeathTest, WithoutASessionBusTheItemSaysWhyAndHasNoHost) {
       {
         ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
         const auto sink = std::make_shared<CapturingLogSink>();
-        Logger::installSink(sink);
-        TrayItem item;
+        TrayItem item(sink);
         const auto messages = sink->messages("TrayItem");
         const bool said = messages.size() == 1 && messages[0].starts_with("No session bus");
         std::exit(said && !item.isHostAvailable() && item.serviceName().isEmpty() ? 0 : 1);

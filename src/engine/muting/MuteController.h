@@ -26,8 +26,9 @@ class MuteController : public std::enable_shared_from_this<MuteController> {
 
   // Loads the preferences, removes aggregate devices an earlier run left behind, and follows
   // the default output device.
-  static std::shared_ptr<MuteController> create(MainQueue& queue, DefaultsStore& defaults,
-                                                const WallClock& clock);
+  static std::shared_ptr<MuteController> create(MainQueue& queue, AudioHardware& hardware,
+                                                DefaultsStore& defaults, const WallClock& clock,
+                                                std::shared_ptr<LogSink> logs);
 
   const Observable<std::set<std::string>>& mutedKeys() const { return mutedKeys_; }
   const Observable<std::map<std::string, float>>& volumes() const { return volumes_; }
@@ -48,7 +49,8 @@ class MuteController : public std::enable_shared_from_this<MuteController> {
   double statsMutedSeconds() const { return statsMutedSeconds_.get(); }
 
  private:
-  MuteController(DefaultsStore& defaults, const WallClock& clock);
+  MuteController(AudioHardware& hardware, DefaultsStore& defaults, const WallClock& clock,
+                 std::shared_ptr<LogSink> logs);
   void load();
   void persist();
   void accumulateMuteTime(const std::string& key);
@@ -57,6 +59,7 @@ class MuteController : public std::enable_shared_from_this<MuteController> {
   void rebuildAllTaps();
   void forgetTap(const std::string& key);
 
+  AudioHardware& hardware_;
   DefaultsStore& defaults_;
   const WallClock& clock_;
   Observable<std::set<std::string>> mutedKeys_;
@@ -73,7 +76,7 @@ class MuteController : public std::enable_shared_from_this<MuteController> {
   AudioObjectPropertyAddress defaultOutputAddress_{kAudioHardwarePropertyDefaultOutputDevice,
                                                    kAudioObjectPropertyScopeGlobal,
                                                    kAudioObjectPropertyElementMain};
-  Logger logger_{"MuteController"};
+  Logger logger_;
 };
 
 }  // namespace quellix
