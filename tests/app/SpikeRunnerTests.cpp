@@ -33,7 +33,7 @@ TEST_F(SpikeRunnerTest, TheLogFileIsOnlyAppendedToAndAnUnwritableOneLosesTheLine
   EXPECT_EQ(logLines(), (std::vector<std::string>{"first", "zweite Zeile — ü"}));
 
   std::ofstream(directory.path() / "x") << "a file, not a folder";
-  SpikeRunner::log({directory.path() / "x" / "spike.log", queue}, "still logged");
+  SpikeRunner::log({directory.path() / "x" / "spike.log", queue, hardware, logs}, "still logged");
   EXPECT_EQ(logs->messages("Spike"),
             (std::vector<std::string>{"first", "zweite Zeile — ü", "still logged"}));
 }
