@@ -113,17 +113,30 @@ std::vector<AudioObjectID> readDeviceList(AudioHardware& hardware) {
                         {"Error reading device list size: ", "Error reading device list: "});
 }
 
-std::optional<std::string> readProcessBundleID(AudioHardware& hardware, AudioObjectID process) {
+namespace {
+
+std::optional<std::string> readProcessText(AudioHardware& hardware, AudioObjectID process,
+                                           AudioObjectPropertySelector selector) {
   try {
-    const CFString bundleID =
-        read(hardware, process, globalAddress(kAudioProcessPropertyBundleID), CFString(""));
-    if (bundleID.view().empty()) {
+    const CFString text = read(hardware, process, globalAddress(selector), CFString(""));
+    if (text.view().empty()) {
       return std::nullopt;
     }
-    return bundleID.str();
+    return text.str();
   } catch (const TextError&) {
     return std::nullopt;
   }
+}
+
+}  // namespace
+
+std::optional<std::string> readProcessBundleID(AudioHardware& hardware, AudioObjectID process) {
+  return readProcessText(hardware, process, kAudioProcessPropertyBundleID);
+}
+
+std::optional<std::string> readProcessApplicationName(AudioHardware& hardware,
+                                                      AudioObjectID process) {
+  return readProcessText(hardware, process, kAudioProcessPropertyApplicationName);
 }
 
 }  // namespace quellix

@@ -70,5 +70,8 @@ std::vector<AudioObjectID> readProcessList(AudioHardware& hardware);
 std::vector<AudioObjectID> readDeviceList(AudioHardware& hardware);
 // None for a process without a bundle identifier and for a failing read.
 std::optional<std::string> readProcessBundleID(AudioHardware& hardware, AudioObjectID process);
+// None for a process whose streams give no application name and for a failing read.
+std::optional<std::string> readProcessApplicationName(AudioHardware& hardware,
+                                                      AudioObjectID process);
 
 }  // namespace quellix

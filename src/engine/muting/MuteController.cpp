@@ -62,6 +62,14 @@ MuteController::MuteController(AudioHardware& hardware, DefaultsStore& defaults,
       clock_(clock),
       logger_(std::move(logs), "MuteController") {}
 
+MuteController::~MuteController() {
+  // A quit is no crash: the streams go back now rather than being left for the guard, which
+  // reports what it has to clean up as an error.
+  for (auto& [key, tap] : taps_) {
+    tap->invalidate();
+  }
+}
+
 void MuteController::load() {
   const auto muted = defaults_.stringArray(kMutedBundleIDsKey);
   mutedKeys_.set(muted ? std::set<std::string>(muted->begin(), muted->end())

@@ -29,6 +29,11 @@ class MuteController : public std::enable_shared_from_this<MuteController> {
   static std::shared_ptr<MuteController> create(MainQueue& queue, AudioHardware& hardware,
                                                 DefaultsStore& defaults, const WallClock& clock,
                                                 std::shared_ptr<LogSink> logs);
+  // Takes every tap down: each application plays on its own device again before the program
+  // goes. Needs the audio hardware it was given still there.
+  ~MuteController();
+  MuteController(const MuteController&) = delete;
+  MuteController& operator=(const MuteController&) = delete;
 
   const Observable<std::set<std::string>>& mutedKeys() const { return mutedKeys_; }
   const Observable<std::map<std::string, float>>& volumes() const { return volumes_; }
