@@ -33,16 +33,17 @@ struct World {
                          .executable = application ? "app" + std::to_string(pid / 40 % 10)
                                                    : "helper" + std::to_string(pid)});
     }
-    sim = std::make_shared<SimAudioBackend>();
-    installAudioBackend(sim);
     for (int i = 0; i < kAudioProcesses; ++i) {
       sim->addProcess({.pid = 3 + (i * (processes / kAudioProcesses))});
     }
-    monitor = AudioProcessMonitor::create(queue, std::make_shared<Workspace>(system.roots()));
+    monitor = AudioProcessMonitor::create(queue, hardware,
+                                          std::make_shared<Workspace>(system.roots()), logs);
     monitor->refresh();  // warm
   }
   quellix::testing::FakeSystem system;
-  std::shared_ptr<SimAudioBackend> sim;
+  std::shared_ptr<SimAudioBackend> sim = std::make_shared<SimAudioBackend>();
+  AudioHardware hardware{sim};
+  std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
   ManualQueue queue;
   std::shared_ptr<AudioProcessMonitor> monitor;
 };
@@ -58,7 +59,7 @@ void BM_Refresh(benchmark::State& state) {
 void BM_ReadProcessList(benchmark::State& state) {
   World world(400);
   for (auto _ : state) {
-    benchmark::DoNotOptimize(readProcessList());
+    benchmark::DoNotOptimize(readProcessList(world.hardware));
   }
 }
 
@@ -75,7 +76,6 @@ BENCHMARK(BM_Refresh)
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
-  Logger::installSink(std::make_shared<CapturingLogSink>());
   bench::MedianReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   const double list = reporter.nanoseconds["BM_ReadProcessList"];
@@ -85,7 +85,6 @@ int main(int argc, char** argv) {
     std::printf("  %5s processes: %7.1f us = %6.1f x readProcessList()\n", size, refresh / 1000,
                 list > 0 ? refresh / list : 0.0);
   }
-  installAudioBackend(nullptr);
   benchmark::Shutdown();
   return 0;
 }

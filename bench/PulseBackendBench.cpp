@@ -23,15 +23,16 @@ constexpr int kProcesses = 200;
 
 std::vector<AudioObjectID> processes;
 
-void BM_ReadFourPropertiesOf200Processes(benchmark::State& state) {
+void BM_ReadFourPropertiesOf200Processes(benchmark::State& state, AudioHardware* hardware) {
   for (auto _ : state) {
     for (const AudioObjectID object : processes) {
-      benchmark::DoNotOptimize(read<SInt32>(object, globalAddress(kAudioProcessPropertyPID), 0));
-      benchmark::DoNotOptimize(readProcessBundleID(object));
       benchmark::DoNotOptimize(
-          read<UInt32>(object, globalAddress(kAudioProcessPropertyIsRunning), 0));
+          read<SInt32>(*hardware, object, globalAddress(kAudioProcessPropertyPID), 0));
+      benchmark::DoNotOptimize(readProcessBundleID(*hardware, object));
       benchmark::DoNotOptimize(
-          read<std::int64_t>(object, globalAddress(kAudioProcessPropertyIsRunningOutput), 0));
+          read<UInt32>(*hardware, object, globalAddress(kAudioProcessPropertyIsRunning), 0));
+      benchmark::DoNotOptimize(read<std::int64_t>(
+          *hardware, object, globalAddress(kAudioProcessPropertyIsRunningOutput), 0));
     }
   }
 }
@@ -71,26 +72,28 @@ void BM_ServerRoundTrip(benchmark::State& state) {
   pa_threaded_mainloop_free(mainloop);
 }
 
-BENCHMARK(BM_ReadFourPropertiesOf200Processes)->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_ServerRoundTrip)->Repetitions(5)->ReportAggregatesOnly(true);
 
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
-  Logger::installSink(std::make_shared<CapturingLogSink>());
   testing::SoundServer server(testing::SoundServer::Kind::pulseAudio);
   testing::TestPlayerProcess player({.fakePIDs = kProcesses - 1, .pidBase = 4000000});
-  auto backend = PulseBackend::create({});
-  installAudioBackend(backend);
+  auto backend = PulseBackend::create({}, std::make_shared<CapturingLogSink>());
+  AudioHardware hardware(backend);
   const bool listed =
       testing::eventually([&] { return backend->snapshot()->processes.size() >= kProcesses; }, {},
                           std::chrono::seconds(30));
-  processes = readProcessList();
+  processes = readProcessList(hardware);
   std::printf("%zu process objects on the private server\n", processes.size());
   if (!listed) {
     return 1;
   }
+  benchmark::RegisterBenchmark("BM_ReadFourPropertiesOf200Processes",
+                               BM_ReadFourPropertiesOf200Processes, &hardware)
+      ->Repetitions(5)
+      ->ReportAggregatesOnly(true);
   bench::MedianReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   const double reads = reporter.nanoseconds["BM_ReadFourPropertiesOf200Processes"];
@@ -101,7 +104,6 @@ int main(int argc, char** argv) {
         "(%.1f us against %.1f us)\n",
         kProcesses, reads / roundTrip, reads / 1000, roundTrip / 1000);
   }
-  installAudioBackend(nullptr);
   benchmark::Shutdown();
   return 0;
 }

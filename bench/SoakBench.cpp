@@ -104,21 +104,20 @@ int main(int argc, char** argv) {
   const bool pipeWire = argc > 1 && std::string(argv[1]) == "pipewire";
   const std::size_t stepCount = argc > 2 ? std::stoul(argv[2]) : kDefaultSteps;
   auto sink = std::make_shared<ErrorSink>();
-  Logger::installSink(sink);
   quellix::testing::SoundServer server(pipeWire ? quellix::testing::SoundServer::Kind::pipeWire
                                                 : quellix::testing::SoundServer::Kind::pulseAudio);
   const std::size_t baseline = ourObjects(server);
-  auto backend = PulseBackend::create({});
-  installAudioBackend(backend);
+  auto hardware = std::make_unique<AudioHardware>(PulseBackend::create({}, sink));
 
   quellix::testing::TemporaryDirectory directory;
   ManualQueue queue;
   SystemWallClock clock;
-  DefaultsStore defaults(directory.path() / "preferences.json", queue);
-  auto controller = MuteController::create(queue, defaults, clock);
+  DefaultsStore defaults(directory.path() / "preferences.json", queue, sink);
+  auto controller = MuteController::create(queue, *hardware, defaults, clock, sink);
   auto roots = Workspace::systemRoots();
   roots.dataDirs = {directory.path()};
-  auto monitor = AudioProcessMonitor::create(queue, std::make_shared<Workspace>(roots));
+  auto monitor =
+      AudioProcessMonitor::create(queue, *hardware, std::make_shared<Workspace>(roots), sink);
   monitor->setOnChange([&](const std::vector<AudioApp>& apps) { controller->reconcile(apps); });
   monitor->start();
 
@@ -207,8 +206,7 @@ int main(int argc, char** argv) {
   players.clear();
   monitor.reset();
   controller.reset();
-  installAudioBackend(nullptr);
-  backend.reset();
+  hardware.reset();
   const bool passed = left == baseline && endResident - warmResident < 1024 && unexpected.empty();
   std::printf("%s\n", passed ? "PASS" : "FAIL");
   return passed ? 0 : 1;

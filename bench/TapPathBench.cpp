@@ -339,11 +339,11 @@ class BurstTimeline {
 int main(int argc, char** argv) {
   const bool pipeWire = argc > 1 && std::string(argv[1]) == "pipewire";
   const int seconds = argc > 2 ? std::atoi(argv[2]) : 60;
-  Logger::installSink(std::make_shared<CapturingLogSink>());
+  const auto logs = std::make_shared<CapturingLogSink>();
   testing::SoundServer server(pipeWire ? testing::SoundServer::Kind::pipeWire
                                        : testing::SoundServer::Kind::pulseAudio);
-  auto backend = PulseBackend::create({});
-  installAudioBackend(backend);
+  auto backend = PulseBackend::create({}, logs);
+  AudioHardware hardware(backend);
 
   // A long attenuated session of a steady tone, then the tap's usual state, muted.
   const int mutedSeconds = argc > 3 ? std::atoi(argv[3]) : 10;
@@ -363,8 +363,8 @@ int main(int argc, char** argv) {
   // The recording goes on while the tap is made, muted: the tone's end in it is the moment the
   // output fell silent.
   const auto constructed = Clock::now();
-  auto tap =
-      std::make_unique<ProcessMuteTap>("Player", processObjectsOf(*backend, player->pid()), 0.0f);
+  auto tap = std::make_unique<ProcessMuteTap>(
+      hardware, "Player", processObjectsOf(*backend, player->pid()), 0.0f, logs);
   const double constructionMs =
       std::chrono::duration<double, std::milli>(Clock::now() - constructed).count();
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
@@ -443,7 +443,7 @@ int main(int argc, char** argv) {
   std::optional<PulseIOPath::Statistics> clickStatistics;
   timeline.mark("tap");
   {
-    ProcessMuteTap clickTap("Clicker", clickerObjects, 0.5f);
+    ProcessMuteTap clickTap(hardware, "Clicker", clickerObjects, 0.5f, logs);
     std::this_thread::sleep_for(kSegment - std::chrono::seconds(1));
     tapSinkLatency = sinkLatencyLine(server, "quellix.tap.");
     clickStatistics = backend->ioStatistics(clickTap.aggregateID());
@@ -538,6 +538,5 @@ int main(int argc, char** argv) {
   }
   std::printf("  repeated moves: %llu\n",
               static_cast<unsigned long long>(backend->repeatedMoves()));
-  installAudioBackend(nullptr);
   return 0;
 }

@@ -23,14 +23,15 @@ std::size_t writesPerDrag = 0;
 
 void BM_VolumeDragStep(benchmark::State& state) {
   auto sim = std::make_shared<SimAudioBackend>();
-  installAudioBackend(sim);
+  AudioHardware hardware(sim);
+  const auto logs = std::make_shared<CapturingLogSink>();
   sim->setDefaultOutputDevice(sim->addDevice({.uid = "speakers"}));
   const AudioObjectID player = sim->addProcess({.pid = 10});
   quellix::testing::TemporaryDirectory directory;
   ManualQueue queue;
   ManualWallClock clock;
-  DefaultsStore defaults(directory.path() / "preferences.json", queue);
-  auto controller = MuteController::create(queue, defaults, clock);
+  DefaultsStore defaults(directory.path() / "preferences.json", queue, logs);
+  auto controller = MuteController::create(queue, hardware, defaults, clock, logs);
   AudioApp app;
   app.id = 10;
   app.name = "Player";
@@ -52,7 +53,6 @@ void BM_VolumeDragStep(benchmark::State& state) {
   if (drags > 0) {
     writesPerDrag = (defaults.diskWrites() - writesBefore) / drags;
   }
-  installAudioBackend(nullptr);
 }
 
 void BM_AtomicGainStore(benchmark::State& state) {
@@ -72,7 +72,6 @@ BENCHMARK(BM_VolumeDragStep)->Iterations(kSteps * 20)->Repetitions(5)->ReportAgg
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
-  Logger::installSink(std::make_shared<CapturingLogSink>());
   bench::MedianReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   const double step = reporter.nanoseconds["BM_VolumeDragStep"];

@@ -39,8 +39,6 @@ struct Folder {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const Folder folder;
   static const auto logs = std::make_shared<CapturingLogSink>();
-  static const bool installed = (Logger::installSink(logs), true);
-  (void)installed;
   for (const auto& file : std::filesystem::directory_iterator(folder.path)) {
     std::filesystem::remove_all(file.path());
   }
@@ -49,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
 
   auto sim = std::make_shared<SimAudioBackend>();
-  installAudioBackend(sim);
+  AudioHardware hardware(sim);
   ManualQueue queue;
   ManualWallClock clock;
   sim->setDefaultOutputDevice(sim->addDevice({.uid = "speakers"}));
@@ -59,10 +57,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   app.bundleID = "org.example.Player";
   app.processObjectIDs = {sim->addProcess({.pid = 10})};
   {
-    DefaultsStore store(path, queue);  // written once, at the flush below
+    DefaultsStore store(path, queue, logs);  // written once, at the flush below
     store.boolean("onboardingCompleted");
     store.string("updateFeedURL");
-    auto controller = MuteController::create(queue, store, clock);
+    auto controller = MuteController::create(queue, hardware, store, clock, logs);
     // Muted and unmuted again (or the other way round): every key of the controller is
     // written, and its choices end where they began.
     controller->reconcile({app});
@@ -79,15 +77,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     store.flush();
 
     logs->clear();
-    DefaultsStore reloadedStore(path, queue);
-    const auto reloaded = MuteController::create(queue, reloadedStore, clock);
+    DefaultsStore reloadedStore(path, queue, logs);
+    const auto reloaded = MuteController::create(queue, hardware, reloadedStore, clock, logs);
     if (!logs->messages("Defaults").empty() || reloaded->mutedKeys().get() != mutedKeys ||
         reloaded->volumes().get() != volumes || reloaded->statsMuteCount().get() != muteCount) {
       std::abort();
     }
   }
   queue.drain();
-  installAudioBackend(nullptr);
   logs->clear();
   return 0;
 }

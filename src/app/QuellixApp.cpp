@@ -5,6 +5,7 @@
 
 #include "app/PanelHost.h"
 #include "audio/BackendSelection.h"
+#include "desktop/mpris/Accessibility.h"
 #include "desktop/runtime/HttpClient.h"
 #include "desktop/runtime/QtMainQueue.h"
 #include "desktop/runtime/SingleInstance.h"
@@ -35,10 +36,11 @@ QuellixApp::QuellixApp(AppEnvironment environment) {
     return ui::makeOnboardingWindow(state, std::move(close));
   };
   environment.makeAbout = [](AppState& state) { return ui::makeAboutWindow(state); };
+  auto logs = environment.logs;
   state_ = AppState::create(std::move(environment));
 
   panel_ = std::make_unique<PanelHost>(ui::makeMenuBarView(*state_));
-  tray_ = std::make_unique<TrayItem>();
+  tray_ = std::make_unique<TrayItem>(std::move(logs));
   tray_->setToolTip(QStringLiteral("Quellix"), QString());
   tray_->setMenuEntries({
       {.id = kOpenPanel, .label = QCoreApplication::translate("QuellixApp", "Quellix öffnen")},
@@ -112,7 +114,7 @@ void QuellixApp::scroll(int notches, Qt::Orientation orientation) {
   state_->systemVolume().setVolume(std::clamp(volume + kScrollStep * notches, 0.0, 1.0));
 }
 
-int QuellixApp::run(int argc, char** argv) {
+int QuellixApp::run(int argc, char** argv, std::shared_ptr<LogSink> logs) {
   QApplication application(argc, argv);
   QApplication::setApplicationName(QStringLiteral("Quellix"));
   QApplication::setApplicationVersion(QString::fromLatin1(build::kVersion));
@@ -120,7 +122,7 @@ int QuellixApp::run(int argc, char** argv) {
   // Closing the about window or the panel's window must not end the tray application.
   QApplication::setQuitOnLastWindowClosed(false);
   installTranslations(application);
-  Logger logger("AppState");
+  Logger logger(logs, "AppState");
 
   SingleInstance instance;
   switch (instance.claim()) {
@@ -141,27 +143,26 @@ int QuellixApp::run(int argc, char** argv) {
   quitOnTerminationSignals();
   QtMainQueue queue;
   // The backend's thread posts to the queue: it must be gone before the queue is.
-  struct BackendTeardown {
-    std::shared_ptr<AudioBackend> backend;
-    ~BackendTeardown() {
-      installAudioBackend(nullptr);
-      backend.reset();
-    }
-  } teardown{installBackendFromEnvironment(queue)};
+  AudioHardware hardware(backendFromEnvironment(logs));
+  // Why the media keys reach no player belongs in the program's log.
+  installAccessibilityTrust(makeDesktopAccessibilityTrust(logs));
 
-  DefaultsStore defaults(DefaultsStore::standardPath(), queue);
+  DefaultsStore defaults(DefaultsStore::standardPath(), queue, logs);
   SystemWallClock clock;
   QuellixApp scene({
       .queue = queue,
+      .audio = hardware,
       .defaults = defaults,
       .clock = clock,
+      .logs = logs,
       .workspace = std::make_shared<Workspace>(Workspace::systemRoots()),
       .loginItem = makeLoginItem(),
       .http = makeQtHttpClient(),
       .offerMoveIfNeeded =
-          [&queue, &instance] {
+          [&queue, &instance, logs] {
             MessageBoxMoveAlerts alerts;
-            return SelfMover::offerMoveIfNeeded(queue, alerts, [&instance] { instance.release(); });
+            return SelfMover::offerMoveIfNeeded(queue, alerts, logs,
+                                                [&instance] { instance.release(); });
           },
   });
   QObject::connect(&instance, &SingleInstance::activationRequested, &scene, &QuellixApp::showPanel);

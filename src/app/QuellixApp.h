@@ -32,7 +32,7 @@ class QuellixApp final : public QObject {
   void showPanel();
 
   // Runs the application mode; returns the process's exit status.
-  static int run(int argc, char** argv);
+  static int run(int argc, char** argv, std::shared_ptr<LogSink> logs);
 
  private:
   void followMuteCount();

@@ -47,15 +47,15 @@ Invocation dispatch(const std::vector<std::string>& arguments) {
 }
 
 int main(int argc, char** argv, ApplicationRunner runApplication) {
-  Logger::installSink(makeSystemLogSink());
+  const std::shared_ptr<LogSink> logs = makeSystemLogSink();
   const Invocation invocation = dispatch(std::vector<std::string>(argv, argv + argc));
   // Taps outlive a program that ends; the guard removes them then. It must be forked while
   // this is the only thread.
   if (invocation.mode == Mode::spike || invocation.mode == Mode::application) {
-    TapGuard::start();
+    TapGuard::start(logs);
   }
   if (invocation.mode == Mode::application) {
-    return runApplication(argc, argv);
+    return runApplication(argc, argv, logs);
   }
 
   QCoreApplication application(argc, argv);
@@ -64,15 +64,9 @@ int main(int argc, char** argv, ApplicationRunner runApplication) {
   quitOnTerminationSignals();
   QtMainQueue queue;
   // The backend's thread posts to the queue: it must be gone before the queue is.
-  struct BackendTeardown {
-    std::shared_ptr<AudioBackend> backend;
-    ~BackendTeardown() {
-      installAudioBackend(nullptr);
-      backend.reset();
-    }
-  } teardown{installBackendFromEnvironment(queue)};
+  AudioHardware hardware(backendFromEnvironment(logs));
 
-  const SpikeRunner::Context context{SpikeRunner::logPath, queue};
+  const SpikeRunner::Context context{SpikeRunner::logPath, queue, hardware, logs};
   switch (invocation.mode) {
     case Mode::spike:
       return SpikeRunner::run(context, invocation.argument);

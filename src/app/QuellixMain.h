@@ -1,7 +1,10 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "support/Logger.h"
 
 namespace quellix::QuellixMain {
 
@@ -17,8 +20,8 @@ struct Invocation {
 // Decides what a command line asks for; the whole argument vector, program path included.
 Invocation dispatch(const std::vector<std::string>& arguments);
 
-// Runs the application mode and returns its exit status.
-using ApplicationRunner = int (*)(int argc, char** argv);
+// Runs the application mode, logging to `logs`, and returns its exit status.
+using ApplicationRunner = int (*)(int argc, char** argv, std::shared_ptr<LogSink> logs);
 
 // The program's entry: runs a diagnostic mode and returns its exit status, or the application.
 // The application sits above this layer, so the caller says how to run it.

@@ -61,7 +61,7 @@ long long truncatedPercent(double volume) {
 }  // namespace
 
 void log(const Context& context, std::string_view message) {
-  Logger("Spike").info(message);
+  Logger(context.logs, "Spike").info(message);
   std::string line(message);
   line += '\n';
   if (appendToExistingFile(context.logFile, line)) {
@@ -79,16 +79,16 @@ int taps(const Context& context) {
                                            kAudioObjectPropertyScopeGlobal,
                                            kAudioObjectPropertyElementMain};
   UInt32 size = 0;
-  OSStatus status =
-      AudioObjectGetPropertyDataSize(kAudioObjectSystemObject, &address, 0, nullptr, &size);
+  OSStatus status = context.hardware.AudioObjectGetPropertyDataSize(kAudioObjectSystemObject,
+                                                                    &address, 0, nullptr, &size);
   if (status != kAudioHardwareNoError) {
     log(context, "TapList size error: " + std::to_string(status));
     return kFailure;
   }
   std::vector<AudioObjectID> ids(size / sizeof(AudioObjectID), 0);
   UInt32 dataSize = static_cast<UInt32>(ids.size() * sizeof(AudioObjectID));
-  status = AudioObjectGetPropertyData(kAudioObjectSystemObject, &address, 0, nullptr, &dataSize,
-                                      ids.data());
+  status = context.hardware.AudioObjectGetPropertyData(kAudioObjectSystemObject, &address, 0,
+                                                       nullptr, &dataSize, ids.data());
   if (status != kAudioHardwareNoError) {
     log(context, "TapList read error: " + std::to_string(status));
     return kFailure;
@@ -105,7 +105,8 @@ int list(const Context& context) {
   log(context, "=== Quellix List @ " + currentDateDescription());
   auto workspace =
       std::make_shared<Workspace>(context.workspaceRoots.value_or(Workspace::systemRoots()));
-  auto monitor = AudioProcessMonitor::create(context.queue, std::move(workspace));
+  auto monitor = AudioProcessMonitor::create(context.queue, context.hardware, std::move(workspace),
+                                             context.logs);
   monitor->refresh();
   const auto& apps = monitor->apps().get();
   for (const auto& app : apps) {
@@ -162,10 +163,11 @@ int run(const Context& context, const std::string& target) {
     const pid_t pid = targetPID(context, target);
     const auto responsible = lookupResponsibilityFunction();
     std::vector<AudioObjectID> matched;
-    for (const AudioObjectID object : readProcessList()) {
+    for (const AudioObjectID object : readProcessList(context.hardware)) {
       SInt32 objectPID = 0;
       try {
-        objectPID = read<SInt32>(object, globalAddress(kAudioProcessPropertyPID), 0);
+        objectPID =
+            read<SInt32>(context.hardware, object, globalAddress(kAudioProcessPropertyPID), 0);
       } catch (const TextError&) {
         continue;
       }
@@ -180,13 +182,14 @@ int run(const Context& context, const std::string& target) {
       bool runningOutput = false;
       try {
         runningOutput =
-            read<std::int64_t>(object, globalAddress(kAudioProcessPropertyIsRunningOutput), 0) == 1;
+            read<std::int64_t>(context.hardware, object,
+                               globalAddress(kAudioProcessPropertyIsRunningOutput), 0) == 1;
       } catch (const TextError&) {
       }
       log(context, "  match: object #" + std::to_string(object) +
                        " pid=" + std::to_string(objectPID) +
                        " responsible=" + std::to_string(responsiblePID) +
-                       " bundle=" + readProcessBundleID(object).value_or("?") +
+                       " bundle=" + readProcessBundleID(context.hardware, object).value_or("?") +
                        " runningOutput=" + (runningOutput ? "true" : "false"));
       matched.push_back(object);
     }
@@ -194,7 +197,7 @@ int run(const Context& context, const std::string& target) {
       throw TextError("Kein Prozess-AudioObject für pid " + std::to_string(pid) +
                       " gefunden — spielt die App gerade Audio?");
     }
-    ProcessMuteTap tap(target, matched, 0.0f);
+    ProcessMuteTap tap(context.hardware, target, matched, 0.0f, context.logs);
     log(context, "Tap #" + std::to_string(tap.tapID()) +
                      " aktiv — Audio der Ziel-App sollte JETZT stumm sein (10 s) …");
     context.queue.runFor(kSpikeDuration);
@@ -213,7 +216,8 @@ int setVolume(const Context& context, const std::string& volume) {
     log(context, "--volset erwartet 0–100");
     return kFailure;
   }
-  const auto controller = SystemVolumeController::create(context.queue);
+  const auto controller =
+      SystemVolumeController::create(context.queue, context.hardware, context.logs);
   const double before = controller->volume().get();
   controller->setVolume(*percent / 100.0);
   log(context, "Volume: " + std::to_string(truncatedPercent(before)) + " % → " +

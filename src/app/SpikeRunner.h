@@ -5,7 +5,9 @@
 #include <string>
 #include <string_view>
 
+#include "audio/AudioHardware.h"
 #include "desktop/apps/Workspace.h"
+#include "support/Logger.h"
 
 namespace quellix {
 class MainQueue;
@@ -20,6 +22,9 @@ inline constexpr const char* logPath = "/tmp/quellix-spike.log";
 struct Context {
   std::filesystem::path logFile = logPath;
   MainQueue& queue;
+  AudioHardware& hardware;
+  // The system log, for the modes' lines and those of the services they run.
+  std::shared_ptr<LogSink> logs;
   // Where running applications are looked for; the system's when none.
   std::optional<Workspace::Roots> workspaceRoots = std::nullopt;
 };

@@ -6,7 +6,7 @@
 
 namespace quellix {
 
-// What a real audio system provides behind the hardware-layer functions. Every method may be
+// What a real audio system provides behind the hardware layer. Every method may be
 // called from the main thread only; IO blocks run on the backend's IO thread; listeners are
 // delivered through the queue they were registered with.
 class AudioBackend {
@@ -43,11 +43,5 @@ class AudioBackend {
   virtual OSStatus stopDevice(AudioObjectID device, AudioDeviceIOProcID proc) = 0;
   virtual OSStatus destroyIOProcID(AudioObjectID device, AudioDeviceIOProcID proc) = 0;
 };
-
-// The backend the hardware-layer functions forward to. Without one, every call fails with
-// kAudioHardwareNotRunningError. Install before any audio call, from the main thread.
-void installAudioBackend(std::shared_ptr<AudioBackend> backend);
-std::shared_ptr<AudioBackend> installedAudioBackend();
-std::shared_ptr<AudioBackend>& backendSlot();
 
 }  // namespace quellix

@@ -1,7 +1,6 @@
 #pragma once
 
-// The audio hardware layer: Core Audio's names, signatures, selectors and statuses, forwarding
-// to one installed backend (the sound server, or the simulator in tests).
+// The audio hardware layer: Core Audio's names, signatures, selectors and statuses.
 
 #include <cstdint>
 #include <functional>
@@ -198,40 +197,66 @@ inline constexpr const char* kAudioSubDeviceUIDKey = "uid";
 inline constexpr const char* kAudioSubTapUIDKey = "uid";
 inline constexpr const char* kAudioSubTapDriftCompensationKey = "drift";
 
-// Properties.
-OSStatus AudioObjectGetPropertyDataSize(AudioObjectID inObjectID,
-                                        const AudioObjectPropertyAddress* inAddress,
-                                        UInt32 inQualifierDataSize, const void* inQualifierData,
-                                        UInt32* outDataSize);
-OSStatus AudioObjectGetPropertyData(AudioObjectID inObjectID,
-                                    const AudioObjectPropertyAddress* inAddress,
-                                    UInt32 inQualifierDataSize, const void* inQualifierData,
-                                    UInt32* ioDataSize, void* outData);
-OSStatus AudioObjectSetPropertyData(AudioObjectID inObjectID,
-                                    const AudioObjectPropertyAddress* inAddress,
-                                    UInt32 inQualifierDataSize, const void* inQualifierData,
-                                    UInt32 inDataSize, const void* inData);
-bool AudioObjectHasProperty(AudioObjectID inObjectID, const AudioObjectPropertyAddress* inAddress);
-OSStatus AudioObjectAddPropertyListenerBlock(AudioObjectID inObjectID,
-                                             const AudioObjectPropertyAddress* inAddress,
-                                             dispatch_queue_t inDispatchQueue,
-                                             AudioObjectPropertyListenerBlock inListener);
-OSStatus AudioObjectRemovePropertyListenerBlock(AudioObjectID inObjectID,
-                                                const AudioObjectPropertyAddress* inAddress,
-                                                dispatch_queue_t inDispatchQueue,
-                                                AudioObjectPropertyListenerBlock inListener);
+namespace quellix {
 
-// Taps, aggregate devices and IO procedures.
-OSStatus AudioHardwareCreateProcessTap(const CATapDescription* inDescription,
-                                       AudioObjectID* outTapID);
-OSStatus AudioHardwareDestroyProcessTap(AudioObjectID inTapID);
-OSStatus AudioHardwareCreateAggregateDevice(const CFDictionary& inDescription,
-                                            AudioObjectID* outDeviceID);
-OSStatus AudioHardwareDestroyAggregateDevice(AudioObjectID inDeviceID);
-OSStatus AudioDeviceCreateIOProcIDWithBlock(AudioDeviceIOProcID* outIOProcID,
-                                            AudioObjectID inDevice,
-                                            dispatch_queue_t inDispatchQueue,
-                                            AudioDeviceIOBlock inIOBlock);
-OSStatus AudioDeviceStart(AudioObjectID inDevice, AudioDeviceIOProcID inProcID);
-OSStatus AudioDeviceStop(AudioObjectID inDevice, AudioDeviceIOProcID inProcID);
-OSStatus AudioDeviceDestroyIOProcID(AudioObjectID inDevice, AudioDeviceIOProcID inIOProcID);
+class AudioBackend;
+
+// One audio system's hardware layer: Core Audio's operations, statuses and semantics, carried
+// out by the backend it holds (the sound server, or the simulator in tests). The composition
+// root owns the one instance and hands it to everything that talks to audio. Without a
+// backend every call fails with kAudioHardwareNotRunningError. Main thread only, like the
+// backend behind it.
+class AudioHardware {
+ public:
+  explicit AudioHardware(std::shared_ptr<AudioBackend> backend);
+  ~AudioHardware();
+  AudioHardware(const AudioHardware&) = delete;
+  AudioHardware& operator=(const AudioHardware&) = delete;
+
+  // Properties.
+  OSStatus AudioObjectGetPropertyDataSize(AudioObjectID inObjectID,
+                                          const AudioObjectPropertyAddress* inAddress,
+                                          UInt32 inQualifierDataSize, const void* inQualifierData,
+                                          UInt32* outDataSize);
+  OSStatus AudioObjectGetPropertyData(AudioObjectID inObjectID,
+                                      const AudioObjectPropertyAddress* inAddress,
+                                      UInt32 inQualifierDataSize, const void* inQualifierData,
+                                      UInt32* ioDataSize, void* outData);
+  OSStatus AudioObjectSetPropertyData(AudioObjectID inObjectID,
+                                      const AudioObjectPropertyAddress* inAddress,
+                                      UInt32 inQualifierDataSize, const void* inQualifierData,
+                                      UInt32 inDataSize, const void* inData);
+  bool AudioObjectHasProperty(AudioObjectID inObjectID,
+                              const AudioObjectPropertyAddress* inAddress);
+  OSStatus AudioObjectAddPropertyListenerBlock(AudioObjectID inObjectID,
+                                               const AudioObjectPropertyAddress* inAddress,
+                                               dispatch_queue_t inDispatchQueue,
+                                               AudioObjectPropertyListenerBlock inListener);
+  OSStatus AudioObjectRemovePropertyListenerBlock(AudioObjectID inObjectID,
+                                                  const AudioObjectPropertyAddress* inAddress,
+                                                  dispatch_queue_t inDispatchQueue,
+                                                  AudioObjectPropertyListenerBlock inListener);
+
+  // Taps, aggregate devices and IO procedures.
+  OSStatus AudioHardwareCreateProcessTap(const CATapDescription* inDescription,
+                                         AudioObjectID* outTapID);
+  OSStatus AudioHardwareDestroyProcessTap(AudioObjectID inTapID);
+  OSStatus AudioHardwareCreateAggregateDevice(const CFDictionary& inDescription,
+                                              AudioObjectID* outDeviceID);
+  OSStatus AudioHardwareDestroyAggregateDevice(AudioObjectID inDeviceID);
+  OSStatus AudioDeviceCreateIOProcIDWithBlock(AudioDeviceIOProcID* outIOProcID,
+                                              AudioObjectID inDevice,
+                                              dispatch_queue_t inDispatchQueue,
+                                              AudioDeviceIOBlock inIOBlock);
+  OSStatus AudioDeviceStart(AudioObjectID inDevice, AudioDeviceIOProcID inProcID);
+  OSStatus AudioDeviceStop(AudioObjectID inDevice, AudioDeviceIOProcID inProcID);
+  OSStatus AudioDeviceDestroyIOProcID(AudioObjectID inDevice, AudioDeviceIOProcID inIOProcID);
+
+ private:
+  template <typename Call>
+  OSStatus forward(Call&& call);
+
+  std::shared_ptr<AudioBackend> backend_;
+};
+
+}  // namespace quellix

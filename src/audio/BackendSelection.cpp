@@ -7,18 +7,15 @@
 #include "audio/sim/SimAudioBackend.h"
 
 namespace quellix {
-std::shared_ptr<AudioBackend> installBackendFromEnvironment(MainQueue&) {
+
+std::shared_ptr<AudioBackend> backendFromEnvironment(std::shared_ptr<LogSink> logs) {
   const char* choice = std::getenv("QUELLIX_AUDIO_BACKEND");
-  std::shared_ptr<AudioBackend> backend;
   if (choice != nullptr && std::string_view(choice) == "sim") {
     auto sim = std::make_shared<SimAudioBackend>();
     sim->setDefaultOutputDevice(sim->addDevice({.uid = "sim-output"}));
-    backend = sim;
-  } else {
-    backend = PulseBackend::create({});
+    return sim;
   }
-  installAudioBackend(backend);
-  return backend;
+  return PulseBackend::create({}, std::move(logs));
 }
 
 }  // namespace quellix

@@ -3,14 +3,13 @@
 #include <memory>
 
 #include "audio/AudioBackend.h"
+#include "support/Logger.h"
 
 namespace quellix {
 
-class MainQueue;
-
 // Chooses the backend the program runs on: QUELLIX_AUDIO_BACKEND=sim gives the simulator
-// (one output device, no processes); anything else the sound server through libpulse. Installs and
-// returns it.
-std::shared_ptr<AudioBackend> installBackendFromEnvironment(MainQueue& queue);
+// (one output device, no processes); anything else the sound server through libpulse, logging
+// to `logs`.
+std::shared_ptr<AudioBackend> backendFromEnvironment(std::shared_ptr<LogSink> logs);
 
 }  // namespace quellix

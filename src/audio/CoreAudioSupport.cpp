@@ -8,20 +8,21 @@ struct ListErrorTexts {
   std::string data;
 };
 
-std::vector<AudioObjectID> readObjectList(AudioObjectPropertySelector selector,
+std::vector<AudioObjectID> readObjectList(AudioHardware& hardware,
+                                          AudioObjectPropertySelector selector,
                                           const ListErrorTexts& texts) {
   const auto address = globalAddress(selector);
   UInt32 size = 0;
-  OSStatus status =
-      AudioObjectGetPropertyDataSize(kAudioObjectSystemObject, &address, 0, nullptr, &size);
+  OSStatus status = hardware.AudioObjectGetPropertyDataSize(kAudioObjectSystemObject, &address, 0,
+                                                            nullptr, &size);
   if (status != kAudioHardwareNoError) {
     throw TextError(texts.size + statusString(status));
   }
   // The list keeps the length the size query announced, whatever the data read reports.
   std::vector<AudioObjectID> ids(size / sizeof(AudioObjectID), 0);
   UInt32 dataSize = static_cast<UInt32>(ids.size() * sizeof(AudioObjectID));
-  status = AudioObjectGetPropertyData(kAudioObjectSystemObject, &address, 0, nullptr, &dataSize,
-                                      ids.data());
+  status = hardware.AudioObjectGetPropertyData(kAudioObjectSystemObject, &address, 0, nullptr,
+                                               &dataSize, ids.data());
   if (status != kAudioHardwareNoError) {
     throw TextError(texts.data + statusString(status));
   }
@@ -42,12 +43,12 @@ std::string describe(const AudioObjectPropertyAddress& address) {
 
 namespace detail {
 
-void readPropertyBytes(AudioObjectID object, const AudioObjectPropertyAddress& address,
-                       UInt32 qualifierSize, const void* qualifierData, void* storage,
-                       UInt32 capacity) {
+void readPropertyBytes(AudioHardware& hardware, AudioObjectID object,
+                       const AudioObjectPropertyAddress& address, UInt32 qualifierSize,
+                       const void* qualifierData, void* storage, UInt32 capacity) {
   UInt32 size = 0;
-  OSStatus status =
-      AudioObjectGetPropertyDataSize(object, &address, qualifierSize, qualifierData, &size);
+  OSStatus status = hardware.AudioObjectGetPropertyDataSize(object, &address, qualifierSize,
+                                                            qualifierData, &size);
   if (status != kAudioHardwareNoError) {
     throw TextError("Error reading data size for " + describe(address) + ": " +
                     statusString(status));
@@ -57,8 +58,8 @@ void readPropertyBytes(AudioObjectID object, const AudioObjectPropertyAddress& a
                     std::to_string(size) + " exceeds the " + std::to_string(capacity) +
                     " bytes of the value type");
   }
-  status =
-      AudioObjectGetPropertyData(object, &address, qualifierSize, qualifierData, &size, storage);
+  status = hardware.AudioObjectGetPropertyData(object, &address, qualifierSize, qualifierData,
+                                               &size, storage);
   if (status != kAudioHardwareNoError) {
     throw TextError("Error reading data for " + describe(address) + ": " + statusString(status));
   }
@@ -67,10 +68,11 @@ void readPropertyBytes(AudioObjectID object, const AudioObjectPropertyAddress& a
 }  // namespace detail
 
 template <>
-CFString read<CFString>(AudioObjectID object, const AudioObjectPropertyAddress& address,
-                        CFString defaultValue, UInt32 qualifierSize, const void* qualifierData) {
+CFString read<CFString>(AudioHardware& hardware, AudioObjectID object,
+                        const AudioObjectPropertyAddress& address, CFString defaultValue,
+                        UInt32 qualifierSize, const void* qualifierData) {
   CFStringRef storage = defaultValue.get();
-  detail::readPropertyBytes(object, address, qualifierSize, qualifierData, &storage,
+  detail::readPropertyBytes(hardware, object, address, qualifierSize, qualifierData, &storage,
                             static_cast<UInt32>(sizeof storage));
   if (storage == defaultValue.get()) {
     return defaultValue;
@@ -79,43 +81,44 @@ CFString read<CFString>(AudioObjectID object, const AudioObjectPropertyAddress& 
 }
 
 template <>
-std::optional<Float64> read<std::optional<Float64>>(AudioObjectID object,
+std::optional<Float64> read<std::optional<Float64>>(AudioHardware& hardware, AudioObjectID object,
                                                     const AudioObjectPropertyAddress& address,
                                                     std::optional<Float64> defaultValue,
                                                     UInt32 qualifierSize,
                                                     const void* qualifierData) {
   Float64 payload = defaultValue.value_or(0.0);
-  detail::readPropertyBytes(object, address, qualifierSize, qualifierData, &payload,
+  detail::readPropertyBytes(hardware, object, address, qualifierSize, qualifierData, &payload,
                             static_cast<UInt32>(sizeof payload));
   return defaultValue.has_value() ? std::optional<Float64>(payload) : std::nullopt;
 }
 
-void writeBytes(AudioObjectID object, const AudioObjectPropertyAddress& address, const void* data,
-                UInt32 size) {
-  const OSStatus status = AudioObjectSetPropertyData(object, &address, 0, nullptr, size, data);
+void writeBytes(AudioHardware& hardware, AudioObjectID object,
+                const AudioObjectPropertyAddress& address, const void* data, UInt32 size) {
+  const OSStatus status =
+      hardware.AudioObjectSetPropertyData(object, &address, 0, nullptr, size, data);
   if (status != kAudioHardwareNoError) {
     throw TextError("Error writing data for " + describe(address) + ": " + statusString(status));
   }
 }
 
-std::vector<AudioObjectID> readProcessList() {
+std::vector<AudioObjectID> readProcessList(AudioHardware& hardware) {
   const std::string description = describe(globalAddress(kAudioHardwarePropertyProcessObjectList));
-  return readObjectList(kAudioHardwarePropertyProcessObjectList,
+  return readObjectList(hardware, kAudioHardwarePropertyProcessObjectList,
                         {"Error reading data size for " + description + ": ",
                          "Error reading array for " + description + ": "});
 }
 
-std::vector<AudioObjectID> readDeviceList() {
-  return readObjectList(kAudioHardwarePropertyDevices,
+std::vector<AudioObjectID> readDeviceList(AudioHardware& hardware) {
+  return readObjectList(hardware, kAudioHardwarePropertyDevices,
                         {"Error reading device list size: ", "Error reading device list: "});
 }
 
 namespace {
 
-std::optional<std::string> readProcessText(AudioObjectID process,
+std::optional<std::string> readProcessText(AudioHardware& hardware, AudioObjectID process,
                                            AudioObjectPropertySelector selector) {
   try {
-    const CFString text = read(process, globalAddress(selector), CFString(""));
+    const CFString text = read(hardware, process, globalAddress(selector), CFString(""));
     if (text.view().empty()) {
       return std::nullopt;
     }
@@ -127,12 +130,13 @@ std::optional<std::string> readProcessText(AudioObjectID process,
 
 }  // namespace
 
-std::optional<std::string> readProcessBundleID(AudioObjectID process) {
-  return readProcessText(process, kAudioProcessPropertyBundleID);
+std::optional<std::string> readProcessBundleID(AudioHardware& hardware, AudioObjectID process) {
+  return readProcessText(hardware, process, kAudioProcessPropertyBundleID);
 }
 
-std::optional<std::string> readProcessApplicationName(AudioObjectID process) {
-  return readProcessText(process, kAudioProcessPropertyApplicationName);
+std::optional<std::string> readProcessApplicationName(AudioHardware& hardware,
+                                                      AudioObjectID process) {
+  return readProcessText(hardware, process, kAudioProcessPropertyApplicationName);
 }
 
 }  // namespace quellix

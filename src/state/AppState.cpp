@@ -21,14 +21,17 @@ std::shared_ptr<AppState> AppState::create(AppEnvironment environment) {
   return state;
 }
 
-AppState::AppState(AppEnvironment environment) : environment_(std::move(environment)) {}
+AppState::AppState(AppEnvironment environment)
+    : environment_(std::move(environment)), logger_(environment_.logs, "AppState") {}
 
 void AppState::startUp() {
   MainQueue& queue = environment_.queue;
-  monitor_ = AudioProcessMonitor::create(queue, environment_.workspace);
-  muter_ = MuteController::create(queue, environment_.defaults, environment_.clock);
-  systemVolume_ = SystemVolumeController::create(queue);
-  updates_ = UpdateChecker::create(queue, environment_.defaults, environment_.http);
+  AudioHardware& audio = environment_.audio;
+  const auto& logs = environment_.logs;
+  monitor_ = AudioProcessMonitor::create(queue, audio, environment_.workspace, logs);
+  muter_ = MuteController::create(queue, audio, environment_.defaults, environment_.clock, logs);
+  systemVolume_ = SystemVolumeController::create(queue, audio, logs);
+  updates_ = UpdateChecker::create(queue, environment_.defaults, environment_.http, logs);
   launchAtLogin_.set(isEnabled(*environment_.loginItem));
   windows_ = std::make_unique<WindowCoordinator>();
 

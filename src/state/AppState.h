@@ -23,8 +23,10 @@ class AppState;
 // reach outside the process.
 struct AppEnvironment {
   MainQueue& queue;
+  AudioHardware& audio;
   DefaultsStore& defaults;
   const WallClock& clock;
+  std::shared_ptr<LogSink> logs;
   std::shared_ptr<Workspace> workspace;
   std::shared_ptr<LoginItem> loginItem;
   std::shared_ptr<HttpClient> http;
@@ -67,7 +69,7 @@ class AppState : public std::enable_shared_from_this<AppState> {
   std::shared_ptr<UpdateChecker> updates_;
   Observable<bool> launchAtLogin_{false};
   std::unique_ptr<WindowCoordinator> windows_;
-  Logger logger_{"AppState"};
+  Logger logger_;
 };
 
 }  // namespace quellix

@@ -30,11 +30,6 @@ constexpr std::string_view kRemovableMediaPrefixes[] = {"/media/", "/run/media/"
 // Set by the AppImage runtime for the image it started; a copy must find its own.
 constexpr const char* kAppImageVariables[] = {"APPIMAGE", "APPDIR", "ARGV0", "OWD"};
 
-const Logger& logger() {
-  static const Logger instance("SelfMover");
-  return instance;
-}
-
 bool startsWith(std::string_view text, std::string_view prefix) {
   return text.substr(0, prefix.size()) == prefix;
 }
@@ -140,7 +135,7 @@ void launchDetached(const fs::path& program, const std::function<void()>& launch
   launched();
 }
 
-Environment systemEnvironment(MoveAlerts& alerts, MainQueue& queue,
+Environment systemEnvironment(MoveAlerts& alerts, MainQueue& queue, std::shared_ptr<LogSink> logs,
                               std::function<void()> releaseInstance) {
   const fs::path home = localPath(QDir::homePath());
   fs::path downloads =
@@ -165,6 +160,7 @@ Environment systemEnvironment(MoveAlerts& alerts, MainQueue& queue,
       .launch = launchDetached,
       .queue = queue,
       .quit = [] { QCoreApplication::quit(); },
+      .logs = std::move(logs),
       .releaseInstance = std::move(releaseInstance),
   };
 }
@@ -205,15 +201,17 @@ bool offerMoveIfNeeded(const Environment& environment) {
     moveToApplications(*environment.bundle, environment);
     return true;
   } catch (const std::exception& error) {
-    logger().error("Verschieben fehlgeschlagen: " + errorDescription(error));
+    Logger(environment.logs, "SelfMover")
+        .error("Verschieben fehlgeschlagen: " + errorDescription(error));
     environment.alerts.showFailure();
     return false;
   }
 }
 
-bool offerMoveIfNeeded(MainQueue& queue, MoveAlerts& alerts,
+bool offerMoveIfNeeded(MainQueue& queue, MoveAlerts& alerts, std::shared_ptr<LogSink> logs,
                        std::function<void()> releaseInstance) {
-  return offerMoveIfNeeded(systemEnvironment(alerts, queue, std::move(releaseInstance)));
+  return offerMoveIfNeeded(
+      systemEnvironment(alerts, queue, std::move(logs), std::move(releaseInstance)));
 }
 
 }  // namespace quellix::SelfMover

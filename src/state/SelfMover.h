@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "support/Logger.h"
 #include "support/MainQueue.h"
 
 namespace quellix {
@@ -50,6 +51,8 @@ struct Environment {
   Launcher launch;
   MainQueue& queue;
   std::function<void()> quit;
+  // Where a failed move is logged.
+  std::shared_ptr<LogSink> logs;
   // Gives up this process's claim to be the one running instance, just before the copy
   // starts and makes its own; none when nothing claims.
   std::function<void()> releaseInstance = {};
@@ -57,9 +60,8 @@ struct Environment {
 
 // Offers to copy a program started from a download or removable media into ~/Applications.
 // True only when the copy succeeded and this process is about to quit.
-bool offerMoveIfNeeded();
-// The same for this process, with the program's main queue carrying the quit.
-bool offerMoveIfNeeded(MainQueue& queue, MoveAlerts& alerts,
+// For this process, with the program's main queue carrying the quit:
+bool offerMoveIfNeeded(MainQueue& queue, MoveAlerts& alerts, std::shared_ptr<LogSink> logs,
                        std::function<void()> releaseInstance = {});
 bool offerMoveIfNeeded(const Environment& environment);
 

@@ -79,14 +79,20 @@ struct UpdateChecker::Loop {
 
 std::shared_ptr<UpdateChecker> UpdateChecker::create(MainQueue& queue, DefaultsStore& defaults,
                                                      std::shared_ptr<HttpClient> http,
+                                                     std::shared_ptr<LogSink> logs,
                                                      Duration requestTimeout) {
   return std::shared_ptr<UpdateChecker>(
-      new UpdateChecker(queue, defaults, std::move(http), requestTimeout));
+      new UpdateChecker(queue, defaults, std::move(http), std::move(logs), requestTimeout));
 }
 
 UpdateChecker::UpdateChecker(MainQueue& queue, DefaultsStore& defaults,
-                             std::shared_ptr<HttpClient> http, Duration requestTimeout)
-    : queue_(queue), defaults_(defaults), http_(std::move(http)), requestTimeout_(requestTimeout) {}
+                             std::shared_ptr<HttpClient> http, std::shared_ptr<LogSink> logs,
+                             Duration requestTimeout)
+    : logger_(std::move(logs), "UpdateChecker"),
+      queue_(queue),
+      defaults_(defaults),
+      http_(std::move(http)),
+      requestTimeout_(requestTimeout) {}
 
 const std::string& UpdateChecker::downloadPage() {
   static const std::string address =

@@ -25,6 +25,7 @@ class UpdateChecker : public std::enable_shared_from_this<UpdateChecker> {
   // `requestTimeout` is there for tests, which cannot wait 15 seconds for a silent server.
   static std::shared_ptr<UpdateChecker> create(MainQueue& queue, DefaultsStore& defaults,
                                                std::shared_ptr<HttpClient> http,
+                                               std::shared_ptr<LogSink> logs,
                                                Duration requestTimeout = kRequestTimeout);
 
   static const std::string& downloadPage();
@@ -42,7 +43,7 @@ class UpdateChecker : public std::enable_shared_from_this<UpdateChecker> {
 
  private:
   UpdateChecker(MainQueue& queue, DefaultsStore& defaults, std::shared_ptr<HttpClient> http,
-                Duration requestTimeout);
+                std::shared_ptr<LogSink> logs, Duration requestTimeout);
 
   struct Loop;
   static void runLoop(const std::shared_ptr<Loop>& loop);
@@ -53,7 +54,7 @@ class UpdateChecker : public std::enable_shared_from_this<UpdateChecker> {
   void finishCheck(const HttpClient::Reply& reply);
 
   Observable<std::optional<std::string>> availableVersion_;
-  Logger logger_{"UpdateChecker"};
+  Logger logger_;
   TaskHandle loop_;
 
   MainQueue& queue_;

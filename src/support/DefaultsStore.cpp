@@ -182,12 +182,14 @@ void writeFileAtomically(const std::filesystem::path& path, std::string_view con
   }
 }
 
-DefaultsStore::DefaultsStore(std::filesystem::path path) : path_(std::move(path)) {
+DefaultsStore::DefaultsStore(std::filesystem::path path, std::shared_ptr<LogSink> logs)
+    : path_(std::move(path)), logger_(std::move(logs), "Defaults") {
   load();
 }
 
-DefaultsStore::DefaultsStore(std::filesystem::path path, MainQueue& queue)
-    : path_(std::move(path)), queue_(&queue) {
+DefaultsStore::DefaultsStore(std::filesystem::path path, MainQueue& queue,
+                             std::shared_ptr<LogSink> logs)
+    : path_(std::move(path)), queue_(&queue), logger_(std::move(logs), "Defaults") {
   load();
 }
 

@@ -26,10 +26,10 @@ class DefaultsStore {
   // Loads the file at `path`. A missing file means no preferences; a corrupt, unreadable,
   // oversized or too deeply nested one is logged, moved aside and treated as empty, so the
   // user's data is never overwritten.
-  explicit DefaultsStore(std::filesystem::path path);
+  DefaultsStore(std::filesystem::path path, std::shared_ptr<LogSink> logs);
   // With a queue, writes to disk are coalesced: a change is visible at once and reaches the
   // file within kWriteDelay, so a slider drag is not a disk write per step.
-  DefaultsStore(std::filesystem::path path, MainQueue& queue);
+  DefaultsStore(std::filesystem::path path, MainQueue& queue, std::shared_ptr<LogSink> logs);
   ~DefaultsStore();
   DefaultsStore(const DefaultsStore&) = delete;
   DefaultsStore& operator=(const DefaultsStore&) = delete;
@@ -85,7 +85,7 @@ class DefaultsStore {
   nlohmann::json values_ = nlohmann::json::object();
   bool writable_ = true;
   mutable std::set<std::string> reported_;
-  Logger logger_{"Defaults"};
+  Logger logger_;
 };
 
 // Replaces `path` with `contents` in one step: written aside, synced, renamed into place.

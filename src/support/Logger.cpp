@@ -6,24 +6,6 @@
 #include "support/BuildInfo.h"
 
 namespace quellix {
-namespace {
-
-std::shared_ptr<LogSink>& sinkSlot() {
-  static std::shared_ptr<LogSink> sink = std::make_shared<StderrLogSink>();
-  return sink;
-}
-
-std::mutex& sinkMutex() {
-  static std::mutex mutex;
-  return mutex;
-}
-
-std::shared_ptr<LogSink> currentSink() {
-  std::lock_guard lock(sinkMutex());
-  return sinkSlot();
-}
-
-}  // namespace
 
 void StderrLogSink::write(const LogEntry& entry) {
   std::string line = "[" + entry.category + "] ";
@@ -61,7 +43,8 @@ void CapturingLogSink::clear() {
   entries_.clear();
 }
 
-Logger::Logger(std::string category) : category_(std::move(category)) {}
+Logger::Logger(std::shared_ptr<LogSink> sink, std::string category)
+    : sink_(std::move(sink)), category_(std::move(category)) {}
 
 void Logger::info(std::string_view message) const {
   write(LogLevel::info, message);
@@ -72,12 +55,7 @@ void Logger::error(std::string_view message) const {
 }
 
 void Logger::write(LogLevel level, std::string_view message) const {
-  currentSink()->write(LogEntry{level, build::kBundleIdentifier, category_, std::string(message)});
-}
-
-std::shared_ptr<LogSink> Logger::installSink(std::shared_ptr<LogSink> sink) {
-  std::lock_guard lock(sinkMutex());
-  return std::exchange(sinkSlot(), std::move(sink));
+  sink_->write(LogEntry{level, build::kBundleIdentifier, category_, std::string(message)});
 }
 
 std::string formatFixed(double value) {

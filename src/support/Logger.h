@@ -43,22 +43,23 @@ class CapturingLogSink final : public LogSink {
   std::vector<LogEntry> entries_;
 };
 
-// One logger per type, named by its category; the subsystem is the program's identifier.
+// One logger per type, named by its category, writing to the sink its owner was given; the
+// subsystem is the program's identifier.
 class Logger {
  public:
-  explicit Logger(std::string category);
+  // `sink` is never null.
+  Logger(std::shared_ptr<LogSink> sink, std::string category);
 
   void info(std::string_view message) const;
   void error(std::string_view message) const;
 
   const std::string& category() const { return category_; }
-
-  // The process-wide destination of every logger. Returns the previous one.
-  static std::shared_ptr<LogSink> installSink(std::shared_ptr<LogSink> sink);
+  const std::shared_ptr<LogSink>& sink() const { return sink_; }
 
  private:
   void write(LogLevel level, std::string_view message) const;
 
+  std::shared_ptr<LogSink> sink_;
   std::string category_;
 };
 

@@ -35,11 +35,6 @@ const QString kPropertiesInterface = QStringLiteral("org.freedesktop.DBus.Proper
 // look again this often.
 constexpr std::chrono::seconds kXEmbedTrayPollInterval{3};
 
-const Logger& logger() {
-  static const Logger instance("TrayItem");
-  return instance;
-}
-
 QString nextServiceName() {
   static std::atomic<int> lastInstance = 0;
   return QStringLiteral("org.kde.StatusNotifierItem-%1-%2").arg(::getpid()).arg(++lastInstance);
@@ -47,12 +42,13 @@ QString nextServiceName() {
 
 }  // namespace
 
-TrayItem::TrayItem(QObject* parent) : QObject(parent), bus_(QDBusConnection::sessionBus()) {
+TrayItem::TrayItem(std::shared_ptr<LogSink> logs, QObject* parent)
+    : QObject(parent), logger_(std::move(logs), "TrayItem"), bus_(QDBusConnection::sessionBus()) {
   xembedPoll_.setInterval(kXEmbedTrayPollInterval);
   connect(&xembedPoll_, &QTimer::timeout, this, [this] { updateAvailability(); });
   if (!bus_.isConnected()) {
-    logger().error("No session bus (" + bus_.lastError().message().toStdString() +
-                   "): the tray item can only use an X11 tray");
+    logger_.error("No session bus (" + bus_.lastError().message().toStdString() +
+                  "): the tray item can only use an X11 tray");
     hostStateKnown_ = true;
     updateAvailability();
     return;
@@ -87,15 +83,15 @@ void TrayItem::exportOnBus() {
   const auto exported = QDBusConnection::ExportAdaptors;
   if (!bus_.registerObject(kItemPath, &itemObject_, exported) ||
       !bus_.registerObject(kMenuPath, &menuObject_, exported)) {
-    logger().error("Could not export the tray item: " + bus_.lastError().message().toStdString());
+    logger_.error("Could not export the tray item: " + bus_.lastError().message().toStdString());
     hostStateKnown_ = true;
     updateAvailability();
     return;
   }
   const QString name = nextServiceName();
   if (!bus_.registerService(name)) {
-    logger().error("Could not take the bus name " + name.toStdString() + ": " +
-                   bus_.lastError().message().toStdString());
+    logger_.error("Could not take the bus name " + name.toStdString() + ": " +
+                  bus_.lastError().message().toStdString());
     hostStateKnown_ = true;
     updateAvailability();
     return;
@@ -171,12 +167,12 @@ void TrayItem::registerWithWatcher() {
   whenAnswered(new QDBusPendingCallWatcher(bus_.asyncCall(message), this),
                [this](QDBusPendingCallWatcher* call) {
                  if (call->isError()) {
-                   logger().error("The tray watcher refused the item: " +
-                                  call->error().message().toStdString());
+                   logger_.error("The tray watcher refused the item: " +
+                                 call->error().message().toStdString());
                    return;
                  }
                  registered_ = true;
-                 logger().info("Tray item registered as " + serviceName_.toStdString());
+                 logger_.info("Tray item registered as " + serviceName_.toStdString());
                  updateAvailability();
                });
 }
@@ -313,8 +309,8 @@ void TrayItem::setSymbol(const QString& symbolName, const QIcon& picture) {
 void TrayItem::setSymbol(const QString& symbolName) {
   const QString path = symbolDirectory_ + QLatin1Char('/') + symbolName + QStringLiteral(".svg");
   if (!QFile::exists(path)) {
-    logger().error("No picture for the symbol " + symbolName.toStdString() + " at " +
-                   path.toStdString());
+    logger_.error("No picture for the symbol " + symbolName.toStdString() + " at " +
+                  path.toStdString());
   }
   setSymbol(symbolName, QFile::exists(path) ? QIcon(path) : QIcon());
 }

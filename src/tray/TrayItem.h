@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 
+#include "support/Logger.h"
 #include "tray/DBusMenuAdaptor.h"
 #include "tray/ScrollReading.h"
 #include "tray/TrayMenuEntry.h"
@@ -32,7 +33,7 @@ class TrayItem final : public QObject {
   Q_OBJECT
 
  public:
-  explicit TrayItem(QObject* parent = nullptr);
+  explicit TrayItem(std::shared_ptr<LogSink> logs, QObject* parent = nullptr);
   ~TrayItem() override;
   TrayItem(const TrayItem&) = delete;
   TrayItem& operator=(const TrayItem&) = delete;
@@ -89,6 +90,7 @@ class TrayItem final : public QObject {
   QIcon currentIcon() const;
   QString xembedToolTip() const;
 
+  Logger logger_;
   QDBusConnection bus_;
   QString serviceName_;
   QString symbolDirectory_ = QStringLiteral(":/symbols");

@@ -23,7 +23,7 @@ class SpikeRunnerTest : public testing::SimTest {
   }
 
   testing::TemporaryDirectory directory;
-  SpikeRunner::Context context{directory.path() / "spike.log", queue,
+  SpikeRunner::Context context{directory.path() / "spike.log", queue, hardware, logs,
                                Workspace::Roots{.proc = directory.path() / "no-proc"}};
 };
 
@@ -33,7 +33,7 @@ TEST_F(SpikeRunnerTest, TheLogFileIsOnlyAppendedToAndAnUnwritableOneLosesTheLine
   EXPECT_EQ(logLines(), (std::vector<std::string>{"first", "zweite Zeile — ü"}));
 
   std::ofstream(directory.path() / "x") << "a file, not a folder";
-  SpikeRunner::log({directory.path() / "x" / "spike.log", queue}, "still logged");
+  SpikeRunner::log({directory.path() / "x" / "spike.log", queue, hardware, logs}, "still logged");
   EXPECT_EQ(logs->messages("Spike"),
             (std::vector<std::string>{"first", "zweite Zeile — ü", "still logged"}));
 }
@@ -44,8 +44,8 @@ TEST_F(SpikeRunnerTest, TapListReportsCountAndIdentifiersAndEndsWithStatusOneOnF
   AudioObjectID tapA = 0;
   AudioObjectID tapB = 0;
   auto description = CATapDescription::stereoMixdownOfProcesses({a});
-  ASSERT_EQ(AudioHardwareCreateProcessTap(&description, &tapA), 0);
-  ASSERT_EQ(AudioHardwareCreateProcessTap(&description, &tapB), 0);
+  ASSERT_EQ(hardware.AudioHardwareCreateProcessTap(&description, &tapA), 0);
+  ASSERT_EQ(hardware.AudioHardwareCreateProcessTap(&description, &tapB), 0);
   EXPECT_EQ(SpikeRunner::taps(context), 0);
   sim->failProperty(1, kAudioHardwarePropertyTapList, Call::getPropertyDataSize, -10);
   EXPECT_EQ(SpikeRunner::taps(context), 1);
@@ -53,11 +53,11 @@ TEST_F(SpikeRunnerTest, TapListReportsCountAndIdentifiersAndEndsWithStatusOneOnF
   sim->failProperty(1, kAudioHardwarePropertyTapList, Call::getPropertyData,
                     kAudioHardwareNotRunningError);
   EXPECT_EQ(SpikeRunner::taps(context), 1);
-  EXPECT_EQ(logLines(), (std::vector<std::string>{
-                            "Taps im System: 0 []",
-                            "Taps im System: 2 [" + std::to_string(tapA) + ", " +
-                                std::to_string(tapB) + "]",
-                            "TapList size error: -10", "TapList read error: 1937010544"}));
+  EXPECT_EQ(logLines(),
+            (std::vector<std::string>{
+                "Taps im System: 0 []",
+                "Taps im System: 2 [" + std::to_string(tapA) + ", " + std::to_string(tapB) + "]",
+                "TapList size error: -10", "TapList read error: 1937010544"}));
 }
 
 TEST_F(SpikeRunnerTest, VolumeSetTakesZeroToHundredAndReportsTruncatedPercentages) {

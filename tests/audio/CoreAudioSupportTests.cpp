@@ -44,20 +44,22 @@ TEST_F(CoreAudioSupportTest, ErrorTextsNameTheAddressAndTheSignedStatus) {
   };
   const std::vector<Case> cases = {
       {Call::getPropertyDataSize, kAudioProcessPropertyPID, -50,
-       [&] { read<SInt32>(process, pid, 0); }, "Error reading data size for ppid/glob/main: -50"},
+       [&] { read<SInt32>(hardware, process, pid, 0); },
+       "Error reading data size for ppid/glob/main: -50"},
       {Call::getPropertyData, kAudioProcessPropertyPID, whoStatus,
-       [&] { read<SInt32>(process, pid, 0); }, "Error reading data for ppid/glob/main: 2003332927"},
+       [&] { read<SInt32>(hardware, process, pid, 0); },
+       "Error reading data for ppid/glob/main: 2003332927"},
       {Call::getPropertyDataSize, kAudioHardwarePropertyProcessObjectList, -1,
-       [] { readProcessList(); }, "Error reading data size for prs#/glob/main: -1"},
-      {Call::getPropertyData, kAudioHardwarePropertyProcessObjectList, 5, [] { readProcessList(); },
-       "Error reading array for prs#/glob/main: 5"},
-      {Call::getPropertyDataSize, kAudioHardwarePropertyDevices, -3, [] { readDeviceList(); },
-       "Error reading device list size: -3"},
-      {Call::getPropertyData, kAudioHardwarePropertyDevices, -4, [] { readDeviceList(); },
+       [&] { readProcessList(hardware); }, "Error reading data size for prs#/glob/main: -1"},
+      {Call::getPropertyData, kAudioHardwarePropertyProcessObjectList, 5,
+       [&] { readProcessList(hardware); }, "Error reading array for prs#/glob/main: 5"},
+      {Call::getPropertyDataSize, kAudioHardwarePropertyDevices, -3,
+       [&] { readDeviceList(hardware); }, "Error reading device list size: -3"},
+      {Call::getPropertyData, kAudioHardwarePropertyDevices, -4, [&] { readDeviceList(hardware); },
        "Error reading device list: -4"},
       {Call::setPropertyData, kAudioHardwareServiceDeviceProperty_VirtualMainVolume, -9,
-       [] {
-         write<Float32>(2,
+       [&] {
+         write<Float32>(hardware, 2,
                         {kAudioHardwareServiceDeviceProperty_VirtualMainVolume,
                          kAudioDevicePropertyScopeOutput, 0},
                         0.5f);
@@ -72,36 +74,43 @@ TEST_F(CoreAudioSupportTest, ErrorTextsNameTheAddressAndTheSignedStatus) {
 }
 
 TEST_F(CoreAudioSupportTest, ListsOfSizeZeroAreEmpty) {
-  EXPECT_TRUE(readProcessList().empty());
-  EXPECT_TRUE(readDeviceList().empty());
+  EXPECT_TRUE(readProcessList(hardware).empty());
+  EXPECT_TRUE(readDeviceList(hardware).empty());
   const AudioObjectID a = sim->addProcess({.pid = 1});
   const AudioObjectID b = sim->addProcess({.pid = 2});
-  EXPECT_EQ(readProcessList(), (std::vector<AudioObjectID>{a, b}));
+  EXPECT_EQ(readProcessList(hardware), (std::vector<AudioObjectID>{a, b}));
 }
 
 TEST_F(CoreAudioSupportTest, TypedReadsCoverEveryValueType) {
   const AudioObjectID device = addDefaultOutput("speakers");
   const AudioObjectID process = sim->addProcess({.pid = -3, .bundleID = "org.example.player"});
-  EXPECT_EQ(read<SInt32>(process, globalAddress(kAudioProcessPropertyPID), 0), -3);
-  EXPECT_EQ(read<UInt32>(1, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), 0), device);
-  EXPECT_EQ(read<CFString>(device, globalAddress(kAudioDevicePropertyDeviceUID), CFString()).str(),
-            "speakers");
+  EXPECT_EQ(read<SInt32>(hardware, process, globalAddress(kAudioProcessPropertyPID), 0), -3);
+  EXPECT_EQ(read<UInt32>(hardware, 1, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), 0),
+            device);
+  EXPECT_EQ(
+      read<CFString>(hardware, device, globalAddress(kAudioDevicePropertyDeviceUID), CFString())
+          .str(),
+      "speakers");
   EXPECT_EQ(read<std::optional<Float64>>(
-                device, globalAddress(kAudioDevicePropertyNominalSampleRate), Float64{0}),
+                hardware, device, globalAddress(kAudioDevicePropertyNominalSampleRate), Float64{0}),
             48000.0);
-  EXPECT_EQ(read<Float32>(device,
+  EXPECT_EQ(read<Float32>(hardware, device,
                           {kAudioHardwareServiceDeviceProperty_VirtualMainVolume,
                            kAudioDevicePropertyScopeOutput, 0},
                           0.0f),
             1.0f);
   // A 32-bit flag read into a 64-bit integer keeps the default's upper bytes.
-  EXPECT_EQ(read<std::int64_t>(process, globalAddress(kAudioProcessPropertyIsRunningOutput), 0), 1);
+  EXPECT_EQ(
+      read<std::int64_t>(hardware, process, globalAddress(kAudioProcessPropertyIsRunningOutput), 0),
+      1);
 }
 
 TEST_F(CoreAudioSupportTest, AReportedSizeLargerThanTheValueTypeIsRefused) {
   const AudioObjectID process = sim->addProcess({.pid = 5});
   sim->overrideReportedSize(process, kAudioProcessPropertyPID, 64);
-  EXPECT_EQ(errorText([&] { read<SInt32>(process, globalAddress(kAudioProcessPropertyPID), 0); }),
+  EXPECT_EQ(errorText([&] {
+              read<SInt32>(hardware, process, globalAddress(kAudioProcessPropertyPID), 0);
+            }),
             "Error reading data for ppid/glob/main: size 64 exceeds the 4 bytes of the value type");
   EXPECT_EQ(sim->callCount(Call::getPropertyData), 0u) << "the data read never runs";
 }
@@ -111,10 +120,10 @@ TEST_F(CoreAudioSupportTest, BundleIdentifierIsNoneWhenEmptyOrUnreadable) {
   const AudioObjectID unnamed = sim->addProcess({.pid = 2});
   const AudioObjectID failing = sim->addProcess({.pid = 3, .bundleID = "org.example.c"});
   sim->failProperty(failing, kAudioProcessPropertyBundleID, Call::getPropertyData, -1);
-  EXPECT_EQ(readProcessBundleID(named), "org.example.a");
-  EXPECT_EQ(readProcessBundleID(unnamed), std::nullopt);
-  EXPECT_EQ(readProcessBundleID(failing), std::nullopt);
-  EXPECT_EQ(readProcessBundleID(9999), std::nullopt);
+  EXPECT_EQ(readProcessBundleID(hardware, named), "org.example.a");
+  EXPECT_EQ(readProcessBundleID(hardware, unnamed), std::nullopt);
+  EXPECT_EQ(readProcessBundleID(hardware, failing), std::nullopt);
+  EXPECT_EQ(readProcessBundleID(hardware, 9999), std::nullopt);
 }
 
 }  // namespace

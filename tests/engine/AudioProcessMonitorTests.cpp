@@ -33,7 +33,8 @@ class AudioProcessMonitorTest : public testing::SimTest {
   }
 
   std::shared_ptr<AudioProcessMonitor> makeMonitor() {
-    auto monitor = AudioProcessMonitor::create(queue, std::make_shared<Workspace>(system.roots()));
+    auto monitor = AudioProcessMonitor::create(queue, hardware,
+                                               std::make_shared<Workspace>(system.roots()), logs);
     monitor->setOnChange([this](const std::vector<AudioApp>& apps) { changes.push_back(apps); });
     return monitor;
   }

@@ -76,13 +76,11 @@ class MediaKeysTest : public ::testing::Test {
     previousFactory_ = installEventFactory(factory);
     previousPoster_ = installEventPoster(poster);
     previousTrust_ = installAccessibilityTrust(trust);
-    previousSink_ = Logger::installSink(logs);
   }
   void TearDown() override {
     installEventFactory(previousFactory_);
     installEventPoster(previousPoster_);
     installAccessibilityTrust(previousTrust_);
-    Logger::installSink(previousSink_);
   }
 
   std::vector<std::int64_t> postedData1() const {
@@ -102,7 +100,6 @@ class MediaKeysTest : public ::testing::Test {
   std::shared_ptr<EventFactory> previousFactory_;
   std::shared_ptr<EventPoster> previousPoster_;
   std::shared_ptr<AccessibilityTrust> previousTrust_;
-  std::shared_ptr<LogSink> previousSink_;
 };
 
 TEST_F(MediaKeysTest, PlayPauseIsAKeyDownThenAKeyUpWithEveryField) {
@@ -179,7 +176,7 @@ TEST_F(MediaKeysTest, AnEventThatCannotBeMadeIsSkippedAlone) {
 }
 
 TEST_F(MediaKeysTest, WithoutAWayToThePlayersTheDesktopTrustSaysNoAndLogsWhy) {
-  installAccessibilityTrust(nullptr);
+  installAccessibilityTrust(makeDesktopAccessibilityTrust(logs));
   EXPECT_TRUE(AXIsProcessTrusted());
   EXPECT_TRUE(AXIsProcessTrustedWithOptions({.prompt = true}));
   EXPECT_TRUE(logs->messages().empty());

@@ -22,8 +22,8 @@ TEST_F(MuteControllerSoakTest, TenThousandOperationsLeaveNothingBehind) {
   addDefaultOutput();
   testing::TemporaryDirectory directory;
   ManualWallClock clock;
-  DefaultsStore defaults(directory.path() / "preferences.json", queue);
-  auto controller = MuteController::create(queue, defaults, clock);
+  DefaultsStore defaults(directory.path() / "preferences.json", queue, logs);
+  auto controller = MuteController::create(queue, hardware, defaults, clock, logs);
 
   struct Player {
     AudioObjectID object;

@@ -21,8 +21,8 @@ class MuteControllerTest : public testing::SimTest {
   }
 
   std::shared_ptr<MuteController> makeController() {
-    defaults = std::make_unique<DefaultsStore>(directory.path() / "preferences.json", queue);
-    return MuteController::create(queue, *defaults, clock);
+    defaults = std::make_unique<DefaultsStore>(directory.path() / "preferences.json", queue, logs);
+    return MuteController::create(queue, hardware, *defaults, clock, logs);
   }
 
   AudioApp app(const std::string& bundleID, std::vector<AudioObjectID> objects, pid_t pid = 10) {

@@ -26,7 +26,7 @@ class ProcessMuteTapTest : public testing::SimTest {
     sim->clearFaults();
     sim->failCall(failingCall, status);
     try {
-      ProcessMuteTap tap("Player", {player}, 0.0f);
+      ProcessMuteTap tap(hardware, "Player", {player}, 0.0f, logs);
       tap.invalidate();
     } catch (const TextError& error) {
       return error.description();
@@ -41,7 +41,7 @@ class ProcessMuteTapTest : public testing::SimTest {
 };
 
 TEST_F(ProcessMuteTapTest, DescribesAPrivateMutingMixdownAndItsAggregate) {
-  ProcessMuteTap tap("Player", {player, helper}, 0.0f);
+  ProcessMuteTap tap(hardware, "Player", {player, helper}, 0.0f, logs);
   ASSERT_EQ(sim->taps().size(), 1u);
   const CATapDescription description = sim->taps()[0].description;
   EXPECT_EQ(description.processes(), (std::vector<AudioObjectID>{player, helper}));
@@ -78,7 +78,7 @@ TEST_F(ProcessMuteTapTest, DescribesAPrivateMutingMixdownAndItsAggregate) {
 
 TEST_F(ProcessMuteTapTest, MutesAttenuatesAndRestoresWhatTheOutputHears) {
   EXPECT_FLOAT_EQ(heard(), 0.875f);
-  ProcessMuteTap tap("Player", {player, helper}, 0.0f);
+  ProcessMuteTap tap(hardware, "Player", {player, helper}, 0.0f, logs);
   EXPECT_FLOAT_EQ(heard(), 0.125f) << "muted processes contribute nothing, others are untouched";
   tap.setGain(0.5f);
   EXPECT_FLOAT_EQ(heard(), 0.125f + 0.375f) << "half amplitude without a rebuild";
@@ -120,7 +120,7 @@ TEST_F(ProcessMuteTapTest, AFailureAtAnyStepLeavesNothingBehindAndSaysWhy) {
   EXPECT_THROW(
       {
         try {
-          ProcessMuteTap("Player", {player}, 0.0f);
+          ProcessMuteTap(hardware, "Player", {player}, 0.0f, logs);
         } catch (const TextError& error) {
           EXPECT_EQ(error.description(), "Error reading data size for dOut/glob/main: -5");
           throw;
@@ -130,7 +130,7 @@ TEST_F(ProcessMuteTapTest, AFailureAtAnyStepLeavesNothingBehindAndSaysWhy) {
   sim->clearFaults();
   sim->failProperty(output, kAudioDevicePropertyDeviceUID, Call::getPropertyData, -6);
   try {
-    ProcessMuteTap("Player", {player}, 0.0f);
+    ProcessMuteTap(hardware, "Player", {player}, 0.0f, logs);
     ADD_FAILURE() << "construction succeeded without the output's UID";
   } catch (const TextError& error) {
     EXPECT_EQ(error.description(), "Error reading data for uid /glob/main: -6");
@@ -141,13 +141,13 @@ TEST_F(ProcessMuteTapTest, AFailureAtAnyStepLeavesNothingBehindAndSaysWhy) {
 
 TEST_F(ProcessMuteTapTest, AnUnreadableFormatDoesNotFailConstruction) {
   sim->failProperty(kAudioObjectUnknown, kAudioTapPropertyFormat, Call::getPropertyData, -1);
-  ProcessMuteTap tap("Player", {player}, 0.0f);
+  ProcessMuteTap tap(hardware, "Player", {player}, 0.0f, logs);
   EXPECT_EQ(logs->messages("ProcessMuteTap").size(), 1u);
   tap.invalidate();
 }
 
 TEST_F(ProcessMuteTapTest, InvalidateTwiceCallsAndLogsNothingTheSecondTime) {
-  ProcessMuteTap tap("Player", {player}, 0.0f);
+  ProcessMuteTap tap(hardware, "Player", {player}, 0.0f, logs);
   tap.invalidate();
   logs->clear();
   const auto destroys = sim->callCount(Call::destroyProcessTap);
@@ -158,7 +158,7 @@ TEST_F(ProcessMuteTapTest, InvalidateTwiceCallsAndLogsNothingTheSecondTime) {
 }
 
 TEST_F(ProcessMuteTapTest, TeardownGoesOnPastFailingCallsAndClearsTheIdentifiers) {
-  ProcessMuteTap tap("Player", {player}, 0.0f);
+  ProcessMuteTap tap(hardware, "Player", {player}, 0.0f, logs);
   logs->clear();
   sim->failCall(Call::stopDevice, -1);
   sim->failCall(Call::destroyIOProcID, -2);
@@ -180,7 +180,7 @@ TEST_F(ProcessMuteTapTest, TeardownGoesOnPastFailingCallsAndClearsTheIdentifiers
 TEST_F(ProcessMuteTapTest, SweepRemovesOnlyAggregatesCarryingOurPrefix) {
   auto makeAggregate = [&](const std::string& uid) {
     AudioObjectID id = 0;
-    EXPECT_EQ(AudioHardwareCreateAggregateDevice(
+    EXPECT_EQ(hardware.AudioHardwareCreateAggregateDevice(
                   {{"uid", uid}, {"master", "speakers"}, {"taps", CFDictionary::array()}}, &id),
               0);
     return id;
@@ -190,7 +190,7 @@ TEST_F(ProcessMuteTapTest, SweepRemovesOnlyAggregatesCarryingOurPrefix) {
   const AudioObjectID unreadable = makeAggregate("com.norvalin.quellix.agg.unreadable");
   sim->failProperty(unreadable, kAudioDevicePropertyDeviceUID, Call::getPropertyData, -1);
 
-  ProcessMuteTap::sweepOrphans();
+  ProcessMuteTap::sweepOrphans(hardware, logs);
   const auto entries = logs->entries();
   ASSERT_EQ(entries.size(), 1u);
   EXPECT_EQ(entries[0].level, LogLevel::error);
@@ -205,7 +205,7 @@ TEST_F(ProcessMuteTapTest, SweepRemovesOnlyAggregatesCarryingOurPrefix) {
   sim->clearFaults();
   sim->failCall(Call::destroyAggregateDevice, -9);
   logs->clear();
-  ProcessMuteTap::sweepOrphans();
+  ProcessMuteTap::sweepOrphans(hardware, logs);
   EXPECT_EQ(logs->messages(), std::vector<std::string>{
                                   "Orphan-Aggregate com.norvalin.quellix.agg.unreadable entfernt "
                                   "(Status -9)"});
@@ -213,7 +213,7 @@ TEST_F(ProcessMuteTapTest, SweepRemovesOnlyAggregatesCarryingOurPrefix) {
 
 TEST_F(ProcessMuteTapTest, SweepIsSilentWhenTheDeviceListCannotBeRead) {
   sim->failProperty(1, kAudioHardwarePropertyDevices, Call::getPropertyDataSize, -1);
-  ProcessMuteTap::sweepOrphans();
+  ProcessMuteTap::sweepOrphans(hardware, logs);
   EXPECT_TRUE(logs->entries().empty());
 }
 

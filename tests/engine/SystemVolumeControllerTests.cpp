@@ -25,7 +25,7 @@ TEST_F(SystemVolumeControllerTest, ClampsAndUnmutesOnlyWhenRaisedAboveZero) {
   const AudioObjectID device = addDefaultOutput();
   sim->setDeviceVolume(device, 0.5f);
   sim->setDeviceMuteValue(device, 1);
-  auto controller = SystemVolumeController::create(queue);
+  auto controller = SystemVolumeController::create(queue, hardware, logs);
   EXPECT_DOUBLE_EQ(controller->volume().get(), 0.5);
   EXPECT_TRUE(controller->isMuted().get());
 
@@ -50,7 +50,7 @@ TEST_F(SystemVolumeControllerTest, ClampsAndUnmutesOnlyWhenRaisedAboveZero) {
 TEST_F(SystemVolumeControllerTest, ADeviceWithoutVolumeIsNotAdjustableButStillMutes) {
   const AudioObjectID device = sim->addDevice({.uid = "hdmi", .hasVolume = false});
   sim->setDefaultOutputDevice(device);
-  auto controller = SystemVolumeController::create(queue);
+  auto controller = SystemVolumeController::create(queue, hardware, logs);
   EXPECT_FALSE(controller->isAdjustable().get());
   controller->setVolume(0.4);
   EXPECT_EQ(sim->callCount(Call::setPropertyData), 0u);
@@ -67,13 +67,13 @@ TEST_F(SystemVolumeControllerTest, ADeviceWithoutVolumeIsNotAdjustableButStillMu
 TEST_F(SystemVolumeControllerTest, MuteValueTwoCountsAsNotMuted) {
   const AudioObjectID device = addDefaultOutput();
   sim->setDeviceMuteValue(device, 2);
-  auto controller = SystemVolumeController::create(queue);
+  auto controller = SystemVolumeController::create(queue, hardware, logs);
   EXPECT_FALSE(controller->isMuted().get());
 }
 
 TEST_F(SystemVolumeControllerTest, OutsideChangesArriveAfterAHopThroughTheMainQueue) {
   const AudioObjectID device = addDefaultOutput();
-  auto controller = SystemVolumeController::create(queue);
+  auto controller = SystemVolumeController::create(queue, hardware, logs);
   int notifications = 0;
   auto subscription = controller->volume().observe([&] { ++notifications; });
   sim->setDeviceVolume(device, 0.25f);
@@ -89,7 +89,7 @@ TEST_F(SystemVolumeControllerTest, FollowsTheDefaultDeviceAndDetachesWhenThereIs
   sim->setDeviceVolume(first, 0.8f);
   const AudioObjectID second = sim->addDevice({.uid = "headphones", .volume = 0.8f});
   sim->setDeviceMuteValue(second, 1);
-  auto controller = SystemVolumeController::create(queue);
+  auto controller = SystemVolumeController::create(queue, hardware, logs);
   int volumeChanges = 0;
   auto subscription = controller->volume().observe([&] { ++volumeChanges; });
 
@@ -117,7 +117,7 @@ TEST_F(SystemVolumeControllerTest, FollowsTheDefaultDeviceAndDetachesWhenThereIs
 TEST_F(SystemVolumeControllerTest, FailedWritesAreLoggedAndChangeNothing) {
   const AudioObjectID device = addDefaultOutput();
   sim->setDeviceMuteValue(device, 1);
-  auto controller = SystemVolumeController::create(queue);
+  auto controller = SystemVolumeController::create(queue, hardware, logs);
   sim->failCall(Call::setPropertyData, -3);
   controller->setVolume(0.5);
   controller->setMuted(false);
@@ -130,7 +130,7 @@ TEST_F(SystemVolumeControllerTest, FailedWritesAreLoggedAndChangeNothing) {
 
 TEST_F(SystemVolumeControllerTest, ALateListenerAfterTheControllerIsGoneDoesNothing) {
   const AudioObjectID device = addDefaultOutput();
-  SystemVolumeController::create(queue);
+  SystemVolumeController::create(queue, hardware, logs);
   sim->setDeviceVolume(device, 0.1f);
   sim->setDefaultOutputDevice(kAudioObjectUnknown);
   EXPECT_NO_FATAL_FAILURE(queue.drain());

@@ -16,7 +16,7 @@ class TapGainRaceTest : public testing::SimTest {};
 TEST_F(TapGainRaceTest, GainStoresRaceFreeWithRendering) {
   const AudioObjectID output = addDefaultOutput();
   const AudioObjectID player = sim->addProcess({.pid = 1, .level = 1.0f});
-  ProcessMuteTap tap("Player", {player}, 0.0f);
+  ProcessMuteTap tap(hardware, "Player", {player}, 0.0f, logs);
 
   std::atomic<bool> stop{false};
   std::atomic<int> cycles{0};

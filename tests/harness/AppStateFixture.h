@@ -56,7 +56,7 @@ class AppStateTest : public SimTest {
   void SetUp() override {
     SimTest::SetUp();
     output = addDefaultOutput("speakers");
-    defaults = std::make_unique<DefaultsStore>(directory.path() / "preferences.json", queue);
+    defaults = std::make_unique<DefaultsStore>(directory.path() / "preferences.json", queue, logs);
   }
 
   void TearDown() override {
@@ -69,8 +69,10 @@ class AppStateTest : public SimTest {
   AppEnvironment environment() {
     return {
         .queue = queue,
+        .audio = hardware,
         .defaults = *defaults,
         .clock = clock,
+        .logs = logs,
         .workspace = std::make_shared<Workspace>(system.roots()),
         .loginItem = loginItem,
         .http = http,

@@ -14,24 +14,20 @@
 namespace quellix::testing {
 
 // A test against a private sound server of the kind it is instantiated for, with captured
-// logs and, once connectBackend() ran, the real backend installed.
+// logs and, once connectBackend() ran, the real backend behind `hardware`.
 class ServerTest : public ::testing::TestWithParam<SoundServer::Kind> {
  protected:
-  void SetUp() override {
-    previousSink_ = Logger::installSink(logs);
-    server = std::make_unique<SoundServer>(GetParam());
-  }
+  void SetUp() override { server = std::make_unique<SoundServer>(GetParam()); }
 
   void TearDown() override {
-    installAudioBackend(nullptr);
+    hardware.reset();
     backend.reset();
     server.reset();
-    Logger::installSink(previousSink_);
   }
 
   void connectBackend(PulseBackend::Options options = {}) {
-    backend = PulseBackend::create(std::move(options));
-    installAudioBackend(backend);
+    backend = PulseBackend::create(std::move(options), logs);
+    hardware = std::make_unique<AudioHardware>(backend);
   }
 
   // Polls `condition` while serving the main queue, where listeners arrive.
@@ -43,9 +39,7 @@ class ServerTest : public ::testing::TestWithParam<SoundServer::Kind> {
   std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
   std::unique_ptr<SoundServer> server;
   std::shared_ptr<PulseBackend> backend;
-
- private:
-  std::shared_ptr<LogSink> previousSink_;
+  std::unique_ptr<AudioHardware> hardware;
 };
 
 inline std::string serverName(const ::testing::TestParamInfo<SoundServer::Kind>& info) {

@@ -15,16 +15,6 @@ namespace quellix::testing {
 // Every test gets a fresh simulated audio system, a manual main queue and captured logs.
 class SimTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    sim = std::make_shared<SimAudioBackend>();
-    installAudioBackend(sim);
-    previousSink = Logger::installSink(logs);
-  }
-  void TearDown() override {
-    installAudioBackend(nullptr);
-    Logger::installSink(previousSink);
-  }
-
   // The usual system: one stereo output device that is the default.
   AudioObjectID addDefaultOutput(const std::string& uid = "speakers") {
     const AudioObjectID device = sim->addDevice({.uid = uid});
@@ -33,10 +23,10 @@ class SimTest : public ::testing::Test {
     return device;
   }
 
-  std::shared_ptr<SimAudioBackend> sim;
+  std::shared_ptr<SimAudioBackend> sim = std::make_shared<SimAudioBackend>();
+  AudioHardware hardware{sim};
   ManualQueue queue;
   std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
-  std::shared_ptr<LogSink> previousSink;
 };
 
 // A directory that is removed with the test.

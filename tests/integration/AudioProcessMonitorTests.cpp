@@ -31,7 +31,8 @@ class AudioProcessMonitorIntegrationTest : public testing::ServerTest {
     auto roots = Workspace::systemRoots();
     roots.dataDirs = {dataDir.path()};
     roots.locale = "de_DE.UTF-8";
-    monitor = AudioProcessMonitor::create(queue, std::make_shared<Workspace>(roots));
+    monitor =
+        AudioProcessMonitor::create(queue, *hardware, std::make_shared<Workspace>(roots), logs);
     monitor->start();
   }
 
@@ -84,7 +85,7 @@ TEST_P(AudioProcessMonitorIntegrationTest, ListsTheApplicationWhoseChildPlays) {
   EXPECT_EQ(app.icon.themeName, "org.quellix.TestApp");
   ASSERT_EQ(app.processObjectIDs.size(), 1u);
   const SInt32 player =
-      read<SInt32>(app.processObjectIDs[0], globalAddress(kAudioProcessPropertyPID), 0);
+      read<SInt32>(*hardware, app.processObjectIDs[0], globalAddress(kAudioProcessPropertyPID), 0);
   EXPECT_NE(player, application->pid()) << "the child's process object, under the parent";
   EXPECT_EQ(monitor->apps().get().size(), 1u);
 }

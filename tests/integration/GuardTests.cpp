@@ -118,15 +118,15 @@ TEST_P(GuardTest, TheSweepRemovesTheEndedOwnersTapsAndThoseOfNobodyOnly) {
   moveTheOnlyStreamTo("quellix.tap.reused");
 
   // A live owner keeps its sinks; a start time that is not the PID's is somebody gone.
-  EXPECT_EQ(TapGuard::sweep(std::nullopt, {}, std::chrono::seconds(5)), 1);
+  EXPECT_EQ(TapGuard::sweep(std::nullopt, {}, std::chrono::seconds(5), logs), 1);
   EXPECT_TRUE(everyStreamOnOut1());
-  EXPECT_EQ(TapGuard::sweep(self, {}, std::chrono::seconds(5)), 1);
+  EXPECT_EQ(TapGuard::sweep(self, {}, std::chrono::seconds(5), logs), 1);
   const std::string sinks = server->pactl({"list", "short", "sinks"});
   EXPECT_EQ(sinks.find("tap.mine"), std::string::npos);
   EXPECT_NE(sinks.find("tap.other"), std::string::npos) << "its owner still runs";
 
   server->stop();
-  EXPECT_EQ(TapGuard::sweep(self, {}, milliseconds(300)), std::nullopt);
+  EXPECT_EQ(TapGuard::sweep(self, {}, milliseconds(300), logs), std::nullopt);
 }
 
 TEST_P(GuardTest, TheBackendRemovesTheTapsOfAGoneOwnerAsItConnects) {

@@ -53,7 +53,6 @@ class MediaKeysIntegrationTest : public ::testing::Test {
     ::unsetenv("DISPLAY");
     ::unsetenv("WAYLAND_DISPLAY");
     application();
-    previousSink_ = Logger::installSink(logs_);
     server_ = std::make_unique<SoundServer>(SoundServer::Kind::pulseAudio);
     bus_ = std::make_unique<testing::SessionBus>();
     connection_ = std::make_unique<QDBusConnection>(testing::connectPrivately());
@@ -61,7 +60,7 @@ class MediaKeysIntegrationTest : public ::testing::Test {
 
     poster_ = std::make_shared<MprisEventPoster>();
     previousPoster_ = installEventPoster(poster_);
-    previousTrust_ = installAccessibilityTrust(nullptr);
+    previousTrust_ = installAccessibilityTrust(makeDesktopAccessibilityTrust(logs_));
     ASSERT_TRUE(AXIsProcessTrusted());
   }
 
@@ -75,7 +74,6 @@ class MediaKeysIntegrationTest : public ::testing::Test {
     bus_.reset();
     server_.reset();
     EXPECT_TRUE(logs_->messages().empty()) << logs_->messages().front();
-    Logger::installSink(previousSink_);
   }
 
   std::string tone(const std::string& name, int frequency) {
@@ -145,7 +143,6 @@ class MediaKeysIntegrationTest : public ::testing::Test {
 
  private:
   std::shared_ptr<CapturingLogSink> logs_ = std::make_shared<CapturingLogSink>();
-  std::shared_ptr<LogSink> previousSink_;
   std::unique_ptr<SoundServer> server_;
   std::unique_ptr<testing::SessionBus> bus_;
   std::unique_ptr<QDBusConnection> connection_;

@@ -40,11 +40,13 @@ class MuteControllerIntegrationTest : public testing::ServerTest {
   }
 
   void startQuellix() {
-    defaults = std::make_unique<DefaultsStore>(preferences.path() / "preferences.json", queue);
-    controller = MuteController::create(queue, *defaults, clock);
+    defaults =
+        std::make_unique<DefaultsStore>(preferences.path() / "preferences.json", queue, logs);
+    controller = MuteController::create(queue, *hardware, *defaults, clock, logs);
     auto roots = Workspace::systemRoots();
     roots.dataDirs = {preferences.path()};
-    monitor = AudioProcessMonitor::create(queue, std::make_shared<Workspace>(roots));
+    monitor =
+        AudioProcessMonitor::create(queue, *hardware, std::make_shared<Workspace>(roots), logs);
     monitor->setOnChange(
         [this](const std::vector<AudioApp>& apps) { controller->reconcile(apps); });
     monitor->start();

@@ -81,22 +81,24 @@ struct Muting {
 }  // namespace
 
 int main(int argc, char** argv) {
-  TapGuard::start();
+  const auto logs = std::make_shared<StderrLogSink>();
+  TapGuard::start(logs);
   if (argc < 2) {
     return 2;
   }
   QCoreApplication application(argc, argv);
   quitOnTerminationSignals();
   QtMainQueue queue;
-  auto backend = PulseBackend::create({});
-  installAudioBackend(backend);
+  // The backend goes before the queue its thread posts to.
+  AudioHardware hardware(PulseBackend::create({}, logs));
   {
     SystemWallClock clock;
-    DefaultsStore defaults(std::filesystem::path(argv[1]) / "preferences.json", queue);
+    DefaultsStore defaults(std::filesystem::path(argv[1]) / "preferences.json", queue, logs);
     auto roots = Workspace::systemRoots();
     roots.dataDirs = {argv[1]};
-    Muting muting{queue, MuteController::create(queue, defaults, clock),
-                  AudioProcessMonitor::create(queue, std::make_shared<Workspace>(roots))};
+    Muting muting{
+        queue, MuteController::create(queue, hardware, defaults, clock, logs),
+        AudioProcessMonitor::create(queue, hardware, std::make_shared<Workspace>(roots), logs)};
     muting.monitor->setOnChange(
         [&](const std::vector<AudioApp>& apps) { muting.controller->reconcile(apps); });
     muting.monitor->start();
@@ -116,8 +118,5 @@ int main(int argc, char** argv) {
     std::cout << "ready" << std::endl;
     QCoreApplication::exec();
   }
-  // As the program ends: the backend goes before the queue its thread posts to.
-  installAudioBackend(nullptr);
-  backend.reset();
   return 0;
 }

@@ -23,9 +23,10 @@ const AudioObjectPropertyAddress kMute{kAudioDevicePropertyMute, kAudioDevicePro
 
 // Counts the calls of one listener registration.
 struct ListenerProbe {
-  ListenerProbe(AudioObjectID object, AudioObjectPropertyAddress address, MainQueue& queue)
+  ListenerProbe(AudioHardware& hardware, AudioObjectID object, AudioObjectPropertyAddress address,
+                MainQueue& queue)
       : block(makeListenerBlock([this](UInt32, const AudioObjectPropertyAddress*) { ++calls; })) {
-    EXPECT_EQ(AudioObjectAddPropertyListenerBlock(object, &address, &queue, block), 0)
+    EXPECT_EQ(hardware.AudioObjectAddPropertyListenerBlock(object, &address, &queue, block), 0)
         << describe(address);
   }
   AudioObjectPropertyListenerBlock block;
@@ -43,8 +44,8 @@ class PulseBackendTest : public testing::ServerTest {
   // The process object whose PID is `pid`, if the backend lists one.
   std::optional<AudioObjectID> processObject(pid_t pid) {
     try {
-      for (const AudioObjectID object : readProcessList()) {
-        if (read<SInt32>(object, globalAddress(kAudioProcessPropertyPID), 0) == pid) {
+      for (const AudioObjectID object : readProcessList(*hardware)) {
+        if (read<SInt32>(*hardware, object, globalAddress(kAudioProcessPropertyPID), 0) == pid) {
           return object;
         }
       }
@@ -54,8 +55,9 @@ class PulseBackendTest : public testing::ServerTest {
   }
 
   AudioObjectID deviceNamed(const std::string& uid) {
-    for (const AudioObjectID device : readDeviceList()) {
-      if (read(device, globalAddress(kAudioDevicePropertyDeviceUID), CFString()).str() == uid) {
+    for (const AudioObjectID device : readDeviceList(*hardware)) {
+      if (read(*hardware, device, globalAddress(kAudioDevicePropertyDeviceUID), CFString()).str() ==
+          uid) {
         return device;
       }
     }
@@ -63,20 +65,22 @@ class PulseBackendTest : public testing::ServerTest {
   }
 
   AudioObjectID defaultOutput() {
-    return read<UInt32>(1, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), 0);
+    return read<UInt32>(*hardware, 1, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), 0);
   }
 };
 
 TEST_P(PulseBackendTest, PlayersAppearAndVanishWithTheirPIDs) {
-  ListenerProbe list(1, globalAddress(kAudioHardwarePropertyProcessObjectList), queue);
+  ListenerProbe list(*hardware, 1, globalAddress(kAudioHardwarePropertyProcessObjectList), queue);
   TestPlayerProcess first({.appID = "org.example.first"});
   TestPlayerProcess second({});
   ASSERT_TRUE(
       eventually([&] { return processObject(first.pid()) && processObject(second.pid()); }));
   EXPECT_GE(list.calls, 1);
   const AudioObjectID firstObject = *processObject(first.pid());
-  EXPECT_EQ(readProcessBundleID(firstObject), "org.example.first");
-  EXPECT_EQ(read<UInt32>(firstObject, globalAddress(kAudioProcessPropertyIsRunningOutput), 0), 1u);
+  EXPECT_EQ(readProcessBundleID(*hardware, firstObject), "org.example.first");
+  EXPECT_EQ(
+      read<UInt32>(*hardware, firstObject, globalAddress(kAudioProcessPropertyIsRunningOutput), 0),
+      1u);
 
   const int callsBefore = list.calls;
   first.kill();
@@ -86,7 +90,7 @@ TEST_P(PulseBackendTest, PlayersAppearAndVanishWithTheirPIDs) {
   EXPECT_TRUE(processObject(second.pid()).has_value());
   UInt32 size = 0;
   const auto pid = globalAddress(kAudioProcessPropertyPID);
-  EXPECT_EQ(AudioObjectGetPropertyDataSize(firstObject, &pid, 0, nullptr, &size),
+  EXPECT_EQ(hardware->AudioObjectGetPropertyDataSize(firstObject, &pid, 0, nullptr, &size),
             kAudioHardwareBadObjectError);
 }
 
@@ -95,12 +99,13 @@ TEST_P(PulseBackendTest, RunningStateFollowsCorkAndUncork) {
   ASSERT_TRUE(eventually([&] { return processObject(player.pid()).has_value(); }));
   const AudioObjectID object = *processObject(player.pid());
   auto flag = [&](AudioObjectPropertySelector selector) {
-    return read<UInt32>(object, globalAddress(selector), 0);
+    return read<UInt32>(*hardware, object, globalAddress(selector), 0);
   };
   // PipeWire reports a new stream corked until it starts running.
   ASSERT_TRUE(eventually([&] { return flag(kAudioProcessPropertyIsRunningOutput) == 1; }));
-  ListenerProbe running(object, globalAddress(kAudioProcessPropertyIsRunning), queue);
-  ListenerProbe runningOutput(object, globalAddress(kAudioProcessPropertyIsRunningOutput), queue);
+  ListenerProbe running(*hardware, object, globalAddress(kAudioProcessPropertyIsRunning), queue);
+  ListenerProbe runningOutput(*hardware, object,
+                              globalAddress(kAudioProcessPropertyIsRunningOutput), queue);
 
   player.command("cork");
   ASSERT_TRUE(eventually([&] { return flag(kAudioProcessPropertyIsRunningOutput) == 0; }));
@@ -119,28 +124,29 @@ TEST_P(PulseBackendTest, RunningStateFollowsCorkAndUncork) {
 TEST_P(PulseBackendTest, VolumeAndMuteRoundTripAndOutsideChangesReachListeners) {
   const AudioObjectID sink = deviceNamed("out1");
   ASSERT_NE(sink, kAudioObjectUnknown);
-  EXPECT_TRUE(AudioObjectHasProperty(sink, &kVolume));
-  ListenerProbe volume(sink, kVolume, queue);
-  ListenerProbe mute(sink, kMute, queue);
+  EXPECT_TRUE(hardware->AudioObjectHasProperty(sink, &kVolume));
+  ListenerProbe volume(*hardware, sink, kVolume, queue);
+  ListenerProbe mute(*hardware, sink, kMute, queue);
 
-  write<Float32>(sink, kVolume, 0.3f);
-  ASSERT_TRUE(
-      eventually([&] { return std::abs(read<Float32>(sink, kVolume, 0) - 0.3f) < 0.001f; }));
+  write<Float32>(*hardware, sink, kVolume, 0.3f);
+  ASSERT_TRUE(eventually(
+      [&] { return std::abs(read<Float32>(*hardware, sink, kVolume, 0) - 0.3f) < 0.001f; }));
   EXPECT_TRUE(eventually([&] { return volume.calls >= 1; })) << "our own change fires too";
-  write<UInt32>(sink, kMute, 1);
-  ASSERT_TRUE(eventually([&] { return read<UInt32>(sink, kMute, 0) == 1; }));
+  write<UInt32>(*hardware, sink, kMute, 1);
+  ASSERT_TRUE(eventually([&] { return read<UInt32>(*hardware, sink, kMute, 0) == 1; }));
 
   const int volumeCalls = volume.calls;
   server->pactl({"set-sink-volume", "out1", "50%"});
   ASSERT_TRUE(eventually([&] { return volume.calls > volumeCalls; }));
-  EXPECT_NEAR(read<Float32>(sink, kVolume, 0), 0.5f, 0.001f);
+  EXPECT_NEAR(read<Float32>(*hardware, sink, kVolume, 0), 0.5f, 0.001f);
   server->pactl({"set-sink-mute", "out1", "0"});
-  ASSERT_TRUE(eventually([&] { return read<UInt32>(sink, kMute, 1) == 0; }));
+  ASSERT_TRUE(eventually([&] { return read<UInt32>(*hardware, sink, kMute, 1) == 0; }));
   EXPECT_TRUE(eventually([&] { return mute.calls >= 2; }));
 }
 
 TEST_P(PulseBackendTest, SwitchingTheDefaultSinkFiresTheDefaultOutputListener) {
-  ListenerProbe probe(1, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), queue);
+  ListenerProbe probe(*hardware, 1, globalAddress(kAudioHardwarePropertyDefaultOutputDevice),
+                      queue);
   EXPECT_EQ(defaultOutput(), deviceNamed("out1"));
   ASSERT_TRUE(server->setDefaultSink("out2"));
   ASSERT_TRUE(eventually([&] { return defaultOutput() == deviceNamed("out2"); }));
@@ -148,9 +154,10 @@ TEST_P(PulseBackendTest, SwitchingTheDefaultSinkFiresTheDefaultOutputListener) {
 }
 
 TEST_P(PulseBackendTest, SurvivesTheServerGoingAwayAndComingBack) {
-  ListenerProbe list(1, globalAddress(kAudioHardwarePropertyProcessObjectList), queue);
-  ListenerProbe devices(1, globalAddress(kAudioHardwarePropertyDevices), queue);
-  ListenerProbe output(1, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), queue);
+  ListenerProbe list(*hardware, 1, globalAddress(kAudioHardwarePropertyProcessObjectList), queue);
+  ListenerProbe devices(*hardware, 1, globalAddress(kAudioHardwarePropertyDevices), queue);
+  ListenerProbe output(*hardware, 1, globalAddress(kAudioHardwarePropertyDefaultOutputDevice),
+                       queue);
   std::optional<AudioObjectID> before;
   {
     TestPlayerProcess player({});
@@ -162,9 +169,9 @@ TEST_P(PulseBackendTest, SurvivesTheServerGoingAwayAndComingBack) {
   ASSERT_TRUE(eventually([&] { return !backend->isConnected(); }));
   UInt32 size = 0;
   const auto listAddress = globalAddress(kAudioHardwarePropertyProcessObjectList);
-  EXPECT_EQ(AudioObjectGetPropertyDataSize(1, &listAddress, 0, nullptr, &size),
+  EXPECT_EQ(hardware->AudioObjectGetPropertyDataSize(1, &listAddress, 0, nullptr, &size),
             kAudioHardwareNotRunningError);
-  EXPECT_NE(AudioObjectSetPropertyData(oldSink, &kVolume, 0, nullptr, 4, &size), 0);
+  EXPECT_NE(hardware->AudioObjectSetPropertyData(oldSink, &kVolume, 0, nullptr, 4, &size), 0);
   EXPECT_TRUE(eventually([&] { return devices.calls >= 1 && output.calls >= 1; }));
 
   server->start();
@@ -181,18 +188,18 @@ TEST_P(PulseBackendTest, SurvivesTheServerGoingAwayAndComingBack) {
 }
 
 TEST_P(PulseBackendTest, AServerThatIsNotThereAtStartIsWaitedFor) {
-  installAudioBackend(nullptr);
+  hardware.reset();
   backend.reset();
   server->stop();
   logs->clear();
   connectBackend({.startupWait = std::chrono::milliseconds(300),
                   .retryInterval = std::chrono::milliseconds(200)});
-  EXPECT_THROW(readProcessList(), TextError);
+  EXPECT_THROW(readProcessList(*hardware), TextError);
   UInt32 size = 0;
   const auto address = globalAddress(kAudioHardwarePropertyDevices);
-  EXPECT_EQ(AudioObjectGetPropertyDataSize(1, &address, 0, nullptr, &size),
+  EXPECT_EQ(hardware->AudioObjectGetPropertyDataSize(1, &address, 0, nullptr, &size),
             kAudioHardwareNotRunningError);
-  ListenerProbe devices(1, address, queue);
+  ListenerProbe devices(*hardware, 1, address, queue);
   const auto errors = [&] {
     const auto entries = logs->entries();
     return std::count_if(entries.begin(), entries.end(),

@@ -49,7 +49,7 @@ TEST_P(SystemVolumeIntegrationTest, FollowsOutsideChangesAndTheDefaultSink) {
   connectBackend();
   server->pactl({"set-sink-volume", "out2", "40%"});
   server->pactl({"set-sink-mute", "out2", "1"});
-  auto controller = SystemVolumeController::create(queue);
+  auto controller = SystemVolumeController::create(queue, *hardware, logs);
   ASSERT_TRUE(controller->isAdjustable().get());
 
   server->pactl({"set-sink-volume", "out1", "65%"});

@@ -31,8 +31,8 @@ class TapTest : public testing::ServerTest {
  protected:
   std::vector<AudioObjectID> objectsOf(pid_t pid) {
     std::vector<AudioObjectID> objects;
-    for (const AudioObjectID object : readProcessList()) {
-      if (read<SInt32>(object, globalAddress(kAudioProcessPropertyPID), 0) == pid) {
+    for (const AudioObjectID object : readProcessList(*hardware)) {
+      if (read<SInt32>(*hardware, object, globalAddress(kAudioProcessPropertyPID), 0) == pid) {
         objects.push_back(object);
       }
     }
@@ -43,7 +43,8 @@ class TapTest : public testing::ServerTest {
   std::unique_ptr<ProcessMuteTap> tapPlayer(const TestPlayerProcess& player, float gain) {
     connectBackend();
     EXPECT_TRUE(testing::eventually([&] { return !objectsOf(player.pid()).empty(); }));
-    return std::make_unique<ProcessMuteTap>("Player", objectsOf(player.pid()), gain);
+    return std::make_unique<ProcessMuteTap>(*hardware, "Player", objectsOf(player.pid()), gain,
+                                            logs);
   }
 
   bool nothingOfOursLeft() {
@@ -110,7 +111,7 @@ TEST_P(TapTest, APlayerAtItsDefaultBufferingIsNotTakenAtOnce) {
   testing::ChildProcess player({"paplay", tone.string()}, {});
   connectBackend();
   ASSERT_TRUE(testing::eventually([&] { return !objectsOf(player.pid()).empty(); }));
-  ProcessMuteTap tap("Player", objectsOf(player.pid()), 0.5f);
+  ProcessMuteTap tap(*hardware, "Player", objectsOf(player.pid()), 0.5f, logs);
   std::istringstream sinks(server->pactl({"list", "sinks"}));
   std::string line;
   while (std::getline(sinks, line) && line.find("Name: quellix.tap.") == std::string::npos) {
@@ -154,24 +155,25 @@ TEST_P(TapTest, CreatesListsAndRemovesItsObjects) {
   ProcessMuteTap& tap = *owned;
   UInt32 size = 0;
   const auto tapList = globalAddress(kAudioHardwarePropertyTapList);
-  ASSERT_EQ(AudioObjectGetPropertyDataSize(1, &tapList, 0, nullptr, &size), 0);
+  ASSERT_EQ(hardware->AudioObjectGetPropertyDataSize(1, &tapList, 0, nullptr, &size), 0);
   EXPECT_EQ(size, sizeof(AudioObjectID));
   const std::string uid =
-      read(tap.aggregateID(), globalAddress(kAudioDevicePropertyDeviceUID), CFString()).str();
+      read(*hardware, tap.aggregateID(), globalAddress(kAudioDevicePropertyDeviceUID), CFString())
+          .str();
   EXPECT_EQ(uid.rfind(ProcessMuteTap::kAggregateUIDPrefix, 0), 0u);
-  const auto devices = readDeviceList();
+  const auto devices = readDeviceList(*hardware);
   EXPECT_NE(std::find(devices.begin(), devices.end(), tap.aggregateID()), devices.end());
 
   tap.invalidate();
   logs->clear();
   tap.invalidate();
   EXPECT_TRUE(logs->entries().empty()) << "a second invalidate is no error";
-  ASSERT_EQ(AudioObjectGetPropertyDataSize(1, &tapList, 0, nullptr, &size), 0);
+  ASSERT_EQ(hardware->AudioObjectGetPropertyDataSize(1, &tapList, 0, nullptr, &size), 0);
   EXPECT_EQ(size, 0u);
   EXPECT_TRUE(nothingOfOursLeft());
 
   // A process that is gone: no tap, and nothing left behind.
-  EXPECT_THROW(ProcessMuteTap("Gone", {999999}, 0.0f), TextError);
+  EXPECT_THROW(ProcessMuteTap(*hardware, "Gone", {999999}, 0.0f, logs), TextError);
   EXPECT_TRUE(server->holdsNothingOfOurs());
 }
 
@@ -179,7 +181,7 @@ TEST_P(TapTest, TheSweepRemovesAggregatesWithOurPrefix) {
   TestPlayerProcess player({});
   const auto tap = tapPlayer(player, 0.0f);
   logs->clear();
-  ProcessMuteTap::sweepOrphans();
+  ProcessMuteTap::sweepOrphans(*hardware, logs);
   const auto entries = logs->entries();
   ASSERT_EQ(entries.size(), 1u);
   EXPECT_EQ(entries[0].level, LogLevel::error);

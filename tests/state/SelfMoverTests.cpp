@@ -60,9 +60,6 @@ std::string runProgram(const fs::path& program) {
 
 class SelfMoverTest : public ::testing::Test {
  protected:
-  void SetUp() override { previousSink = Logger::installSink(logs); }
-  void TearDown() override { Logger::installSink(previousSink); }
-
   Environment environment(std::optional<Bundle> bundle) {
     return Environment{
         .bundle = std::move(bundle),
@@ -80,6 +77,7 @@ class SelfMoverTest : public ::testing::Test {
             },
         .queue = queue,
         .quit = [this] { ++quits; },
+        .logs = logs,
         .releaseInstance = [this] { releasedAfterLaunches.push_back(launchedPrograms.size()); },
     };
   }
@@ -99,7 +97,6 @@ class SelfMoverTest : public ::testing::Test {
   std::vector<std::size_t> releasedAfterLaunches;
   int quits = 0;
   std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
-  std::shared_ptr<LogSink> previousSink;
 };
 
 // Declining ("later") changes nothing.

@@ -65,8 +65,6 @@ class UpdateCheckerNetworkTest : public ::testing::Test {
     static char* argv[] = {name, nullptr};
     static QCoreApplication application(argc, argv);
   }
-  void SetUp() override { previousSink = Logger::installSink(logs); }
-  void TearDown() override { Logger::installSink(previousSink); }
 
   bool runUntil(const std::function<bool()>& condition, Duration limit = seconds(10)) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -93,14 +91,13 @@ class UpdateCheckerNetworkTest : public ::testing::Test {
   }
 
   std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
-  std::shared_ptr<LogSink> previousSink;
   DaylessQueue queue;
   TemporaryDirectory home;
-  DefaultsStore defaults{home.path() / "preferences.json"};
+  DefaultsStore defaults{home.path() / "preferences.json", logs};
   LoopbackHttpServer server;
   std::shared_ptr<CountingHttpClient> http = std::make_shared<CountingHttpClient>();
   std::shared_ptr<UpdateChecker> checker =
-      UpdateChecker::create(queue, defaults, http, kShortTimeout);
+      UpdateChecker::create(queue, defaults, http, logs, kShortTimeout);
   bool started = false;
 };
 

@@ -71,12 +71,10 @@ TEST(UpdateCheckerFeed, TakesTheVersionTextAndNothingElse) {
 
 class UpdateCheckerTest : public ::testing::Test {
  protected:
-  void SetUp() override { previousSink = Logger::installSink(logs); }
   void TearDown() override {
     // An unanswered request holds the checker, which holds the client: a real client always
     // answers in the end, this one must be told to let go.
     http->pending.clear();
-    Logger::installSink(previousSink);
   }
 
   void answer(const std::string& version) {
@@ -86,12 +84,11 @@ class UpdateCheckerTest : public ::testing::Test {
       "https://" + std::string(build::kWebHost) + "/downloads/quellix-version.json";
 
   std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
-  std::shared_ptr<LogSink> previousSink;
   TemporaryDirectory home;
-  DefaultsStore defaults{home.path() / "preferences.json"};
+  DefaultsStore defaults{home.path() / "preferences.json", logs};
   ManualQueue queue;
   std::shared_ptr<testing::FakeHttpClient> http = std::make_shared<testing::FakeHttpClient>();
-  std::shared_ptr<UpdateChecker> checker = UpdateChecker::create(queue, defaults, http);
+  std::shared_ptr<UpdateChecker> checker = UpdateChecker::create(queue, defaults, http, logs);
 };
 
 TEST_F(UpdateCheckerTest, TheNextCheckIsADayAfterThePreviousOneEnded) {

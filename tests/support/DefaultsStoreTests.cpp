@@ -46,18 +46,14 @@ std::string randomBytes(std::size_t size) {
 
 class DefaultsStoreTest : public ::testing::Test {
  protected:
-  void SetUp() override { previous = Logger::installSink(logs); }
-  void TearDown() override { Logger::installSink(previous); }
-
   TemporaryDirectory directory;
   fs::path path = directory.path() / "quellix" / "preferences.json";
   std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
-  std::shared_ptr<LogSink> previous;
 };
 
 TEST_F(DefaultsStoreTest, WritesSurviveARestart) {
   {
-    DefaultsStore store(path);
+    DefaultsStore store(path, logs);
     store.set("mutedBundleIDs", {"a.app", "b.app"});
     for (int count = 0; count <= 3; ++count) {
       store.set("stats.muteCount", count);
@@ -65,7 +61,7 @@ TEST_F(DefaultsStoreTest, WritesSurviveARestart) {
     store.set("onboardingCompleted", true);
   }
   EXPECT_EQ(filesIn(path.parent_path()), std::set<fs::path>{path}) << "no temporary file left";
-  DefaultsStore reloaded(path);
+  DefaultsStore reloaded(path, logs);
   EXPECT_EQ(reloaded.stringArray("mutedBundleIDs"), (std::vector<std::string>{"a.app", "b.app"}));
   EXPECT_EQ(reloaded.integer("stats.muteCount"), 3);
   EXPECT_TRUE(reloaded.boolean("onboardingCompleted"));
@@ -78,7 +74,7 @@ TEST_F(DefaultsStoreTest, TypedReadsConvertLikeADefaultsDatabase) {
                       "list": ["a", 1], "dict": {"a": 0.5}, "no": "no", "yes": "YES",
                       "zero": 0, "one": "1", "name": ")" +
                       std::string(100, '[') + R"(\""})");
-  DefaultsStore store(path);
+  DefaultsStore store(path, logs);
   EXPECT_EQ(store.integer("int"), 7);
   EXPECT_EQ(store.integer("float"), 0) << "a fraction is no whole number";
   EXPECT_EQ(store.integer("text"), 12);
@@ -142,7 +138,7 @@ TEST_F(DefaultsStoreTest, ACorruptFileYieldsDefaultsAndIsKeptAside) {
     const auto before = filesIn(path.parent_path());
     logs->clear();
     {
-      DefaultsStore store(path);
+      DefaultsStore store(path, logs);
       EXPECT_EQ(store.integer("stats.muteCount"), 0);
       EXPECT_FALSE(store.stringArray("mutedBundleIDs").has_value());
       const auto lines = logs->messages("Defaults");
@@ -153,7 +149,7 @@ TEST_F(DefaultsStoreTest, ACorruptFileYieldsDefaultsAndIsKeptAside) {
       EXPECT_FALSE(fs::exists(path)) << "moved, not copied";
       store.set("stats.muteCount", 1);
     }
-    EXPECT_EQ(DefaultsStore(path).integer("stats.muteCount"), 1);
+    EXPECT_EQ(DefaultsStore(path, logs).integer("stats.muteCount"), 1);
     auto after = filesIn(path.parent_path());
     for (const fs::path& earlier : before) {
       EXPECT_EQ(after.erase(earlier), 1u) << earlier;
@@ -176,7 +172,7 @@ TEST_F(DefaultsStoreTest, AWrongTypedKeyFallsBackAloneAndIsReportedOnce) {
       "onboardingCompleted": "maybe", "updateFeedURL": 42, "kept": ["a.app"],
       "inexact": 9223302736854775.07})";
   writeFile(path, contents);
-  DefaultsStore store(path);
+  DefaultsStore store(path, logs);
   for (int round = 0; round < 2; ++round) {
     EXPECT_FALSE(store.stringArray("mutedBundleIDs").has_value());
     EXPECT_FALSE(store.dictionary("appVolumes").has_value());
@@ -197,7 +193,7 @@ TEST_F(DefaultsStoreTest, AWrongTypedKeyFallsBackAloneAndIsReportedOnce) {
 TEST_F(DefaultsStoreTest, AFailedWriteIsLoggedAndKeepsTheValuesOfThisRun) {
   // A file where the preferences folder should be: nothing can be written below it.
   writeFile(directory.path() / "blocked", "not a folder");
-  DefaultsStore store(directory.path() / "blocked" / "preferences.json");
+  DefaultsStore store(directory.path() / "blocked" / "preferences.json", logs);
   store.set("stats.muteCount", 5);
   EXPECT_EQ(store.integer("stats.muteCount"), 5);
   ASSERT_EQ(logs->entries().size(), 1u);

@@ -74,7 +74,7 @@ TEST(TrayItemTest, RegistersWithAWatcherThatIsAlreadyThere) {
   StatusNotifierWatcher watcher;
   QSignalSpy registered(watcher.adaptor(),
                         &StatusNotifierWatcherAdaptor::StatusNotifierItemRegistered);
-  TrayItem item;
+  TrayItem item(std::make_shared<StderrLogSink>());
   QSignalSpy availability(&item, &TrayItem::hostAvailabilityChanged);
 
   ASSERT_TRUE(waitFor(registered));
@@ -85,7 +85,7 @@ TEST(TrayItemTest, RegistersWithAWatcherThatIsAlreadyThere) {
 }
 
 TEST(TrayItemTest, RegistersWithEachTrayThatAppearsAndFollowsItsHosts) {
-  TrayItem item;
+  TrayItem item(std::make_shared<StderrLogSink>());
   QSignalSpy availability(&item, &TrayItem::hostAvailabilityChanged);
   EXPECT_FALSE(item.isHostAvailable());
 
@@ -116,7 +116,7 @@ TEST(TrayItemTest, RegistersWithEachTrayThatAppearsAndFollowsItsHosts) {
 }
 
 TEST(TrayItemTest, PropertiesAndIntrospectionGiveTheHostsWhatTheyDecode) {
-  TrayItem item;
+  TrayItem item(std::make_shared<StderrLogSink>());
   item.setToolTip(QStringLiteral("Quellix"), QStringLiteral("1 App stummgeschaltet"));
   TrayHost host(itemOf(item));
 
@@ -158,7 +158,7 @@ TEST(TrayItemTest, PropertiesAndIntrospectionGiveTheHostsWhatTheyDecode) {
 }
 
 TEST(TrayItemTest, ClicksAndScrollsReachTheProgram) {
-  TrayItem item;
+  TrayItem item(std::make_shared<StderrLogSink>());
   QSignalSpy activated(&item, &TrayItem::activated);
   QSignalSpy scrolled(&item, &TrayItem::scrolled);
   TrayHost host(itemOf(item));
@@ -203,7 +203,7 @@ TEST(ScrollReadingTest, OneNotchUpIsOneNotchUpOnEveryHost) {
 }
 
 TEST(TrayItemTest, TheSymbolPicksTheThemeIconAndSendsPicturesInNetworkByteOrder) {
-  TrayItem item;
+  TrayItem item(std::make_shared<StderrLogSink>());
   item.setSymbol(QStringLiteral("speaker.wave.2.fill"), uniformIcon(QColor(0x11, 0x22, 0x33)));
   TrayHost host(itemOf(item));
   auto newIcon = host.follow(host.itemPath(), kItemInterface, QStringLiteral("NewIcon"));
@@ -243,7 +243,7 @@ TEST(TrayItemTest, SymbolPicturesComeFromTheSymbolDirectory) {
             R"(<rect x="0" y="0" width="16" height="16" fill="#000"/></svg>)");
   svg.close();
 
-  TrayItem item;
+  TrayItem item(std::make_shared<StderrLogSink>());
   item.setSymbolDirectory(directory.path());
   item.setSymbol(QStringLiteral("speaker.slash.fill"));
   TrayHost host(itemOf(item));
@@ -255,7 +255,7 @@ TEST(TrayItemTest, SymbolPicturesComeFromTheSymbolDirectory) {
 }
 
 TEST(TrayItemTest, TheMenuLayoutCarriesTheEntriesAndAClickTriggersOne) {
-  TrayItem item;
+  TrayItem item(std::make_shared<StderrLogSink>());
   item.setMenuEntries({{.id = "panel", .label = "Quellix öffnen"},
                        TrayMenuEntry::separator(),
                        {.id = "about", .label = "Über_Quellix", .enabled = false},
@@ -295,7 +295,7 @@ TEST(TrayItemTest, TheMenuLayoutCarriesTheEntriesAndAClickTriggersOne) {
 }
 
 TEST(TrayItemTest, ChangedEntriesKeepTheirIdsAndTellTheHostWhatChanged) {
-  TrayItem item;
+  TrayItem item(std::make_shared<StderrLogSink>());
   item.setMenuEntries(
       {{.id = "panel", .label = "Quellix öffnen"}, {.id = "quit", .label = "Beenden"}});
   TrayHost host(itemOf(item));
@@ -332,7 +332,7 @@ TEST(TrayItemDeathTest, WithoutASessionBusTheItemSaysWhyAndHasNoHost) {
         ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
         const auto sink = std::make_shared<CapturingLogSink>();
         Logger::installSink(sink);
-        TrayItem item;
+        TrayItem item(std::make_shared<StderrLogSink>());
         const bool said = sink->messages("TrayItem").size() == 1;
         std::exit(said && !item.isHostAvailable() && item.serviceName().isEmpty() ? 0 : 1);
       },

@@ -91,8 +91,8 @@ struct PulseBackend::Completion {
   }
 };
 
-std::shared_ptr<PulseBackend> PulseBackend::create(Options options) {
-  std::shared_ptr<PulseBackend> backend(new PulseBackend(std::move(options)));
+std::shared_ptr<PulseBackend> PulseBackend::create(Options options, std::shared_ptr<LogSink> logs) {
+  std::shared_ptr<PulseBackend> backend(new PulseBackend(std::move(options), std::move(logs)));
   backend->startMainloop();
   if (!backend->waitForFirstSync()) {
     backend->logger_.error(
@@ -106,10 +106,11 @@ namespace {
 std::atomic<std::uint64_t> nextBackendSerial{1};
 }  // namespace
 
-PulseBackend::PulseBackend(Options options)
+PulseBackend::PulseBackend(Options options, std::shared_ptr<LogSink> logs)
     : options_(std::move(options)),
       snapshot_(std::make_shared<const AudioSnapshot>()),
-      serial_(nextBackendSerial.fetch_add(1)) {}
+      serial_(nextBackendSerial.fetch_add(1)),
+      logger_(std::move(logs), "AudioBackend") {}
 
 PulseBackend::~PulseBackend() {
   if (mainloop_ == nullptr) {

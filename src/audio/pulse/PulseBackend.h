@@ -50,7 +50,7 @@ class PulseBackend final : public AudioBackend {
   };
 
   // Starts connecting and waits up to `startupWait` for the first complete view of the server.
-  static std::shared_ptr<PulseBackend> create(Options options);
+  static std::shared_ptr<PulseBackend> create(Options options, std::shared_ptr<LogSink> logs);
   ~PulseBackend() override;
 
   bool isConnected() const;
@@ -122,7 +122,7 @@ class PulseBackend final : public AudioBackend {
     int failures = 0;
   };
 
-  explicit PulseBackend(Options options);
+  PulseBackend(Options options, std::shared_ptr<LogSink> logs);
   void startMainloop();
   bool waitForFirstSync();
 
@@ -209,7 +209,7 @@ class PulseBackend final : public AudioBackend {
   bool firstSyncDone_ = false;
 
   ListenerRegistry listeners_;
-  Logger logger_{"AudioBackend"};
+  Logger logger_;
 };
 
 }  // namespace quellix

@@ -69,7 +69,7 @@ void onServerInfo(pa_context*, const pa_server_info* info, void* userdata) {
 }
 
 std::optional<int> sweepOn(Sweep& sweep, const std::optional<pulse::TapOwner>& ended,
-                           const std::string& server) {
+                           const std::string& server, const Logger& logger) {
   if (pa_context_connect(sweep.context, server.empty() ? nullptr : server.c_str(),
                          PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0 ||
       !sweep.runUntil([&] { return pa_context_get_state(sweep.context) == PA_CONTEXT_READY; })) {
@@ -94,7 +94,6 @@ std::optional<int> sweepOn(Sweep& sweep, const std::optional<pulse::TapOwner>& e
     return std::nullopt;
   }
   const auto snapshot = sweep.model.snapshot(true);
-  const Logger logger("TapGuard");
   std::vector<pa_operation*> operations;
   int removed = 0;
   for (const auto& tap : snapshot.tapSinks) {
@@ -114,7 +113,8 @@ std::optional<int> sweepOn(Sweep& sweep, const std::optional<pulse::TapOwner>& e
   return removed;
 }
 
-[[noreturn]] void guard(int watched, const pulse::TapOwner& owner) {
+[[noreturn]] void guard(int watched, const pulse::TapOwner& owner,
+                        const std::shared_ptr<LogSink>& logs) {
   // Out of the program's session and process group, so that a signal meant for the program
   // (Ctrl-C, a hang-up) leaves the guard to clean up after it.
   ::setsid();
@@ -144,14 +144,14 @@ std::optional<int> sweepOn(Sweep& sweep, const std::optional<pulse::TapOwner>& e
     }
   }
   ::close(watched);
-  sweep(owner, {}, std::chrono::duration_cast<std::chrono::milliseconds>(kSweepTimeout));
+  sweep(owner, {}, std::chrono::duration_cast<std::chrono::milliseconds>(kSweepTimeout), logs);
   ::_exit(0);
 }
 
 }  // namespace
 
 std::optional<int> sweep(const std::optional<pulse::TapOwner>& ended, const std::string& server,
-                         std::chrono::milliseconds timeout) {
+                         std::chrono::milliseconds timeout, std::shared_ptr<LogSink> logs) {
   Sweep sweep;
   sweep.loop = pa_mainloop_new();
   pa_mainloop_api* api = pa_mainloop_get_api(sweep.loop);
@@ -164,7 +164,7 @@ std::optional<int> sweep(const std::optional<pulse::TapOwner>& ended, const std:
   pa_gettimeofday(&deadline);
   pa_timeval_add(&deadline, static_cast<pa_usec_t>(timeout.count()) * PA_USEC_PER_MSEC);
   pa_time_event* timer = api->time_new(api, &deadline, &onDeadline, &sweep);
-  const auto removed = sweepOn(sweep, ended, server);
+  const auto removed = sweepOn(sweep, ended, server, Logger(std::move(logs), "TapGuard"));
   api->time_free(timer);
   pa_context_disconnect(sweep.context);
   pa_context_unref(sweep.context);
@@ -172,7 +172,7 @@ std::optional<int> sweep(const std::optional<pulse::TapOwner>& ended, const std:
   return removed;
 }
 
-std::optional<pid_t> start() {
+std::optional<pid_t> start(const std::shared_ptr<LogSink>& logs) {
   int ends[2] = {-1, -1};
   if (::pipe2(ends, O_CLOEXEC) != 0) {
     return std::nullopt;
@@ -181,7 +181,7 @@ std::optional<pid_t> start() {
   const pid_t child = ::fork();
   if (child == 0) {
     ::close(ends[1]);
-    guard(ends[0], owner);
+    guard(ends[0], owner, logs);
   }
   ::close(ends[0]);
   if (child < 0) {

@@ -12,6 +12,9 @@ namespace {
 // players, and there is nobody to ask when it does not.
 class DesktopAccessibilityTrust final : public AccessibilityTrust {
  public:
+  explicit DesktopAccessibilityTrust(std::shared_ptr<LogSink> logs)
+      : logger_(std::move(logs), "MediaKeys") {}
+
   bool isTrusted() override { return !currentEventPoster()->unreachableReason(); }
 
   void prompt() override {
@@ -21,7 +24,7 @@ class DesktopAccessibilityTrust final : public AccessibilityTrust {
   }
 
  private:
-  Logger logger_{"MediaKeys"};
+  Logger logger_;
 };
 
 std::shared_ptr<AccessibilityTrust>& trustSlot() {
@@ -32,7 +35,7 @@ std::shared_ptr<AccessibilityTrust>& trustSlot() {
 AccessibilityTrust& currentTrust() {
   auto& trust = trustSlot();
   if (!trust) {
-    trust = std::make_shared<DesktopAccessibilityTrust>();
+    trust = makeDesktopAccessibilityTrust(std::make_shared<StderrLogSink>());
   }
   return *trust;
 }
@@ -42,6 +45,10 @@ AccessibilityTrust& currentTrust() {
 std::shared_ptr<AccessibilityTrust> installAccessibilityTrust(
     std::shared_ptr<AccessibilityTrust> trust) {
   return std::exchange(trustSlot(), std::move(trust));
+}
+
+std::shared_ptr<AccessibilityTrust> makeDesktopAccessibilityTrust(std::shared_ptr<LogSink> logs) {
+  return std::make_shared<DesktopAccessibilityTrust>(std::move(logs));
 }
 
 bool AXIsProcessTrusted() {

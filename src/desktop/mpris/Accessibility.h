@@ -4,6 +4,8 @@
 
 namespace quellix {
 
+class LogSink;
+
 // What decides whether this process may post key events, and asks the user when it may not.
 class AccessibilityTrust {
  public:
@@ -12,9 +14,13 @@ class AccessibilityTrust {
   virtual void prompt() = 0;
 };
 
-// The trust every caller asks; nullptr puts the desktop's own back. Returns the previous one.
+// The trust every caller asks; nullptr puts the desktop's own back, logging to standard error.
+// Returns the previous one.
 std::shared_ptr<AccessibilityTrust> installAccessibilityTrust(
     std::shared_ptr<AccessibilityTrust> trust);
+
+// The desktop's own trust: whether the media players can be reached, logging why not to `logs`.
+std::shared_ptr<AccessibilityTrust> makeDesktopAccessibilityTrust(std::shared_ptr<LogSink> logs);
 
 struct AXTrustOptions {
   bool prompt = false;  // AXTrustedCheckOptionPrompt

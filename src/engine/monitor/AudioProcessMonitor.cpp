@@ -62,12 +62,19 @@ const RunningApplication* RunningApplications::find(pid_t pid) {
 }
 
 std::shared_ptr<AudioProcessMonitor> AudioProcessMonitor::create(
-    MainQueue& queue, std::shared_ptr<Workspace> workspace) {
-  return std::shared_ptr<AudioProcessMonitor>(new AudioProcessMonitor(queue, std::move(workspace)));
+    MainQueue& queue, AudioHardware& hardware, std::shared_ptr<Workspace> workspace,
+    std::shared_ptr<LogSink> logs) {
+  return std::shared_ptr<AudioProcessMonitor>(
+      new AudioProcessMonitor(queue, hardware, std::move(workspace), std::move(logs)));
 }
 
-AudioProcessMonitor::AudioProcessMonitor(MainQueue& queue, std::shared_ptr<Workspace> workspace)
-    : queue_(queue), workspace_(std::move(workspace)) {}
+AudioProcessMonitor::AudioProcessMonitor(MainQueue& queue, AudioHardware& hardware,
+                                         std::shared_ptr<Workspace> workspace,
+                                         std::shared_ptr<LogSink> logs)
+    : queue_(queue),
+      hardware_(hardware),
+      workspace_(std::move(workspace)),
+      logger_(std::move(logs), "AudioProcessMonitor") {}
 
 AudioObjectPropertyListenerBlock AudioProcessMonitor::makeRefreshListener() {
   return makeListenerBlock(
@@ -85,8 +92,8 @@ void AudioProcessMonitor::start() {
     return;
   }
   auto listener = makeRefreshListener();
-  const OSStatus status = AudioObjectAddPropertyListenerBlock(kAudioObjectSystemObject,
-                                                              &listAddress_, &queue_, listener);
+  const OSStatus status = hardware_.AudioObjectAddPropertyListenerBlock(
+      kAudioObjectSystemObject, &listAddress_, &queue_, listener);
   if (status != kAudioHardwareNoError) {
     logger_.error("Process-list listener failed: " + std::to_string(status));
   } else {
@@ -100,7 +107,7 @@ void AudioProcessMonitor::start() {
 void AudioProcessMonitor::refresh() {
   std::vector<AudioObjectID> processList;
   try {
-    processList = readProcessList();
+    processList = readProcessList(hardware_);
   } catch (const TextError& error) {
     logger_.error("readProcessList failed: " + error.description());
     return;
@@ -113,11 +120,11 @@ void AudioProcessMonitor::refresh() {
   for (const AudioObjectID object : processList) {
     SInt32 pid = 0;
     try {
-      pid = read<SInt32>(object, globalAddress(kAudioProcessPropertyPID), 0);
+      pid = read<SInt32>(hardware_, object, globalAddress(kAudioProcessPropertyPID), 0);
       if (pid < 0 || pid == ownPID) {
         continue;
       }
-      if (read<UInt32>(object, globalAddress(kAudioProcessPropertyIsRunning), 0) != 1) {
+      if (read<UInt32>(hardware_, object, globalAddress(kAudioProcessPropertyIsRunning), 0) != 1) {
         continue;
       }
     } catch (const TextError&) {
@@ -125,13 +132,13 @@ void AudioProcessMonitor::refresh() {
     }
     const auto owner = resolveOwningApp(pid, runningByPID);
     const pid_t ownerPID = owner ? owner->pid : pid;
-    const auto ownBundleID = readProcessBundleID(object);
+    const auto ownBundleID = readProcessBundleID(hardware_, object);
     const auto bundleID = owner && owner->bundleIdentifier ? owner->bundleIdentifier : ownBundleID;
 
     std::string name;
     if (owner && owner->localizedName) {
       name = *owner->localizedName;
-    } else if (auto streamsName = readProcessApplicationName(object)) {
+    } else if (auto streamsName = readProcessApplicationName(hardware_, object)) {
       // Without a desktop entry the streams' name is the one the user knows: paplay, say,
       // runs as the executable pacat.
       name = std::move(*streamsName);
@@ -147,8 +154,8 @@ void AudioProcessMonitor::refresh() {
     }
     bool playing = false;
     try {
-      playing =
-          read<std::int64_t>(object, globalAddress(kAudioProcessPropertyIsRunningOutput), 0) == 1;
+      playing = read<std::int64_t>(hardware_, object,
+                                   globalAddress(kAudioProcessPropertyIsRunningOutput), 0) == 1;
     } catch (const TextError&) {
     }
 
@@ -206,7 +213,7 @@ void AudioProcessMonitor::syncListeners(const std::vector<AudioObjectID>& proces
       continue;
     }
     for (const auto& [address, listener] : it->second) {
-      AudioObjectRemovePropertyListenerBlock(it->first, &address, &queue_, listener);
+      hardware_.AudioObjectRemovePropertyListenerBlock(it->first, &address, &queue_, listener);
     }
     it = processListeners_.erase(it);
   }
@@ -223,7 +230,7 @@ void AudioProcessMonitor::addListeners(AudioObjectID object) {
        {kAudioProcessPropertyIsRunning, kAudioProcessPropertyIsRunningOutput}) {
     const auto address = globalAddress(selector);
     auto listener = makeRefreshListener();
-    if (AudioObjectAddPropertyListenerBlock(object, &address, &queue_, listener) ==
+    if (hardware_.AudioObjectAddPropertyListenerBlock(object, &address, &queue_, listener) ==
         kAudioHardwareNoError) {
       kept.emplace_back(address, std::move(listener));
     }

@@ -69,8 +69,9 @@ class AudioProcessMonitor : public std::enable_shared_from_this<AudioProcessMoni
   static const std::array<const char*, 7> hiddenProcessNames;
   static const std::array<const char*, 15> hiddenBundlePrefixes;
 
-  static std::shared_ptr<AudioProcessMonitor> create(MainQueue& queue,
-                                                     std::shared_ptr<Workspace> workspace);
+  static std::shared_ptr<AudioProcessMonitor> create(MainQueue& queue, AudioHardware& hardware,
+                                                     std::shared_ptr<Workspace> workspace,
+                                                     std::shared_ptr<LogSink> logs);
 
   const Observable<std::vector<AudioApp>>& apps() const { return apps_; }
   void setOnChange(std::function<void(const std::vector<AudioApp>&)> onChange) {
@@ -85,16 +86,18 @@ class AudioProcessMonitor : public std::enable_shared_from_this<AudioProcessMoni
   static bool isHidden(const std::optional<std::string>& bundleID, const std::string& name);
 
  private:
-  AudioProcessMonitor(MainQueue& queue, std::shared_ptr<Workspace> workspace);
+  AudioProcessMonitor(MainQueue& queue, AudioHardware& hardware,
+                      std::shared_ptr<Workspace> workspace, std::shared_ptr<LogSink> logs);
   AudioObjectPropertyListenerBlock makeRefreshListener();
   void syncListeners(const std::vector<AudioObjectID>& processObjectIDs);
   void addListeners(AudioObjectID object);
 
   MainQueue& queue_;
+  AudioHardware& hardware_;
   std::shared_ptr<Workspace> workspace_;
   Observable<std::vector<AudioApp>> apps_;
   std::function<void(const std::vector<AudioApp>&)> onChange_;
-  Logger logger_{"AudioProcessMonitor"};
+  Logger logger_;
   AudioObjectPropertyAddress listAddress_{kAudioHardwarePropertyProcessObjectList,
                                           kAudioObjectPropertyScopeGlobal,
                                           kAudioObjectPropertyElementMain};

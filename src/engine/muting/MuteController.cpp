@@ -31,11 +31,14 @@ double secondsBetween(WallClock::TimePoint from, WallClock::TimePoint to) {
 
 }  // namespace
 
-std::shared_ptr<MuteController> MuteController::create(MainQueue& queue, DefaultsStore& defaults,
-                                                       const WallClock& clock) {
-  std::shared_ptr<MuteController> controller(new MuteController(defaults, clock));
+std::shared_ptr<MuteController> MuteController::create(MainQueue& queue, AudioHardware& hardware,
+                                                       DefaultsStore& defaults,
+                                                       const WallClock& clock,
+                                                       std::shared_ptr<LogSink> logs) {
+  std::shared_ptr<MuteController> controller(
+      new MuteController(hardware, defaults, clock, std::move(logs)));
   controller->load();
-  ProcessMuteTap::sweepOrphans();
+  ProcessMuteTap::sweepOrphans(hardware, controller->logger_.sink());
   auto listener = makeListenerBlock([weak = std::weak_ptr<MuteController>(controller), &queue](
                                         UInt32, const AudioObjectPropertyAddress*) {
     queue.post([weak] {
@@ -44,16 +47,20 @@ std::shared_ptr<MuteController> MuteController::create(MainQueue& queue, Default
       }
     });
   });
-  if (AudioObjectAddPropertyListenerBlock(kAudioObjectSystemObject,
-                                          &controller->defaultOutputAddress_, &queue,
-                                          listener) == kAudioHardwareNoError) {
+  if (hardware.AudioObjectAddPropertyListenerBlock(kAudioObjectSystemObject,
+                                                   &controller->defaultOutputAddress_, &queue,
+                                                   listener) == kAudioHardwareNoError) {
     controller->deviceListener_ = std::move(listener);
   }
   return controller;
 }
 
-MuteController::MuteController(DefaultsStore& defaults, const WallClock& clock)
-    : defaults_(defaults), clock_(clock) {}
+MuteController::MuteController(AudioHardware& hardware, DefaultsStore& defaults,
+                               const WallClock& clock, std::shared_ptr<LogSink> logs)
+    : hardware_(hardware),
+      defaults_(defaults),
+      clock_(clock),
+      logger_(std::move(logs), "MuteController") {}
 
 MuteController::~MuteController() {
   // A quit is no crash: the streams go back now rather than being left for the guard, which
@@ -215,7 +222,8 @@ void MuteController::reconcile(const std::vector<AudioApp>& apps) {
     }
     std::unique_ptr<ProcessMuteTap> tap;
     try {
-      tap = std::make_unique<ProcessMuteTap>(app.name, app.processObjectIDs, effectiveGain(key));
+      tap = std::make_unique<ProcessMuteTap>(hardware_, app.name, app.processObjectIDs,
+                                             effectiveGain(key), logger_.sink());
     } catch (const std::exception& error) {
       logger_.error("Tap für " + app.name + " fehlgeschlagen: " + errorDescription(error));
       continue;

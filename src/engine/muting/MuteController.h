@@ -26,10 +26,11 @@ class MuteController : public std::enable_shared_from_this<MuteController> {
 
   // Loads the preferences, removes aggregate devices an earlier run left behind, and follows
   // the default output device.
-  static std::shared_ptr<MuteController> create(MainQueue& queue, DefaultsStore& defaults,
-                                                const WallClock& clock);
+  static std::shared_ptr<MuteController> create(MainQueue& queue, AudioHardware& hardware,
+                                                DefaultsStore& defaults, const WallClock& clock,
+                                                std::shared_ptr<LogSink> logs);
   // Takes every tap down: each application plays on its own device again before the program
-  // goes. Needs the audio backend still installed.
+  // goes. Needs the audio hardware it was given still there.
   ~MuteController();
   MuteController(const MuteController&) = delete;
   MuteController& operator=(const MuteController&) = delete;
@@ -53,7 +54,8 @@ class MuteController : public std::enable_shared_from_this<MuteController> {
   double statsMutedSeconds() const { return statsMutedSeconds_.get(); }
 
  private:
-  MuteController(DefaultsStore& defaults, const WallClock& clock);
+  MuteController(AudioHardware& hardware, DefaultsStore& defaults, const WallClock& clock,
+                 std::shared_ptr<LogSink> logs);
   void load();
   void persist();
   void accumulateMuteTime(const std::string& key);
@@ -62,6 +64,7 @@ class MuteController : public std::enable_shared_from_this<MuteController> {
   void rebuildAllTaps();
   void forgetTap(const std::string& key);
 
+  AudioHardware& hardware_;
   DefaultsStore& defaults_;
   const WallClock& clock_;
   Observable<std::set<std::string>> mutedKeys_;
@@ -78,7 +81,7 @@ class MuteController : public std::enable_shared_from_this<MuteController> {
   AudioObjectPropertyAddress defaultOutputAddress_{kAudioHardwarePropertyDefaultOutputDevice,
                                                    kAudioObjectPropertyScopeGlobal,
                                                    kAudioObjectPropertyElementMain};
-  Logger logger_{"MuteController"};
+  Logger logger_;
 };
 
 }  // namespace quellix

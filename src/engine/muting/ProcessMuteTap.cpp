@@ -9,6 +9,7 @@ namespace quellix {
 namespace {
 
 constexpr const char* kObjectNamePrefix = "Quellix-";
+constexpr const char* kLogCategory = "ProcessMuteTap";
 
 std::string failure(const char* call, OSStatus status) {
   return std::string(call) + " failed: " + statusString(status);
@@ -36,9 +37,13 @@ CFDictionary aggregateDescription(const std::string& name, const std::string& ui
 const std::string ProcessMuteTap::kAggregateUIDPrefix =
     std::string(build::kBundleIdentifier) + ".agg.";
 
-ProcessMuteTap::ProcessMuteTap(std::string label, std::vector<AudioObjectID> processObjectIDs,
-                               float gain)
-    : label_(std::move(label)), renderer_(TapRenderer::create(gain)) {
+ProcessMuteTap::ProcessMuteTap(AudioHardware& hardware, std::string label,
+                               std::vector<AudioObjectID> processObjectIDs, float gain,
+                               std::shared_ptr<LogSink> logs)
+    : hardware_(hardware),
+      label_(std::move(label)),
+      renderer_(TapRenderer::create(gain)),
+      logger_(std::move(logs), kLogCategory) {
   const std::size_t processCount = processObjectIDs.size();
   auto description = CATapDescription::stereoMixdownOfProcesses(std::move(processObjectIDs));
   description.setUUID(Uuid::random());
@@ -47,7 +52,7 @@ ProcessMuteTap::ProcessMuteTap(std::string label, std::vector<AudioObjectID> pro
   description.setMuteBehavior(CATapMuted);
 
   AudioObjectID tap = kAudioObjectUnknown;
-  OSStatus status = AudioHardwareCreateProcessTap(&description, &tap);
+  OSStatus status = hardware_.AudioHardwareCreateProcessTap(&description, &tap);
   if (status != kAudioHardwareNoError) {
     throw TextError("AudioHardwareCreateProcessTap failed for " + label_ + ": " +
                     statusString(status) + " (" +
@@ -56,14 +61,15 @@ ProcessMuteTap::ProcessMuteTap(std::string label, std::vector<AudioObjectID> pro
   tapID_ = tap;
 
   try {
-    const auto outputDevice = read<UInt32>(
-        kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), 0);
+    const auto outputDevice =
+        read<UInt32>(hardware_, kAudioObjectSystemObject,
+                     globalAddress(kAudioHardwarePropertyDefaultOutputDevice), 0);
     const CFString outputUID =
-        read(outputDevice, globalAddress(kAudioDevicePropertyDeviceUID), CFString());
+        read(hardware_, outputDevice, globalAddress(kAudioDevicePropertyDeviceUID), CFString());
     const std::string tapUUID = description.UUID().uuidString();
 
     AudioObjectID aggregate = kAudioObjectUnknown;
-    status = AudioHardwareCreateAggregateDevice(
+    status = hardware_.AudioHardwareCreateAggregateDevice(
         aggregateDescription(kObjectNamePrefix + label_, kAggregateUIDPrefix + tapUUID,
                              outputUID.str(), tapUUID),
         &aggregate);
@@ -73,14 +79,14 @@ ProcessMuteTap::ProcessMuteTap(std::string label, std::vector<AudioObjectID> pro
     aggregateID_ = aggregate;
 
     AudioDeviceIOProcID ioProc = nullptr;
-    status = AudioDeviceCreateIOProcIDWithBlock(&ioProc, aggregateID_, nullptr,
-                                                renderer_->makeIOBlock());
+    status = hardware_.AudioDeviceCreateIOProcIDWithBlock(&ioProc, aggregateID_, nullptr,
+                                                          renderer_->makeIOBlock());
     if (status != kAudioHardwareNoError) {
       throw TextError(failure("AudioDeviceCreateIOProcIDWithBlock", status));
     }
     ioProcID_ = ioProc;
 
-    status = AudioDeviceStart(aggregateID_, ioProc);
+    status = hardware_.AudioDeviceStart(aggregateID_, ioProc);
     if (status != kAudioHardwareNoError) {
       throw TextError(failure("AudioDeviceStart", status));
     }
@@ -109,12 +115,14 @@ float ProcessMuteTap::gain() const {
 void ProcessMuteTap::logFormat() const {
   // Best effort: a tap that runs is a success even when its format cannot be read.
   try {
-    const auto format =
-        read(tapID_, globalAddress(kAudioTapPropertyFormat), AudioStreamBasicDescription{});
-    const auto outputDevice = read<UInt32>(
-        kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), 0);
-    const auto outputRate = read(outputDevice, globalAddress(kAudioDevicePropertyNominalSampleRate),
-                                 std::optional<Float64>(0.0));
+    const auto format = read(hardware_, tapID_, globalAddress(kAudioTapPropertyFormat),
+                             AudioStreamBasicDescription{});
+    const auto outputDevice =
+        read<UInt32>(hardware_, kAudioObjectSystemObject,
+                     globalAddress(kAudioHardwarePropertyDefaultOutputDevice), 0);
+    const auto outputRate =
+        read(hardware_, outputDevice, globalAddress(kAudioDevicePropertyNominalSampleRate),
+             std::optional<Float64>(0.0));
     if (outputRate) {
       logger_.info("Tap-Format: " + formatFixed(format.mSampleRate) + " Hz / " +
                    std::to_string(format.mChannelsPerFrame) +
@@ -136,24 +144,24 @@ void ProcessMuteTap::teardown() {
   // A failing call never stops the next one, and identifiers are cleared regardless.
   if (aggregateID_ != kAudioObjectUnknown) {
     if (ioProcID_) {
-      OSStatus status = AudioDeviceStop(aggregateID_, *ioProcID_);
+      OSStatus status = hardware_.AudioDeviceStop(aggregateID_, *ioProcID_);
       if (status != kAudioHardwareNoError) {
         logger_.error("AudioDeviceStop: " + statusString(status));
       }
-      status = AudioDeviceDestroyIOProcID(aggregateID_, *ioProcID_);
+      status = hardware_.AudioDeviceDestroyIOProcID(aggregateID_, *ioProcID_);
       if (status != kAudioHardwareNoError) {
         logger_.error("AudioDeviceDestroyIOProcID: " + statusString(status));
       }
       ioProcID_.reset();
     }
-    const OSStatus status = AudioHardwareDestroyAggregateDevice(aggregateID_);
+    const OSStatus status = hardware_.AudioHardwareDestroyAggregateDevice(aggregateID_);
     if (status != kAudioHardwareNoError) {
       logger_.error("AudioHardwareDestroyAggregateDevice: " + statusString(status));
     }
     aggregateID_ = kAudioObjectUnknown;
   }
   if (tapID_ != kAudioObjectUnknown) {
-    const OSStatus status = AudioHardwareDestroyProcessTap(tapID_);
+    const OSStatus status = hardware_.AudioHardwareDestroyProcessTap(tapID_);
     if (status != kAudioHardwareNoError) {
       logger_.error("AudioHardwareDestroyProcessTap: " + statusString(status));
     }
@@ -161,23 +169,23 @@ void ProcessMuteTap::teardown() {
   }
 }
 
-void ProcessMuteTap::sweepOrphans() {
+void ProcessMuteTap::sweepOrphans(AudioHardware& hardware, std::shared_ptr<LogSink> logs) {
   std::vector<AudioObjectID> devices;
   try {
-    devices = readDeviceList();
+    devices = readDeviceList(hardware);
   } catch (const TextError&) {
     return;
   }
-  const Logger logger("ProcessMuteTap");
+  const Logger logger(std::move(logs), kLogCategory);
   for (const AudioObjectID device : devices) {
     std::string uid;
     try {
-      uid = read(device, globalAddress(kAudioDevicePropertyDeviceUID), CFString()).str();
+      uid = read(hardware, device, globalAddress(kAudioDevicePropertyDeviceUID), CFString()).str();
     } catch (const TextError&) {
       continue;
     }
     if (uid.rfind(kAggregateUIDPrefix, 0) == 0) {
-      const OSStatus status = AudioHardwareDestroyAggregateDevice(device);
+      const OSStatus status = hardware.AudioHardwareDestroyAggregateDevice(device);
       logger.error("Orphan-Aggregate " + uid + " entfernt (Status " + statusString(status) + ")");
     }
   }

@@ -23,7 +23,9 @@ class ProcessMuteTap {
 
   // Builds and starts the tap, the aggregate device and the IO procedure. Throws TextError and
   // leaves nothing behind when any step fails.
-  ProcessMuteTap(std::string label, std::vector<AudioObjectID> processObjectIDs, float gain);
+  ProcessMuteTap(AudioHardware& hardware, std::string label,
+                 std::vector<AudioObjectID> processObjectIDs, float gain,
+                 std::shared_ptr<LogSink> logs);
   ~ProcessMuteTap();
   ProcessMuteTap(const ProcessMuteTap&) = delete;
   ProcessMuteTap& operator=(const ProcessMuteTap&) = delete;
@@ -40,18 +42,19 @@ class ProcessMuteTap {
   const std::string& label() const { return label_; }
 
   // Removes aggregate devices an earlier run left behind.
-  static void sweepOrphans();
+  static void sweepOrphans(AudioHardware& hardware, std::shared_ptr<LogSink> logs);
 
  private:
   void teardown();
   void logFormat() const;
 
+  AudioHardware& hardware_;
   std::string label_;
   AudioObjectID tapID_ = kAudioObjectUnknown;
   AudioObjectID aggregateID_ = kAudioObjectUnknown;
   std::optional<AudioDeviceIOProcID> ioProcID_;
   std::shared_ptr<TapRenderer> renderer_;
-  Logger logger_{"ProcessMuteTap"};
+  Logger logger_;
 };
 
 }  // namespace quellix

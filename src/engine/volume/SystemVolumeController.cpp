@@ -17,19 +17,23 @@ constexpr UInt32 kMutedValue = 1;
 
 }  // namespace
 
-std::shared_ptr<SystemVolumeController> SystemVolumeController::create(MainQueue& queue) {
-  std::shared_ptr<SystemVolumeController> controller(new SystemVolumeController(queue));
+std::shared_ptr<SystemVolumeController> SystemVolumeController::create(
+    MainQueue& queue, AudioHardware& hardware, std::shared_ptr<LogSink> logs) {
+  std::shared_ptr<SystemVolumeController> controller(
+      new SystemVolumeController(queue, hardware, std::move(logs)));
   auto listener = controller->makeListener(&SystemVolumeController::attachToDefaultDevice);
-  if (AudioObjectAddPropertyListenerBlock(kAudioObjectSystemObject,
-                                          &controller->defaultDeviceAddress_, &queue,
-                                          listener) == kAudioHardwareNoError) {
+  if (hardware.AudioObjectAddPropertyListenerBlock(kAudioObjectSystemObject,
+                                                   &controller->defaultDeviceAddress_, &queue,
+                                                   listener) == kAudioHardwareNoError) {
     controller->defaultDeviceListener_ = std::move(listener);
   }
   controller->attachToDefaultDevice();
   return controller;
 }
 
-SystemVolumeController::SystemVolumeController(MainQueue& queue) : queue_(queue) {}
+SystemVolumeController::SystemVolumeController(MainQueue& queue, AudioHardware& hardware,
+                                               std::shared_ptr<LogSink> logs)
+    : queue_(queue), hardware_(hardware), logger_(std::move(logs), "SystemVolume") {}
 
 AudioObjectPropertyListenerBlock SystemVolumeController::makeListener(
     void (SystemVolumeController::*action)()) {
@@ -46,13 +50,14 @@ AudioObjectPropertyListenerBlock SystemVolumeController::makeListener(
 
 void SystemVolumeController::attachToDefaultDevice() {
   for (const auto& [address, listener] : deviceListeners_) {
-    AudioObjectRemovePropertyListenerBlock(deviceID_, &address, &queue_, listener);
+    hardware_.AudioObjectRemovePropertyListenerBlock(deviceID_, &address, &queue_, listener);
   }
   deviceListeners_.clear();
 
   AudioObjectID device = kAudioObjectUnknown;
   try {
-    device = read<UInt32>(kAudioObjectSystemObject, defaultDeviceAddress_, kAudioObjectUnknown);
+    device = read<UInt32>(hardware_, kAudioObjectSystemObject, defaultDeviceAddress_,
+                          kAudioObjectUnknown);
   } catch (const TextError&) {
     device = kAudioObjectUnknown;
   }
@@ -61,10 +66,10 @@ void SystemVolumeController::attachToDefaultDevice() {
     isAdjustable_.set(false);
     return;
   }
-  isAdjustable_.set(AudioObjectHasProperty(deviceID_, &kVolumeAddress));
+  isAdjustable_.set(hardware_.AudioObjectHasProperty(deviceID_, &kVolumeAddress));
   for (const auto& address : {kVolumeAddress, kMuteAddress}) {
     auto listener = makeListener(&SystemVolumeController::refresh);
-    if (AudioObjectAddPropertyListenerBlock(deviceID_, &address, &queue_, listener) ==
+    if (hardware_.AudioObjectAddPropertyListenerBlock(deviceID_, &address, &queue_, listener) ==
         kAudioHardwareNoError) {
       deviceListeners_.emplace_back(address, std::move(listener));
     }
@@ -77,11 +82,11 @@ void SystemVolumeController::refresh() {
     return;
   }
   try {
-    volume_.set(static_cast<double>(read<Float32>(deviceID_, kVolumeAddress, 0.0f)));
+    volume_.set(static_cast<double>(read<Float32>(hardware_, deviceID_, kVolumeAddress, 0.0f)));
   } catch (const TextError&) {
   }
   try {
-    isMuted_.set(read<UInt32>(deviceID_, kMuteAddress, 0) == kMutedValue);
+    isMuted_.set(read<UInt32>(hardware_, deviceID_, kMuteAddress, 0) == kMutedValue);
   } catch (const TextError&) {
   }
 }
@@ -92,7 +97,7 @@ void SystemVolumeController::setVolume(double volume) {
   }
   const auto clamped = static_cast<Float32>(volume > 1.0 ? 1.0 : (volume > 0.0 ? volume : 0.0));
   try {
-    write(deviceID_, kVolumeAddress, clamped);
+    write(hardware_, deviceID_, kVolumeAddress, clamped);
   } catch (const TextError& error) {
     logger_.error("setVolume: " + error.description());
     return;
@@ -108,7 +113,7 @@ void SystemVolumeController::setMuted(bool muted) {
     return;
   }
   try {
-    write<UInt32>(deviceID_, kMuteAddress, muted ? kMutedValue : 0);
+    write<UInt32>(hardware_, deviceID_, kMuteAddress, muted ? kMutedValue : 0);
   } catch (const TextError& error) {
     logger_.error("setMuted: " + error.description());
     return;

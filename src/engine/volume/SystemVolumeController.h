@@ -17,7 +17,8 @@ class MainQueue;
 class SystemVolumeController : public std::enable_shared_from_this<SystemVolumeController> {
  public:
   // Registers for default-output changes and attaches to the current default output.
-  static std::shared_ptr<SystemVolumeController> create(MainQueue& queue);
+  static std::shared_ptr<SystemVolumeController> create(MainQueue& queue, AudioHardware& hardware,
+                                                        std::shared_ptr<LogSink> logs);
 
   const Observable<double>& volume() const { return volume_; }
   const Observable<bool>& isMuted() const { return isMuted_; }
@@ -31,10 +32,11 @@ class SystemVolumeController : public std::enable_shared_from_this<SystemVolumeC
   void refresh();
 
  private:
-  explicit SystemVolumeController(MainQueue& queue);
+  SystemVolumeController(MainQueue& queue, AudioHardware& hardware, std::shared_ptr<LogSink> logs);
   AudioObjectPropertyListenerBlock makeListener(void (SystemVolumeController::*action)());
 
   MainQueue& queue_;
+  AudioHardware& hardware_;
   Observable<double> volume_{0.0};
   Observable<bool> isMuted_{false};
   Observable<bool> isAdjustable_{true};
@@ -45,7 +47,7 @@ class SystemVolumeController : public std::enable_shared_from_this<SystemVolumeC
   AudioObjectPropertyAddress defaultDeviceAddress_{kAudioHardwarePropertyDefaultOutputDevice,
                                                    kAudioObjectPropertyScopeGlobal,
                                                    kAudioObjectPropertyElementMain};
-  Logger logger_{"SystemVolume"};
+  Logger logger_;
 };
 
 }  // namespace quellix
