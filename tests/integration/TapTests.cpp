@@ -186,7 +186,7 @@ TEST_P(TapTest, TheSweepRemovesAggregatesWithOurPrefix) {
   ASSERT_EQ(entries.size(), 1u);
   EXPECT_EQ(entries[0].level, LogLevel::error);
   EXPECT_TRUE(eventually([&] {
-    const auto devices = readDeviceList();
+    const auto devices = readDeviceList(*hardware);
     return std::find(devices.begin(), devices.end(), tap->aggregateID()) == devices.end();
   }));
   tap->invalidate();

@@ -331,8 +331,7 @@ TEST(TrayItemDeathTest, WithoutASessionBusTheItemSaysWhyAndHasNoHost) {
       {
         ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
         const auto sink = std::make_shared<CapturingLogSink>();
-        Logger::installSink(sink);
-        TrayItem item(std::make_shared<StderrLogSink>());
+        TrayItem item(sink);
         const bool said = sink->messages("TrayItem").size() == 1;
         std::exit(said && !item.isHostAvailable() && item.serviceName().isEmpty() ? 0 : 1);
       },
