@@ -9,16 +9,6 @@
 #include "harness/FakeSystem.h"
 #include "harness/TestSupport.h"
 
-// The responsibility function the monitor finds among the program's symbols. Linux has none;
-// this test program defines one so the rule can be exercised.
-namespace {
-std::map<pid_t, pid_t> responsiblePIDs;
-}
-extern "C" pid_t responsibility_get_pid_responsible_for_pid(pid_t pid) {
-  const auto found = responsiblePIDs.find(pid);
-  return found == responsiblePIDs.end() ? 0 : found->second;
-}
-
 namespace quellix {
 namespace {
 
@@ -27,11 +17,6 @@ using testing::FakeSystem;
 
 class AudioProcessMonitorTest : public testing::SimTest {
  protected:
-  void SetUp() override {
-    SimTest::SetUp();
-    responsiblePIDs.clear();
-  }
-
   std::shared_ptr<AudioProcessMonitor> makeMonitor() {
     auto monitor = AudioProcessMonitor::create(queue, std::make_shared<Workspace>(system.roots()));
     monitor->setOnChange([this](const std::vector<AudioApp>& apps) { changes.push_back(apps); });
@@ -55,8 +40,7 @@ TEST_F(AudioProcessMonitorTest, GroupsHelperProcessesUnderTheOwningApplication) 
   system.addProcess({.pid = 100, .executable = "browser"});
   system.addProcess({.pid = 101, .parent = 100, .executable = "renderer"});
   system.addProcess({.pid = 102, .parent = 101, .executable = "audio-helper"});
-  system.addProcess({.pid = 300, .parent = 1, .executable = "xpc-service"});
-  responsiblePIDs[300] = 100;  // started by the system, but on the browser's behalf
+  system.addProcess({.pid = 300, .parent = 100, .executable = "audio-service"});
   const AudioObjectID helper = sim->addProcess({.pid = 102, .runningOutput = false});
   const AudioObjectID service = sim->addProcess({.pid = 300, .runningOutput = true});
   const AudioObjectID idle =
@@ -93,12 +77,6 @@ TEST_F(AudioProcessMonitorTest, ResolvesOwnersByTheRulesInOrder) {
   };
   EXPECT_EQ(owner(200), 200) << "a proper application owns itself";
   EXPECT_EQ(owner(202), 200) << "nearest ancestor";
-  responsiblePIDs[202] = 210;
-  EXPECT_EQ(owner(202), 210) << "the responsible process wins over the parent chain";
-  responsiblePIDs[202] = 202;
-  EXPECT_EQ(owner(202), 200) << "its own PID falls through to the walk";
-  responsiblePIDs[202] = 0;
-  EXPECT_EQ(owner(202), 200);
   EXPECT_EQ(owner(220), -1) << "started by the system launcher";
   EXPECT_EQ(owner(0), -1);
   EXPECT_EQ(owner(1), -1);

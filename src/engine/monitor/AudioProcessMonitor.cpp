@@ -8,7 +8,6 @@
 
 #include "audio/CoreAudioSupport.h"
 #include "desktop/apps/LocalizedCompare.h"
-#include "desktop/apps/ProcessResponsibility.h"
 
 namespace quellix {
 namespace {
@@ -237,14 +236,6 @@ std::optional<RunningApplication> AudioProcessMonitor::resolveOwningApp(
   };
   if (const auto* direct = proper(pid)) {
     return *direct;
-  }
-  if (const auto responsible = lookupResponsibilityFunction()) {
-    const pid_t owner = responsible(pid);
-    if (owner >= 1 && owner != pid) {
-      if (const auto* application = proper(owner)) {
-        return *application;
-      }
-    }
   }
   if (pid < 2) {
     return std::nullopt;
