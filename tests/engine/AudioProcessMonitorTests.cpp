@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 
 #include "audio/CoreAudioSupport.h"
@@ -89,28 +90,41 @@ TEST_F(AudioProcessMonitorTest, ResolvesOwnersByTheRulesInOrder) {
   EXPECT_FALSE(monitor->resolveOwningApp(5, fixed));
 }
 
-TEST_F(AudioProcessMonitorTest, HiddenFilterMatchesItsCaseRules) {
+TEST_F(AudioProcessMonitorTest, TheSoundServerQuellixAndOtherVolumeControlsAreNoRows) {
   struct Case {
-    std::optional<std::string> bundleID;
-    std::string name;
-    bool hidden;
+    const char* what;
+    pid_t pid;
+    std::string executable;  // empty: unreadable, the kernel's short name counts
+    std::string comm;
+    std::string bundleID;
+    bool listed;
   };
   const Case cases[] = {
-      {"com.apple.audio.Helper", "x", true},
-      {"com.apple.audiofoo", "x", true},
-      {"com.apple.Music", "Music", false},
-      {"COM.APPLE.SIRI", "x", false},
-      {"com.apple.Siri", "x", true},
-      {"com.apple.NotificationCenter", "x", true},
-      {std::nullopt, "CoreAudiod-Helper", true},
-      {std::nullopt, "coreaudiodX", true},
-      {"org.example", "SystemSoundServer", true},
-      {std::nullopt, "audio", false},
-      {std::nullopt, "xcoreaudiod", false},
+      {"PipeWire", 700, "pipewire", "pipewire", "", false},
+      {"PipeWire's pulse server, a link to it", 701, "pipewire", "pipewire-pulse", "", false},
+      {"the session manager", 702, "wireplumber", "wireplumber", "", false},
+      {"a system-wide PulseAudio", 703, "", "pulseaudio", "", false},
+      {"pavucontrol", 704, "pavucontrol", "pavucontrol", "org.PulseAudio.pavucontrol", false},
+      {"pwvucontrol", 705, "pwvucontrol", "pwvucontrol", "", false},
+      {"a panel metering under the mixers' id", 706, "plasmashell", "plasmashell",
+       "org.PulseAudio.pavucontrol", false},
+      {"GNOME's level meters", 707, "gnome-shell", "gnome-shell", "org.gnome.VolumeControl", false},
+      {"Quellix itself", ::getpid(), "quellix", "quellix", "", false},
+      {"a panel playing a sound", 708, "plasmashell", "plasmashell", "org.kde.plasmashell", true},
+      {"a player named like the server", 709, "pipewire-player", "pipewire-player", "", true},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(AudioProcessMonitor::isHidden(c.bundleID, c.name), c.hidden)
-        << c.bundleID.value_or("-") << " / " << c.name;
+  for (const Case& c : cases) {
+    system.addProcess({.pid = c.pid, .executable = c.executable, .comm = c.comm});
+    sim->addProcess({.pid = c.pid, .bundleID = c.bundleID});
+  }
+  auto monitor = makeMonitor();
+  monitor->refresh();
+  std::vector<pid_t> listed;
+  for (const AudioApp& app : monitor->apps().get()) {
+    listed.push_back(app.id);
+  }
+  for (const Case& c : cases) {
+    EXPECT_EQ(std::count(listed.begin(), listed.end(), c.pid), c.listed ? 1 : 0) << c.what;
   }
 }
 
@@ -123,7 +137,6 @@ TEST_F(AudioProcessMonitorTest, NamesFallBackDownToTheProcessID) {
   sim->addProcess({.pid = 401, .bundleID = "org.example.Suffix"});
   sim->addProcess({.pid = 402});
   sim->addProcess({.pid = 403});  // no /proc entry at all
-  sim->addProcess({.pid = ::getpid()});
   auto monitor = makeMonitor();
   monitor->refresh();
   const auto& apps = monitor->apps().get();
