@@ -5,6 +5,7 @@
 
 #include "app/PanelHost.h"
 #include "audio/BackendSelection.h"
+#include "desktop/mpris/MprisPlayers.h"
 #include "desktop/runtime/HttpClient.h"
 #include "desktop/runtime/QtMainQueue.h"
 #include "desktop/runtime/SingleInstance.h"
@@ -152,10 +153,12 @@ int QuellixApp::run(int argc, char** argv) {
 
   DefaultsStore defaults(DefaultsStore::standardPath(), queue);
   SystemWallClock clock;
+  MprisPlayers mediaPlayers;
   QuellixApp scene({
       .queue = queue,
       .defaults = defaults,
       .clock = clock,
+      .mediaPlayers = mediaPlayers,
       .workspace = std::make_shared<Workspace>(Workspace::systemRoots()),
       .loginItem = makeLoginItem(),
       .http = makeQtHttpClient(),

@@ -3,6 +3,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,16 @@ class FakeHttpClient final : public HttpClient {
   std::deque<std::function<void(Reply)>> pending;
 };
 
+// Media players that keep the keys sent to them; reachable unless the test gives a reason.
+class FakeMediaPlayers final : public MediaPlayers {
+ public:
+  void send(MediaKey key) override { sent.push_back(key); }
+  std::optional<std::string> unreachableReason() const override { return reason; }
+
+  std::vector<MediaKey> sent;
+  std::optional<std::string> reason;
+};
+
 // An auxiliary window that only counts what is done to it.
 class FakeWindow final : public AuxiliaryWindow {
  public:
@@ -88,6 +99,7 @@ class AppStateTest : public SimTest {
         .queue = queue,
         .defaults = *defaults,
         .clock = clock,
+        .mediaPlayers = mediaPlayers,
         .workspace = std::make_shared<Workspace>(system.roots()),
         .loginItem = loginItem,
         .http = http,
@@ -123,6 +135,7 @@ class AppStateTest : public SimTest {
   FakeSystem system;
   TemporaryDirectory directory;
   ManualWallClock clock;
+  FakeMediaPlayers mediaPlayers;
   std::unique_ptr<DefaultsStore> defaults;
   std::shared_ptr<FakeLoginItem> loginItem = std::make_shared<FakeLoginItem>();
   std::shared_ptr<FakeHttpClient> http = std::make_shared<FakeHttpClient>();
