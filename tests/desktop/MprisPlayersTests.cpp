@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <QCoreApplication>
-
 #include "support/Logger.h"
 
 namespace quellix {
@@ -101,12 +99,6 @@ TEST(MprisPlayerStateTest, APlayerIsOnlyAskedForWhatItSaysItCanDo) {
 }
 
 TEST(MprisPlayersTest, WithoutABusEveryPressOnlySaysWhyInTheLog) {
-  if (QCoreApplication::instance() == nullptr) {
-    static int argc = 1;
-    static char name[] = "mpris-players-tests";
-    static char* argv[] = {name, nullptr};
-    new QCoreApplication(argc, argv);
-  }
   MprisPlayers players(QStringLiteral("unix:path=/nonexistent/quellix-test-bus"));
   const auto reason = players.unreachableReason();
   ASSERT_TRUE(reason);
