@@ -13,102 +13,7 @@ using Call = SimAudioBackend::Call;
 
 class SpikeRunnerTest : public testing::SimTest {
  protected:
-  std::string logFile() const {
-    std::ifstream file(context.logFile);
-    return std::string(std::istreambuf_iterator<char>(file), {});
-  }
-
-  testing::TemporaryDirectory directory;
-  SpikeRunner::Context context{directory.path() / "spike.log", queue};
-};
-
-TEST_F(SpikeRunnerTest, TheLogFileIsCreatedOnFirstUseAndOnlyAppendedTo) {
-  SpikeRunner::log(context, "first");
-  SpikeRunner::log(context, "zweite Zeile — ü");
-  EXPECT_EQ(logFile(), "first\nzweite Zeile — ü\n");
-  EXPECT_EQ(logs->messages("Spike"), (std::vector<std::string>{"first", "zweite Zeile — ü"}));
-}
-
-TEST_F(SpikeRunnerTest, AnUnwritableLogFileLosesTheLineOnlyThere) {
-  SpikeRunner::Context nowhere{directory.path() / "missing-dir" / "x" / "spike.log", queue};
-  std::filesystem::create_directories(directory.path() / "missing-dir");
-  std::ofstream(directory.path() / "missing-dir" / "x") << "a file, not a folder";
-  SpikeRunner::log(nowhere, "still logged");
-  EXPECT_EQ(logs->messages("Spike"), std::vector<std::string>{"still logged"});
-}
-
-TEST_F(SpikeRunnerTest, TapListReportsCountAndIdentifiers) {
-  EXPECT_EQ(SpikeRunner::taps(context), 0);
-  const AudioObjectID a = sim->addProcess({.pid = 1});
-  AudioObjectID tapA = 0;
-  AudioObjectID tapB = 0;
-  auto description = CATapDescription::stereoMixdownOfProcesses({a});
-  ASSERT_EQ(AudioHardwareCreateProcessTap(&description, &tapA), 0);
-  ASSERT_EQ(AudioHardwareCreateProcessTap(&description, &tapB), 0);
-  EXPECT_EQ(SpikeRunner::taps(context), 0);
-  EXPECT_EQ(logFile(), "Taps im System: 0 []\nTaps im System: 2 [" + std::to_string(tapA) + ", " +
-                           std::to_string(tapB) + "]\n");
-}
-
-TEST_F(SpikeRunnerTest, TapListFailuresEndWithStatusOne) {
-  sim->failProperty(1, kAudioHardwarePropertyTapList, Call::getPropertyDataSize, -10);
-  EXPECT_EQ(SpikeRunner::taps(context), 1);
-  sim->clearFaults();
-  sim->failProperty(1, kAudioHardwarePropertyTapList, Call::getPropertyData,
-                    kAudioHardwareNotRunningError);
-  EXPECT_EQ(SpikeRunner::taps(context), 1);
-  EXPECT_EQ(logFile(), "TapList size error: -10\nTapList read error: 1937010544\n");
-}
-
-}  // namespace
-}  // namespace quellix
-
-namespace quellix {
-namespace {
-
-class VolumeSetTest : public testing::SimTest {
- protected:
-  testing::TemporaryDirectory directory;
-  SpikeRunner::Context context{directory.path() / "spike.log", queue};
-};
-
-TEST_F(VolumeSetTest, SetsTheDefaultOutputAndReportsTruncatedPercentages) {
-  const AudioObjectID device = addDefaultOutput();
-  sim->setDeviceVolume(device, 0.499f);
-  EXPECT_EQ(SpikeRunner::setVolume(context, "30"), 0);
-  EXPECT_FLOAT_EQ(sim->device(device)->volume, 0.3f);
-  EXPECT_EQ(SpikeRunner::setVolume(context, "100"), 0);
-  EXPECT_EQ(SpikeRunner::setVolume(context, "0"), 0);
-  EXPECT_EQ(logs->messages("Spike"),
-            (std::vector<std::string>{"Volume: 49 % → 30 % (adjustable=true)",
-                                      "Volume: 30 % → 100 % (adjustable=true)",
-                                      "Volume: 100 % → 0 % (adjustable=true)"}));
-}
-
-TEST_F(VolumeSetTest, RejectsWhatIsNotANumberFromZeroToHundred) {
-  addDefaultOutput();
-  for (const char* bad : {"100.5", "-1", " 5", "abc", "nan", "", "5 "}) {
-    EXPECT_EQ(SpikeRunner::setVolume(context, bad), 1) << bad;
-  }
-  EXPECT_EQ(sim->callCount(SimAudioBackend::Call::setPropertyData), 0u);
-  EXPECT_EQ(logs->messages("Spike"), std::vector<std::string>(7, "--volset erwartet 0–100"));
-}
-
-TEST_F(VolumeSetTest, WithoutADefaultOutputItStillEndsWithStatusZero) {
-  EXPECT_EQ(SpikeRunner::setVolume(context, "50"), 0);
-  EXPECT_EQ(logs->messages("Spike"),
-            std::vector<std::string>{"Volume: 0 % → 0 % (adjustable=false)"});
-}
-
-}  // namespace
-}  // namespace quellix
-
-namespace quellix {
-namespace {
-
-class ListModeTest : public testing::SimTest {
- protected:
-  std::vector<std::string> logLines() {
+  std::vector<std::string> logLines() const {
     std::ifstream file(context.logFile);
     std::vector<std::string> lines;
     for (std::string line; std::getline(file, line);) {
@@ -122,28 +27,73 @@ class ListModeTest : public testing::SimTest {
                                Workspace::Roots{.proc = directory.path() / "no-proc"}};
 };
 
-TEST_F(ListModeTest, LogsHeaderApplicationsAndTotal) {
+TEST_F(SpikeRunnerTest, TheLogFileIsOnlyAppendedToAndAnUnwritableOneLosesTheLineOnlyThere) {
+  SpikeRunner::log(context, "first");
+  SpikeRunner::log(context, "zweite Zeile — ü");
+  EXPECT_EQ(logLines(), (std::vector<std::string>{"first", "zweite Zeile — ü"}));
+
+  std::ofstream(directory.path() / "x") << "a file, not a folder";
+  SpikeRunner::log({directory.path() / "x" / "spike.log", queue}, "still logged");
+  EXPECT_EQ(logs->messages("Spike"),
+            (std::vector<std::string>{"first", "zweite Zeile — ü", "still logged"}));
+}
+
+TEST_F(SpikeRunnerTest, TapListReportsCountAndIdentifiersAndEndsWithStatusOneOnFailure) {
+  EXPECT_EQ(SpikeRunner::taps(context), 0);
+  const AudioObjectID a = sim->addProcess({.pid = 1});
+  AudioObjectID tapA = 0;
+  AudioObjectID tapB = 0;
+  auto description = CATapDescription::stereoMixdownOfProcesses({a});
+  ASSERT_EQ(AudioHardwareCreateProcessTap(&description, &tapA), 0);
+  ASSERT_EQ(AudioHardwareCreateProcessTap(&description, &tapB), 0);
+  EXPECT_EQ(SpikeRunner::taps(context), 0);
+  sim->failProperty(1, kAudioHardwarePropertyTapList, Call::getPropertyDataSize, -10);
+  EXPECT_EQ(SpikeRunner::taps(context), 1);
+  sim->clearFaults();
+  sim->failProperty(1, kAudioHardwarePropertyTapList, Call::getPropertyData,
+                    kAudioHardwareNotRunningError);
+  EXPECT_EQ(SpikeRunner::taps(context), 1);
+  EXPECT_EQ(logLines(), (std::vector<std::string>{
+                            "Taps im System: 0 []",
+                            "Taps im System: 2 [" + std::to_string(tapA) + ", " +
+                                std::to_string(tapB) + "]",
+                            "TapList size error: -10", "TapList read error: 1937010544"}));
+}
+
+TEST_F(SpikeRunnerTest, VolumeSetTakesZeroToHundredAndReportsTruncatedPercentages) {
+  EXPECT_EQ(SpikeRunner::setVolume(context, "50"), 0) << "no default output is no failure";
+  const AudioObjectID device = addDefaultOutput();
+  for (const char* bad : {"100.5", "-1", " 5", "abc", "nan", "", "5 "}) {
+    EXPECT_EQ(SpikeRunner::setVolume(context, bad), 1) << bad;
+  }
+  EXPECT_EQ(sim->callCount(Call::setPropertyData), 0u);
+  sim->setDeviceVolume(device, 0.499f);
+  EXPECT_EQ(SpikeRunner::setVolume(context, "30"), 0);
+  EXPECT_FLOAT_EQ(sim->device(device)->volume, 0.3f);
+  EXPECT_EQ(SpikeRunner::setVolume(context, "100"), 0);
+  std::vector<std::string> expected = {"Volume: 0 % → 0 % (adjustable=false)"};
+  expected.insert(expected.end(), 7, "--volset erwartet 0–100");
+  expected.push_back("Volume: 49 % → 30 % (adjustable=true)");
+  expected.push_back("Volume: 30 % → 100 % (adjustable=true)");
+  EXPECT_EQ(logs->messages("Spike"), expected);
+}
+
+TEST_F(SpikeRunnerTest, ListLogsHeaderApplicationsAndTotalAndSucceedsOnAnUnreadableSystem) {
   const AudioObjectID first = sim->addProcess({.pid = 71, .bundleID = "org.example.Zeta"});
   const AudioObjectID second = sim->addProcess({.pid = 72, .runningOutput = false});
   EXPECT_EQ(SpikeRunner::list(context), 0);
+  sim->failCall(Call::getPropertyDataSize, -1);
+  EXPECT_EQ(SpikeRunner::list(context), 0);
   const auto lines = logLines();
-  ASSERT_EQ(lines.size(), 4u);
+  ASSERT_EQ(lines.size(), 6u);
   EXPECT_EQ(lines[0].rfind("=== Quellix List @ ", 0), 0u);
-  EXPECT_EQ(lines[0].size(), std::string("=== Quellix List @ 2026-11-22 20:19:46 +0000").size());
-  EXPECT_TRUE(lines[0].ends_with(" +0000"));
+  EXPECT_TRUE(lines[0].ends_with(" +0000")) << lines[0];
   EXPECT_EQ(lines[1],
             "  Prozess 72 [-] pid=72 objects=[" + std::to_string(second) + "] playing=false");
   EXPECT_EQ(lines[2], "  Zeta [org.example.Zeta] pid=71 objects=[" + std::to_string(first) +
                           "] playing=true");
   EXPECT_EQ(lines[3], "Gesamt: 2 App(s)");
-}
-
-TEST_F(ListModeTest, AnEmptyOrUnreadableSystemListsNothingAndSucceeds) {
-  sim->failCall(SimAudioBackend::Call::getPropertyDataSize, -1);
-  EXPECT_EQ(SpikeRunner::list(context), 0);
-  const auto lines = logLines();
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[1], "Gesamt: 0 App(s)");
+  EXPECT_EQ(lines[5], "Gesamt: 0 App(s)");
 }
 
 }  // namespace

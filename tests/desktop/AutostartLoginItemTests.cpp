@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 
 #include "desktop/apps/DesktopEntries.h"
 #include "harness/TestSupport.h"
@@ -66,7 +67,7 @@ class AutostartLoginItemTest : public ::testing::Test {
   AutostartLoginItem item = itemFor(program);
 };
 
-TEST_F(AutostartLoginItemTest, RegisteringWritesAValidEntryThatStartsThisProgram) {
+TEST_F(AutostartLoginItemTest, RegisteringWritesAValidEntryAndUnregisteringRemovesOrHidesIt) {
   EXPECT_EQ(item.status(), LoginItemStatus::notRegistered);
   item.registerItem();
   EXPECT_EQ(item.userEntry(), userEntry);
@@ -86,6 +87,16 @@ TEST_F(AutostartLoginItemTest, RegisteringWritesAValidEntryThatStartsThisProgram
   EXPECT_FALSE(std::filesystem::exists(userEntry));
   EXPECT_EQ(item.status(), LoginItemStatus::notRegistered);
   item.unregisterItem();  // nothing left to remove is no failure
+
+  // A system-wide entry is hidden by one of the user's, which registering replaces.
+  writeFile(systemEntry, entryStarting(program));
+  EXPECT_EQ(item.status(), LoginItemStatus::enabled);
+  item.unregisterItem();
+  EXPECT_EQ(item.status(), LoginItemStatus::notRegistered);
+  EXPECT_EQ(readDesktopEntryGroup(userEntry)->at("Hidden"), "true");
+  EXPECT_TRUE(std::filesystem::exists(systemEntry));
+  item.registerItem();
+  EXPECT_EQ(item.status(), LoginItemStatus::enabled);
 }
 
 TEST_F(AutostartLoginItemTest, IsEnabledOnlyByAVisibleEntryThatStartsThisProgram) {
@@ -141,51 +152,37 @@ TEST_F(AutostartLoginItemTest, AProgramNamedWithoutAFolderIsFoundOnThePath) {
   ::setenv("PATH", savedPath.c_str(), 1);
 }
 
-TEST_F(AutostartLoginItemTest, UnregisteringHidesASystemWideEntry) {
-  writeFile(systemEntry, entryStarting(program));
-  EXPECT_EQ(item.status(), LoginItemStatus::enabled);
-  item.unregisterItem();
-  EXPECT_EQ(item.status(), LoginItemStatus::notRegistered);
-  const auto values = readDesktopEntryGroup(userEntry);
-  ASSERT_TRUE(values);
-  EXPECT_EQ(values->at("Hidden"), "true");
-  EXPECT_TRUE(std::filesystem::exists(systemEntry));
-
-  item.registerItem();
-  EXPECT_EQ(item.status(), LoginItemStatus::enabled) << "registering replaces the hiding entry";
-}
-
-// Tests run as root, for whom file modes stop no write. A user's configuration folder that is
-// a plain file makes the autostart folder impossible to create for anyone.
-TEST_F(AutostartLoginItemTest, AnUnwritableFolderFailsWithAClearTextAndChangesNothing) {
-  writeFile(systemEntry, entryStarting(program));
-  writeFile(configHome, "not a folder");
-  ASSERT_EQ(item.status(), LoginItemStatus::enabled);
-
-  for (const auto& change :
-       {&AutostartLoginItem::registerItem, &AutostartLoginItem::unregisterItem}) {
+// Tests run as root, for whom file modes stop no write: a configuration folder that is a
+// plain file, or a folder where the entry should be, stops anyone.
+TEST_F(AutostartLoginItemTest, AChangeThatCannotBeWrittenFailsNamingTheEntryAndChangesNothing) {
+  const auto blockedConfig = [&] {
+    writeFile(systemEntry, entryStarting(program));
+    writeFile(configHome, "not a folder");
+  };
+  struct Case {
+    const char* what;
+    std::function<void()> arrange;
+    void (AutostartLoginItem::*change)();
+  };
+  const Case cases[] = {
+      {"write below a file", blockedConfig, &AutostartLoginItem::registerItem},
+      {"hide below a file", blockedConfig, &AutostartLoginItem::unregisterItem},
+      {"remove a folder", [&] { std::filesystem::create_directories(userEntry / "in-the-way"); },
+       &AutostartLoginItem::unregisterItem},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::filesystem::remove_all(root.path());
+    c.arrange();
+    const LoginItemStatus before = item.status();
     try {
-      (item.*change)();
+      (item.*c.change)();
       ADD_FAILURE() << "no failure";
     } catch (const TextError& error) {
-      EXPECT_EQ(error.description(),
-                "Could not write the autostart entry " + userEntry.string() + ": Not a directory");
+      EXPECT_NE(error.description().find(userEntry.string() + ": "), std::string::npos)
+          << error.description();
     }
-    EXPECT_EQ(item.status(), LoginItemStatus::enabled);
-  }
-  EXPECT_EQ(readFile(configHome), "not a folder");
-}
-
-TEST_F(AutostartLoginItemTest, AnEntryThatCannotBeRemovedFailsWithAClearText) {
-  std::filesystem::create_directories(userEntry / "in-the-way");
-  try {
-    item.unregisterItem();
-    ADD_FAILURE() << "no failure";
-  } catch (const TextError& error) {
-    EXPECT_EQ(error.description().rfind(
-                  "Could not remove the autostart entry " + userEntry.string() + ": ", 0),
-              0u)
-        << error.description();
+    EXPECT_EQ(item.status(), before);
   }
 }
 

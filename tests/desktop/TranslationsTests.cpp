@@ -53,26 +53,6 @@ INSTANTIATE_TEST_SUITE_P(
                       std::make_tuple(QStringList{"C"}, QString(), kGermanText),
                       std::make_tuple(QStringList{}, QString(), kGermanText)));
 
-TEST(TranslationsTextTest, EveryEnglishTextOfTheMoveReplacesItsGermanOne) {
-  static int argc = 1;
-  static char name[] = "translations-tests";
-  static char* argv[] = {name, nullptr};
-  if (QCoreApplication::instance() == nullptr) {
-    static QCoreApplication application(argc, argv);
-  }
-  ASSERT_EQ(installTranslations(*QCoreApplication::instance(), {"en-US"}), "en");
-  for (const char* german :
-       {"Quellix in den Programme-Ordner verschieben?", "Verschieben und starten", "Später",
-        "Verschieben fehlgeschlagen", "Bitte zieh Quellix manuell in den Programme-Ordner."}) {
-    const QString shown = QCoreApplication::translate(kContext, german);
-    EXPECT_NE(shown, QString::fromUtf8(german));
-    EXPECT_FALSE(shown.isEmpty());
-  }
-  for (QTranslator* translator : QCoreApplication::instance()->findChildren<QTranslator*>()) {
-    delete translator;
-  }
-}
-
 [[noreturn]] void reportInstalledLanguage() {
   int argc = 1;
   char name[] = "translations-tests";

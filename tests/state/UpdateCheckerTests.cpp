@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <deque>
-
-#include "harness/TestSupport.h"
+#include "harness/AppStateFixture.h"
 #include "support/BuildInfo.h"
 #include "support/TextError.h"
 
@@ -71,40 +69,6 @@ TEST(UpdateCheckerFeed, TakesTheVersionTextAndNothingElse) {
   }
 }
 
-TEST(UpdateCheckerAddresses, LeadToTheWebHost) {
-  EXPECT_EQ(UpdateChecker::downloadPage(),
-            "https://" + std::string(build::kWebHost) +
-                "/apps/quellix?utm_source=quellix&utm_medium=update");
-}
-
-// Keeps every request until the test answers it.
-class FakeHttpClient final : public HttpClient {
- public:
-  struct Request {
-    std::string url;
-    Duration timeout;
-    std::function<void(Reply)> done;
-  };
-
-  void get(const std::string& url, Duration timeout, std::function<void(Reply)> done) override {
-    requests.push_back(url);
-    timeouts.push_back(timeout);
-    pending.push_back(std::move(done));
-  }
-
-  void answer(Reply reply) {
-    ASSERT_FALSE(pending.empty());
-    auto done = std::move(pending.front());
-    pending.pop_front();
-    done(std::move(reply));
-  }
-  void answer(const std::string& body) { answer(Reply{.body = body}); }
-
-  std::vector<std::string> requests;
-  std::vector<Duration> timeouts;
-  std::deque<std::function<void(Reply)>> pending;
-};
-
 class UpdateCheckerTest : public ::testing::Test {
  protected:
   void SetUp() override { previousSink = Logger::installSink(logs); }
@@ -115,8 +79,8 @@ class UpdateCheckerTest : public ::testing::Test {
     Logger::installSink(previousSink);
   }
 
-  std::string feedWith(const std::string& version) {
-    return R"({"version": ")" + version + R"("})";
+  void answer(const std::string& version) {
+    http->answer({.body = R"({"version": ")" + version + R"("})"});
   }
   const std::string defaultFeed =
       "https://" + std::string(build::kWebHost) + "/downloads/quellix-version.json";
@@ -126,23 +90,15 @@ class UpdateCheckerTest : public ::testing::Test {
   TemporaryDirectory home;
   DefaultsStore defaults{home.path() / "preferences.json"};
   ManualQueue queue;
-  std::shared_ptr<FakeHttpClient> http = std::make_shared<FakeHttpClient>();
+  std::shared_ptr<testing::FakeHttpClient> http = std::make_shared<testing::FakeHttpClient>();
   std::shared_ptr<UpdateChecker> checker = UpdateChecker::create(queue, defaults, http);
 };
-
-TEST_F(UpdateCheckerTest, TheFirstCheckWaitsForTheQueue) {
-  checker->start();
-  EXPECT_TRUE(http->requests.empty());
-  queue.drain();
-  EXPECT_EQ(http->requests, std::vector<std::string>{defaultFeed});
-  EXPECT_EQ(http->timeouts, std::vector<Duration>{UpdateChecker::kRequestTimeout});
-}
 
 TEST_F(UpdateCheckerTest, TheNextCheckIsADayAfterThePreviousOneEnded) {
   checker->start();
   queue.drain();
   queue.advance(hours(1));
-  http->answer(feedWith("0"));
+  answer("0");
 
   queue.advance(hours(23));
   EXPECT_EQ(http->requests.size(), 1u) << "a day after the check began is too early";
@@ -156,42 +112,33 @@ TEST_F(UpdateCheckerTest, TheNextCheckIsADayAfterThePreviousOneEnded) {
   EXPECT_EQ(http->requests.size(), 3u) << "a failed check does not end the loop";
 }
 
-TEST_F(UpdateCheckerTest, ASecondStartStartsNothing) {
+TEST_F(UpdateCheckerTest, TheFirstCheckWaitsForTheQueueAndASecondStartStartsNothing) {
   checker->start();
   checker->start();
+  EXPECT_TRUE(http->requests.empty());
   queue.drain();
   checker->start();
   queue.drain();
-  EXPECT_EQ(http->requests.size(), 1u);
-  http->answer(feedWith("0"));
+  EXPECT_EQ(http->requests, std::vector<std::string>{defaultFeed});
+  answer("0");
   checker->start();
   queue.advance(hours(24));
   EXPECT_EQ(http->requests.size(), 2u);
   EXPECT_EQ(queue.pendingTimers(), 0u) << "only one loop waits";
 }
 
-TEST_F(UpdateCheckerTest, ACheckerGoneBetweenChecksIsLeftAlone) {
-  checker->start();
-  queue.drain();
-  http->answer(feedWith("0"));
-  std::weak_ptr<UpdateChecker> gone = checker;
-  checker.reset();
-  EXPECT_TRUE(gone.expired()) << "the loop holds the checker only weakly";
-  queue.advance(hours(72));
-  EXPECT_EQ(http->requests.size(), 1u);
-}
-
-TEST_F(UpdateCheckerTest, ACheckUnderwayKeepsTheCheckerAliveToItsEnd) {
+// The loop holds the checker only weakly; a check under way holds it to its end.
+TEST_F(UpdateCheckerTest, ACheckerGoneEndsItsLoopAfterTheCheckUnderWay) {
   checker->start();
   queue.drain();
   std::weak_ptr<UpdateChecker> held = checker;
   checker.reset();
   EXPECT_FALSE(held.expired());
-  http->answer(feedWith("99"));
-  EXPECT_EQ(logs->messages("UpdateChecker"),
-            std::vector<std::string>{
-                "Update verfügbar: 99 (installiert: " + std::string(build::kVersion) + ")"});
+  answer("99");
+  EXPECT_EQ(logs->messages("UpdateChecker").size(), 1u) << "the answer is still taken";
   EXPECT_TRUE(held.expired());
+  queue.advance(hours(72));
+  EXPECT_EQ(http->requests.size(), 1u);
 }
 
 TEST_F(UpdateCheckerTest, TheFeedAddressIsReadAtEveryCheckAndOnlyAValidOneIsUsed) {
@@ -212,7 +159,7 @@ TEST_F(UpdateCheckerTest, TheFeedAddressIsReadAtEveryCheckAndOnlyAValidOneIsUsed
     queue.advance(UpdateChecker::kCheckInterval);
     ASSERT_FALSE(http->requests.empty());
     EXPECT_EQ(http->requests.back(), used);
-    http->answer(feedWith("0"));
+    answer("0");
   }
   defaults.set("updateFeedURL", 42);
   queue.advance(UpdateChecker::kCheckInterval);
@@ -220,25 +167,6 @@ TEST_F(UpdateCheckerTest, TheFeedAddressIsReadAtEveryCheckAndOnlyAValidOneIsUsed
   EXPECT_TRUE(logs->messages("UpdateChecker").empty()) << "an unusable setting is silently ignored";
   EXPECT_EQ(logs->messages("Defaults").size(), 1u)
       << "a mistyped preference is the store's to report";
-}
-
-TEST_F(UpdateCheckerTest, AnAvailableVersionIsSetAndClearedOnlyOnChange) {
-  checker->start();
-  queue.drain();
-  int changes = 0;
-  auto subscription = checker->availableVersion().observe([&] { ++changes; });
-  http->answer(feedWith("99.0"));
-  queue.advance(UpdateChecker::kCheckInterval);
-  http->answer(feedWith("99.0"));
-  EXPECT_EQ(checker->availableVersion().get(), "99.0");
-  EXPECT_EQ(changes, 1);
-  EXPECT_EQ(logs->messages().size(), 2u) << "every check that finds it says so";
-  queue.advance(UpdateChecker::kCheckInterval);
-  http->answer(feedWith(build::kVersion));
-  queue.advance(UpdateChecker::kCheckInterval);
-  http->answer(feedWith("0.1"));
-  EXPECT_EQ(checker->availableVersion().get(), std::nullopt);
-  EXPECT_EQ(changes, 2);
 }
 
 }  // namespace

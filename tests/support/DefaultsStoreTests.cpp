@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <functional>
 #include <random>
 #include <set>
 
@@ -13,24 +14,34 @@
 namespace quellix {
 namespace {
 
+namespace fs = std::filesystem;
 using testing::TemporaryDirectory;
 
-void writeFile(const std::filesystem::path& path, const std::string& contents) {
-  std::filesystem::create_directories(path.parent_path());
+void writeFile(const fs::path& path, const std::string& contents) {
+  fs::create_directories(path.parent_path());
   std::ofstream(path) << contents;
 }
 
-std::string readFile(const std::filesystem::path& path) {
+std::string readFile(const fs::path& path) {
   std::ifstream file(path);
   return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
-std::vector<std::filesystem::path> filesIn(const std::filesystem::path& directory) {
-  std::vector<std::filesystem::path> files;
-  for (const auto& entry : std::filesystem::directory_iterator(directory)) {
-    files.push_back(entry.path());
+std::set<fs::path> filesIn(const fs::path& directory) {
+  std::set<fs::path> files;
+  for (const auto& entry : fs::directory_iterator(directory)) {
+    files.insert(entry.path());
   }
   return files;
+}
+
+std::string randomBytes(std::size_t size) {
+  static std::mt19937 random(21);
+  std::string bytes(size, '\0');
+  for (auto& byte : bytes) {
+    byte = static_cast<char>(random());
+  }
+  return bytes;
 }
 
 class DefaultsStoreTest : public ::testing::Test {
@@ -39,7 +50,7 @@ class DefaultsStoreTest : public ::testing::Test {
   void TearDown() override { Logger::installSink(previous); }
 
   TemporaryDirectory directory;
-  std::filesystem::path path = directory.path() / "quellix" / "preferences.json";
+  fs::path path = directory.path() / "quellix" / "preferences.json";
   std::shared_ptr<CapturingLogSink> logs = std::make_shared<CapturingLogSink>();
   std::shared_ptr<LogSink> previous;
 };
@@ -48,9 +59,12 @@ TEST_F(DefaultsStoreTest, WritesSurviveARestart) {
   {
     DefaultsStore store(path);
     store.set("mutedBundleIDs", {"a.app", "b.app"});
-    store.set("stats.muteCount", 3);
+    for (int count = 0; count <= 3; ++count) {
+      store.set("stats.muteCount", count);
+    }
     store.set("onboardingCompleted", true);
   }
+  EXPECT_EQ(filesIn(path.parent_path()), std::set<fs::path>{path}) << "no temporary file left";
   DefaultsStore reloaded(path);
   EXPECT_EQ(reloaded.stringArray("mutedBundleIDs"), (std::vector<std::string>{"a.app", "b.app"}));
   EXPECT_EQ(reloaded.integer("stats.muteCount"), 3);
@@ -59,8 +73,11 @@ TEST_F(DefaultsStoreTest, WritesSurviveARestart) {
 }
 
 TEST_F(DefaultsStoreTest, TypedReadsConvertLikeADefaultsDatabase) {
+  // Brackets inside a text do not count as nesting.
   writeFile(path, R"({"int": 7, "float": 2.5, "text": "12", "bad": "x", "flag": 1,
-                      "list": ["a", 1], "dict": {"a": 0.5}})");
+                      "list": ["a", 1], "dict": {"a": 0.5}, "no": "no", "yes": "YES",
+                      "zero": 0, "one": "1", "name": ")" +
+                      std::string(100, '[') + R"(\""})");
   DefaultsStore store(path);
   EXPECT_EQ(store.integer("int"), 7);
   EXPECT_EQ(store.integer("float"), 2);
@@ -75,130 +92,82 @@ TEST_F(DefaultsStoreTest, TypedReadsConvertLikeADefaultsDatabase) {
   EXPECT_FALSE(store.dictionary("list").has_value());
   EXPECT_EQ(store.string("text"), "12");
   EXPECT_FALSE(store.string("int").has_value());
+  EXPECT_EQ(std::vector<bool>({store.boolean("no"), store.boolean("yes"), store.boolean("zero"),
+                               store.boolean("one")}),
+            std::vector<bool>({false, true, false, true}));
+  EXPECT_EQ(store.string("name")->size(), 101u);
 }
 
+// Whatever lies at the path, a start yields defaults, one error line naming the file, and the
+// user's file moved next to the new one untouched, never over an earlier bad one.
 TEST_F(DefaultsStoreTest, ACorruptFileYieldsDefaultsAndIsKeptAside) {
-  for (const std::string contents : {"{\"mutedBundleIDs\": [", "[1, 2]", "\xFF\xFE"}) {
-    std::filesystem::remove_all(path.parent_path());
-    writeFile(path, contents);
+  const auto write = [&](std::string contents) {
+    return [&path = path, contents] { writeFile(path, contents); };
+  };
+  struct Case {
+    const char* what;
+    std::function<void()> arrange;
+    const char* reason;
+  };
+  const Case cases[] = {
+      {"cut off", write("{\"mutedBundleIDs\": ["), "not valid JSON"},
+      {"not an object", write("[1, 2]"), "JSON object"},
+      {"not UTF-8", write("\xFF\xFE"), "not valid JSON"},
+      {"seven random bytes", write(randomBytes(7)), "not valid JSON"},
+      {"70000 random bytes", write(randomBytes(70000)), "not valid JSON"},
+      {"one byte over the limit", write(std::string(DefaultsStore::kMaxFileSize, ' ') + "{}"),
+       "larger than"},
+      {"sparse 50 MiB",
+       [&] {
+         writeFile(path, R"({"stats.muteCount": 3, "padding": ")");
+         fs::resize_file(path, 50 * 1024 * 1024);
+       },
+       "larger than"},
+      // Valid JSON, and yet enough to overflow the stack of a recursive copy or write.
+      {"deep nesting",
+       write("{\"a\": " + std::string(200000, '[') + std::string(200000, ']') + "}"),
+       "nests deeper"},
+      {"a folder", [&] { fs::create_directories(path / "inside"); }, "not a regular file"},
+      {"a pipe", [&] { ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); }, "not a regular file"},
+  };
+  fs::create_directories(path.parent_path());
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    c.arrange();
+    const fs::file_type type = fs::status(path).type();
+    // Small files are compared whole, large ones by size.
+    const auto size = type == fs::file_type::regular ? fs::file_size(path) : 0;
+    const bool whole = type == fs::file_type::regular && size < 100000;
+    const std::string contents = whole ? readFile(path) : "";
+    const auto before = filesIn(path.parent_path());
     logs->clear();
-    DefaultsStore store(path);
-    EXPECT_FALSE(store.object("mutedBundleIDs"));
-    ASSERT_EQ(logs->entries().size(), 1u) << contents;
-    EXPECT_EQ(logs->entries()[0].level, LogLevel::error);
-
-    store.set("stats.muteCount", 1);
-    const auto files = filesIn(path.parent_path());
-    ASSERT_EQ(files.size(), 2u);
-    for (const auto& file : files) {
-      if (file != path) {
-        EXPECT_EQ(readFile(file), contents) << "the user's file is kept as it was";
-      }
+    {
+      DefaultsStore store(path);
+      EXPECT_EQ(store.integer("stats.muteCount"), 0);
+      EXPECT_FALSE(store.stringArray("mutedBundleIDs").has_value());
+      const auto lines = logs->messages("Defaults");
+      ASSERT_EQ(lines.size(), 1u);
+      EXPECT_EQ(lines[0].rfind("Preferences " + path.string() + " ignored because ", 0), 0u);
+      EXPECT_NE(lines[0].find(c.reason), std::string::npos) << lines[0];
+      EXPECT_NE(lines[0].find("; kept as " + path.string() + ".corrupt-"), std::string::npos);
+      EXPECT_FALSE(fs::exists(path)) << "moved, not copied";
+      store.set("stats.muteCount", 1);
     }
-  }
-}
-
-// What a bad start must leave: defaults, one error line naming the file and the reason, and
-// the user's file next to the new one, untouched.
-void expectKeptAside(const DefaultsStore& store, const CapturingLogSink& logs,
-                     const std::filesystem::path& path, const std::string& reason) {
-  EXPECT_EQ(store.integer("stats.muteCount"), 0);
-  EXPECT_FALSE(store.stringArray("mutedBundleIDs").has_value());
-  const auto lines = logs.messages("Defaults");
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].rfind("Preferences " + path.string() + " ignored because " + reason, 0), 0u)
-      << lines[0];
-  EXPECT_NE(lines[0].find("; kept as " + path.string() + ".corrupt-"), std::string::npos)
-      << lines[0];
-  EXPECT_FALSE(std::filesystem::exists(path)) << "moved, not copied";
-}
-
-std::filesystem::path onlyAsideFile(const std::filesystem::path& path) {
-  std::vector<std::filesystem::path> aside;
-  for (const auto& file : filesIn(path.parent_path())) {
-    if (file != path) {
-      aside.push_back(file);
-    }
-  }
-  EXPECT_EQ(aside.size(), 1u);
-  return aside.empty() ? std::filesystem::path() : aside[0];
-}
-
-TEST_F(DefaultsStoreTest, RandomBytesYieldDefaultsAndAreKeptAsTheyWere) {
-  std::mt19937 random(21);
-  for (const std::size_t size : {1u, 7u, 300u, 70000u}) {
-    std::filesystem::remove_all(path.parent_path());
-    std::string bytes(size, '\0');
-    for (auto& byte : bytes) {
-      byte = static_cast<char>(random());
-    }
-    writeFile(path, bytes);
-    logs->clear();
-    DefaultsStore store(path);
-    expectKeptAside(store, *logs, path, "it is not valid JSON");
-    store.set("stats.muteCount", 1);
-    EXPECT_EQ(readFile(onlyAsideFile(path)), bytes);
     EXPECT_EQ(DefaultsStore(path).integer("stats.muteCount"), 1);
+    auto after = filesIn(path.parent_path());
+    for (const fs::path& earlier : before) {
+      EXPECT_EQ(after.erase(earlier), 1u) << earlier;
+    }
+    after.erase(path);
+    ASSERT_EQ(after.size(), 1u);
+    const fs::path aside = *after.begin();
+    EXPECT_EQ(fs::status(aside).type(), type);
+    if (type == fs::file_type::regular) {
+      EXPECT_EQ(fs::file_size(aside), size);
+      EXPECT_EQ(whole ? readFile(aside) : "", contents);
+    }
+    fs::remove(path);
   }
-}
-
-TEST_F(DefaultsStoreTest, AnOversizedFileIsNotReadButKeptAside) {
-  constexpr std::uintmax_t kSize = 50 * 1024 * 1024;
-  writeFile(path, R"({"stats.muteCount": 3, "padding": ")");
-  std::filesystem::resize_file(path, kSize);  // sparse: quick to make, large to read
-  DefaultsStore store(path);
-  expectKeptAside(store, *logs, path, "it is larger than 1024 KiB");
-  EXPECT_EQ(std::filesystem::file_size(onlyAsideFile(path)), kSize);
-
-  std::filesystem::remove_all(path.parent_path());
-  writeFile(path, std::string(DefaultsStore::kMaxFileSize, ' ') + "{}");
-  logs->clear();
-  expectKeptAside(DefaultsStore(path), *logs, path, "it is larger than 1024 KiB");
-}
-
-TEST_F(DefaultsStoreTest, AFolderOrAPipeAtThePathIsUnreadableAndKeptAside) {
-  std::filesystem::create_directories(path / "inside");
-  {
-    DefaultsStore store(path);
-    expectKeptAside(store, *logs, path, "it is not a regular file");
-    store.set("stats.muteCount", 2);
-  }
-  EXPECT_TRUE(std::filesystem::is_directory(onlyAsideFile(path) / "inside"));
-  EXPECT_EQ(DefaultsStore(path).integer("stats.muteCount"), 2);
-
-  std::filesystem::remove_all(path.parent_path());
-  std::filesystem::create_directories(path.parent_path());
-  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
-  logs->clear();
-  expectKeptAside(DefaultsStore(path), *logs, path, "it is not a regular file");
-}
-
-TEST_F(DefaultsStoreTest, DeepNestingIsRefusedBeforeParsing) {
-  // Valid JSON, and yet enough to overflow the stack of a recursive copy or write.
-  const std::string deep = "{\"a\": " + std::string(200000, '[') + std::string(200000, ']') + "}";
-  writeFile(path, deep);
-  expectKeptAside(DefaultsStore(path), *logs, path, "it nests deeper than 32 levels");
-
-  // Brackets inside texts do not count.
-  std::filesystem::remove_all(path.parent_path());
-  writeFile(path, "{\"name\": \"" + std::string(100, '[') + "\\\"\", \"stats.muteCount\": 4}");
-  logs->clear();
-  EXPECT_EQ(DefaultsStore(path).integer("stats.muteCount"), 4);
-  EXPECT_TRUE(logs->entries().empty());
-}
-
-TEST_F(DefaultsStoreTest, AnEarlierBadFileIsNeverOverwrittenByTheNextOne) {
-  for (const std::string contents : {"first [", "second ["}) {
-    writeFile(path, contents);
-    DefaultsStore store(path);
-    store.set("stats.muteCount", 1);
-    std::filesystem::remove(path);
-  }
-  std::set<std::string> kept;
-  for (const auto& file : filesIn(path.parent_path())) {
-    kept.insert(readFile(file));
-  }
-  EXPECT_EQ(kept, (std::set<std::string>{"first [", "second ["}));
 }
 
 TEST_F(DefaultsStoreTest, AWrongTypedKeyFallsBackAloneAndIsReportedOnce) {
@@ -218,22 +187,9 @@ TEST_F(DefaultsStoreTest, AWrongTypedKeyFallsBackAloneAndIsReportedOnce) {
   EXPECT_EQ(store.stringArray("kept"), std::vector<std::string>{"a.app"});
   const auto lines = logs->messages("Defaults");
   ASSERT_EQ(lines.size(), 6u) << "one line per key, however often it is read";
-  EXPECT_EQ(lines[0], "Preferences " + path.string() +
-                          ": \"mutedBundleIDs\" ignored because \"a.app\" is not a list of texts");
-  EXPECT_EQ(lines[5], "Preferences " + path.string() +
-                          ": \"updateFeedURL\" ignored because 42 is not a text");
+  EXPECT_NE(lines[0].find("\"mutedBundleIDs\""), std::string::npos) << lines[0];
   EXPECT_EQ(readFile(path), contents) << "the file stays as long as nothing is written";
   EXPECT_EQ(filesIn(path.parent_path()).size(), 1u);
-
-  // Words and numbers are Booleans as a defaults database knows them.
-  writeFile(path, R"({"a": "no", "b": "YES", "c": 0, "d": "1"})");
-  logs->clear();
-  DefaultsStore words(path);
-  EXPECT_FALSE(words.boolean("a"));
-  EXPECT_TRUE(words.boolean("b"));
-  EXPECT_FALSE(words.boolean("c"));
-  EXPECT_TRUE(words.boolean("d"));
-  EXPECT_TRUE(logs->entries().empty());
 }
 
 TEST_F(DefaultsStoreTest, AFailedWriteIsLoggedAndKeepsTheValuesOfThisRun) {
@@ -244,16 +200,6 @@ TEST_F(DefaultsStoreTest, AFailedWriteIsLoggedAndKeepsTheValuesOfThisRun) {
   EXPECT_EQ(store.integer("stats.muteCount"), 5);
   ASSERT_EQ(logs->entries().size(), 1u);
   EXPECT_EQ(logs->entries()[0].level, LogLevel::error);
-  EXPECT_EQ(logs->entries()[0].message.rfind("Saving preferences failed: ", 0), 0u);
-}
-
-TEST_F(DefaultsStoreTest, AnAtomicWriteLeavesNoTemporaryFilesBehind) {
-  DefaultsStore store(path);
-  for (int i = 0; i < 20; ++i) {
-    store.set("stats.muteCount", i);
-  }
-  EXPECT_EQ(filesIn(path.parent_path()), std::vector<std::filesystem::path>{path});
-  EXPECT_EQ(DefaultsStore(path).integer("stats.muteCount"), 19);
 }
 
 TEST(DefaultsStorePath, FollowsXdgConfigHome) {

@@ -5,22 +5,6 @@
 namespace quellix {
 namespace {
 
-TEST(Logger, LinesCarryTheSubsystemCategoryAndLevel) {
-  auto capture = std::make_shared<CapturingLogSink>();
-  auto previous = Logger::installSink(capture);
-  Logger("MuteController").info("Created");
-  Logger("Spike").error("FEHLER: x");
-  Logger::installSink(previous);
-
-  const auto entries = capture->entries();
-  ASSERT_EQ(entries.size(), 2u);
-  EXPECT_EQ(entries[0].subsystem, "com.norvalin.quellix");
-  EXPECT_EQ(entries[0].category, "MuteController");
-  EXPECT_EQ(entries[0].level, LogLevel::info);
-  EXPECT_EQ(entries[1].level, LogLevel::error);
-  EXPECT_EQ(capture->messages("Spike"), std::vector<std::string>{"FEHLER: x"});
-}
-
 TEST(Logger, FixedFormatMatchesPrintf) {
   EXPECT_EQ(formatFixed(0.0), "0.000000");
   EXPECT_EQ(formatFixed(0.5), "0.500000");

@@ -37,34 +37,29 @@ class OnboardingViewTest : public testing::ViewTest {
 
 TEST_F(OnboardingViewTest, ForwardAndBackWalkThePagesAndReturnFinishesOnTheLast) {
   auto view = open();
-  EXPECT_EQ(view->size(), QSize(460, 440));
-  struct Expect {
-    bool back;
-    const char* forward;
-  };
-  const Expect pages[] = {
-      {false, "Weiter"}, {true, "Weiter"}, {true, "Weiter"}, {true, "Los geht's"}};
-  for (int step = 0; step < OnboardingView::kStepCount; ++step) {
+  const int last = OnboardingView::kStepCount - 1;
+  const QString next = view->forwardButton().text();
+  for (int step = 0; step <= last; ++step) {
     SCOPED_TRACE(step);
     ASSERT_EQ(view->step(), step);
-    EXPECT_EQ(view->backButton().isVisible(), pages[step].back);
-    EXPECT_EQ(view->forwardButton().text(), QString::fromLatin1(pages[step].forward));
+    EXPECT_EQ(view->backButton().isVisible(), step > 0);
+    EXPECT_EQ(view->forwardButton().text() != next, step == last) << "the last one finishes";
     EXPECT_TRUE(view->currentPage().isVisible());
-    for (int dot = 0; dot < OnboardingView::kStepCount; ++dot) {
-      EXPECT_DOUBLE_EQ(view->dots().dotOpacity(dot), dot == step ? 1.0 : 0.18);
+    for (int dot = 0; dot <= last; ++dot) {
+      EXPECT_EQ(view->dots().dotOpacity(dot) == 1.0, dot == step) << dot;
     }
-    if (step < OnboardingView::kStepCount - 1) {
+    if (step < last) {
       QTest::mouseClick(&view->forwardButton(), Qt::LeftButton);
       EXPECT_TRUE(view->isTransitioning());
     }
   }
   QTest::mouseClick(&view->backButton(), Qt::LeftButton);
-  EXPECT_EQ(view->step(), 2);
+  EXPECT_EQ(view->step(), last - 1);
   QTest::mouseClick(&view->forwardButton(), Qt::LeftButton);
   EXPECT_EQ(closes, 0);
   QTest::keyClick(view.get(), Qt::Key_Return);
   EXPECT_EQ(closes, 1);
-  EXPECT_EQ(view->step(), 3) << "finishing does not move on";
+  EXPECT_EQ(view->step(), last) << "finishing does not move on";
   QTest::keyClick(view.get(), Qt::Key_Enter);
   EXPECT_EQ(closes, 2);
 }
@@ -83,40 +78,28 @@ TEST_F(OnboardingViewTest, ANewPageComesInFromTheTrailingEdgeWhicheverWayTheUser
   EXPECT_FALSE(view->page(2).isVisible());
 }
 
-TEST_F(OnboardingViewTest, PermissionPollSwitchesToGrantedWithinASecond) {
+// A click says why in the log and polls for a while: players reachable within the poll show
+// within a second, after it they need another click.
+TEST_F(OnboardingViewTest, PermissionPollSwitchesToGrantedOnlyWhileItRuns) {
   auto view = open();
-  EXPECT_FALSE(view->mediaPermissionGranted());
   EXPECT_FALSE(view->permissionGranted().isVisibleTo(&view->page(2)));
   QTest::mouseClick(&view->permissionButton(), Qt::LeftButton);
   EXPECT_EQ(logs->messages("MediaKeys"),
             std::vector<std::string>{"The media keys cannot reach any player: no session bus"});
+  queue.advance(seconds(40));
+  mediaPlayers.reason.reset();
+  queue.advance(seconds(5));
+  EXPECT_FALSE(view->mediaPermissionGranted()) << "the poll has ended";
+
+  mediaPlayers.reason = "no session bus";
+  QTest::mouseClick(&view->permissionButton(), Qt::LeftButton);
   queue.advance(seconds(4) + milliseconds(500));
   EXPECT_FALSE(view->mediaPermissionGranted());
-  mediaPlayers.reason.reset();  // reachable 4.5 s after the click
+  mediaPlayers.reason.reset();  // reachable 4.5 s after the second click
   queue.advance(milliseconds(500));
   EXPECT_TRUE(view->mediaPermissionGranted());
   EXPECT_TRUE(view->permissionGranted().isVisibleTo(&view->page(2)));
   EXPECT_FALSE(view->permissionRequest().isVisibleTo(&view->page(2)));
-}
-
-TEST_F(OnboardingViewTest, PermissionGrantedAfterThePollEndedNeedsAnotherClick) {
-  auto view = open();
-  view->requestPermission();
-  queue.advance(seconds(40));
-  mediaPlayers.reason.reset();
-  queue.advance(seconds(5));
-  EXPECT_FALSE(view->mediaPermissionGranted()) << "thirty checks, then silence";
-  EXPECT_EQ(queue.pendingTimers() > 0, true);  // the monitor and update timers remain
-  view->requestPermission();
-  queue.advance(seconds(1));
-  EXPECT_TRUE(view->mediaPermissionGranted());
-}
-
-TEST_F(OnboardingViewTest, PlayersInReachShowGrantedAtOnce) {
-  mediaPlayers.reason.reset();
-  auto view = open();
-  EXPECT_TRUE(view->mediaPermissionGranted());
-  EXPECT_TRUE(view->permissionGranted().isVisibleTo(&view->page(2)));
 }
 
 TEST_F(OnboardingViewTest, LaunchSwitchIsTheLaunchAtLoginSetting) {
@@ -132,27 +115,12 @@ TEST_F(OnboardingViewTest, LaunchSwitchIsTheLaunchAtLoginSetting) {
   EXPECT_TRUE(view->launchSwitch().isChecked()) << "shows what the system reports";
 }
 
-TEST_F(OnboardingViewTest, InstructionTextsAreNeverCut) {
-  auto view = open();
-  view->forward();
-  QTest::qWait(OnboardingView::kTransitionMilliseconds + 80);
-  int wrapped = 0;
-  for (QWidget* child : view->page(1).findChildren<QWidget*>()) {
-    auto* label = dynamic_cast<TextLabel*>(child);
-    if (label != nullptr && label->isParagraph()) {
-      EXPECT_GE(label->height(), label->heightForWidth(label->width()))
-          << label->text().toStdString();
-      ++wrapped;
-    }
-  }
-  EXPECT_EQ(wrapped, 3);
-  EXPECT_LE(view->page(1).geometry().bottom(), view->dots().geometry().top() - 20);
-}
-
-TEST_F(OnboardingViewTest, RendersEveryPage) {
+TEST_F(OnboardingViewTest, RendersEveryPageWithNoTextCut) {
   for (const bool granted : {false, true}) {
     mediaPlayers.reason = granted ? std::nullopt : std::optional<std::string>("no session bus");
     auto view = open();
+    EXPECT_EQ(view->mediaPermissionGranted(), granted) << "players in reach need no click";
+    EXPECT_EQ(view->permissionGranted().isVisibleTo(&view->page(2)), granted);
     for (int step = 0; step < OnboardingView::kStepCount; ++step) {
       QTest::qWait(OnboardingView::kTransitionMilliseconds + 60);
       if (step != 2 && granted) {
@@ -163,6 +131,13 @@ TEST_F(OnboardingViewTest, RendersEveryPage) {
                                QStringLiteral("onboarding-%1%2")
                                    .arg(step)
                                    .arg(step == 2 ? (granted ? "-granted" : "-not-granted") : ""));
+      // The views' widgets carry no meta-object of their own: ask C++, not Qt, what they are.
+      for (QWidget* child : view->currentPage().findChildren<QWidget*>()) {
+        if (auto* label = dynamic_cast<TextLabel*>(child); label && label->isParagraph()) {
+          EXPECT_GE(label->height(), label->heightForWidth(label->width())) << step;
+        }
+      }
+      EXPECT_LE(view->currentPage().geometry().bottom(), view->dots().geometry().top()) << step;
       if (step < OnboardingView::kStepCount - 1) {
         view->forward();
       }

@@ -49,8 +49,6 @@ TEST(ViewRulesTest, VolumeIconThresholdsAreStrictAndMuteWins) {
     EXPECT_EQ(volumeIcon(c.muted, c.volume), QString::fromLatin1(c.symbol))
         << c.muted << " " << c.volume;
   }
-  EXPECT_EQ(masterMuteTooltip(true), QStringLiteral("System-Ton wieder einschalten"));
-  EXPECT_EQ(masterMuteTooltip(false), QStringLiteral("System stummschalten"));
 }
 
 TEST(ViewRulesTest, OneMassActionOrNone) {
@@ -58,37 +56,27 @@ TEST(ViewRulesTest, OneMassActionOrNone) {
   EXPECT_EQ(massAction(0, true), MassAction::muteAll);
   EXPECT_EQ(massAction(1, true), MassAction::unmuteAll);
   EXPECT_EQ(massAction(2, true), MassAction::unmuteAll);
-  EXPECT_EQ(massActionText(MassAction::muteAll), QStringLiteral("Alle stummschalten"));
-  EXPECT_EQ(massActionText(MassAction::unmuteAll), QStringLiteral("Alle wieder laut"));
   EXPECT_TRUE(massActionText(MassAction::none).isEmpty());
-  EXPECT_EQ(updateNotice(QStringLiteral("1.4.2")),
-            QString::fromUtf8("Update verfügbar: Version 1.4.2"));
 }
 
+// The indicator shows only unmuted sound; the slider is dimmest when muted, and dimmed at full
+// volume, so that a turned-down application stands out.
 TEST(ViewRulesTest, RowLooksFollowMuteAndVolume) {
-  EXPECT_EQ(rowTooltip(QStringLiteral("Safari"), true),
-            QString::fromUtf8("Safari wieder hörbar machen"));
-  EXPECT_EQ(rowTooltip(QStringLiteral("Safari"), false), QStringLiteral("Safari stummschalten"));
-  EXPECT_EQ(stateSymbol(true), QStringLiteral("speaker.slash.fill"));
-  EXPECT_EQ(stateSymbol(false), QStringLiteral("speaker.wave.2"));
   EXPECT_TRUE(showsPlayingIndicator(true, false));
   EXPECT_FALSE(showsPlayingIndicator(true, true));
   EXPECT_FALSE(showsPlayingIndicator(false, false));
-
-  struct Case {
-    bool muted;
-    float volume;
-    double opacity;
-  };
-  const Case cases[] = {
-      {true, 1.0f, 0.4},     {true, 0.2f, 0.4},    {false, 1.0f, 0.65}, {false, 0.996f, 0.65},
-      {false, 0.995f, 0.65}, {false, 0.994f, 1.0}, {false, 0.5f, 1.0},  {false, 0.0f, 1.0},
-  };
-  for (const Case& c : cases) {
-    EXPECT_DOUBLE_EQ(sliderOpacity(c.muted, c.volume), c.opacity) << c.muted << " " << c.volume;
+  EXPECT_NE(stateSymbol(true), stateSymbol(false));
+  EXPECT_LT(iconOpacity(true), iconOpacity(false));
+  const double full = sliderOpacity(false, 1.0f);
+  for (const float volume : {1.0f, 0.2f}) {
+    EXPECT_LT(sliderOpacity(true, volume), full) << volume;
   }
-  EXPECT_DOUBLE_EQ(iconOpacity(true), 0.55);
-  EXPECT_DOUBLE_EQ(iconOpacity(false), 1.0);
+  for (const float volume : {0.996f, 0.995f}) {
+    EXPECT_EQ(sliderOpacity(false, volume), full) << volume;
+  }
+  for (const float volume : {0.994f, 0.5f, 0.0f}) {
+    EXPECT_GT(sliderOpacity(false, volume), full) << volume;
+  }
 }
 
 TEST(ViewRulesTest, QuietTimeTruncatesAndSwitchesUnitsAtStrictBounds) {
@@ -114,14 +102,10 @@ TEST(ViewRulesTest, QuietTimeKeepsTheDecimalPointUnderACommaLocale) {
   QLocale::setDefault(previous);
 }
 
-TEST(ViewRulesTest, AboutStatisticsTexts) {
-  EXPECT_EQ(muteCountText(0), QStringLiteral("0"));
+TEST(ViewRulesTest, OneMuteIsCountedInTheSingular) {
   EXPECT_EQ(muteCountText(1234), QStringLiteral("1234"));
-  EXPECT_EQ(muteCountLabel(0), QStringLiteral("Apps gemutet"));
-  EXPECT_EQ(muteCountLabel(1), QStringLiteral("App gemutet"));
-  EXPECT_EQ(muteCountLabel(2), QStringLiteral("Apps gemutet"));
-  EXPECT_EQ(versionLine(QStringLiteral("1.3")), QStringLiteral("Version 1.3"));
-  EXPECT_EQ(versionLine(std::nullopt), QString::fromUtf8("Version \u2014"));
+  EXPECT_EQ(muteCountLabel(0), muteCountLabel(2));
+  EXPECT_NE(muteCountLabel(1), muteCountLabel(2));
 }
 
 }  // namespace
