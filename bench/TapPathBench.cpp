@@ -1,15 +1,17 @@
-// The tap path on a private sound server: time from tap construction to silence, the IO
-// thread's CPU per tap against a plain player's, breaks in the tone heard at the output over a
-// long attenuated run against those of the same tone played directly for as long, latency
-// growth, moves that had to be repeated, and the latency a burst gains through the tap path
-// against what it gains through the server's own loopback module set to 20 ms, both measured
-// at the output in the same run. Muted afterwards, the IO thread's CPU and wake-ups, and the
-// latency once turned up again.
+// The tap path on a private sound server, with paplay at its default buffering as the player:
+// time from tap construction to silence, the IO thread's CPU per tap against the player's,
+// breaks in the tone heard at the output over a long attenuated run against those of the same
+// tone played directly for as long, latency growth, moves that had to be repeated, and the
+// latency clicks gain through the tap path against what they gain through the server's own
+// loopback module set to 20 ms, both measured at the output in the same run, with the CPU
+// each path adds. Muted afterwards, the IO thread's CPU and wake-ups, and the latency once
+// turned up again.
 //
 //   tap_path_bench [pulseaudio|pipewire] [seconds] [muted seconds]
 #include <dirent.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -23,9 +25,9 @@
 #include "audio/CoreAudioSupport.h"
 #include "audio/pulse/PulseBackend.h"
 #include "engine/muting/ProcessMuteTap.h"
+#include "harness/ChildProcess.h"
 #include "harness/LevelMeter.h"
 #include "harness/SoundServer.h"
-#include "harness/TestPlayerProcess.h"
 #include "support/Logger.h"
 
 namespace {
@@ -90,6 +92,41 @@ ThreadUse threadUse(const std::string& name) {
 
 double threadCPUSeconds(const std::string& name) {
   return threadUse(name).cpuSeconds;
+}
+
+// CPU seconds used so far by this process's children: the sound server, the player and the
+// recorder.
+double childrenCPUSeconds() {
+  double seconds = 0;
+  DIR* processes = ::opendir("/proc");
+  while (dirent* entry = processes != nullptr ? ::readdir(processes) : nullptr) {
+    const std::string stat = std::string("/proc/") + entry->d_name + "/stat";
+    std::string line;
+    if (!std::isdigit(static_cast<unsigned char>(entry->d_name[0])) ||
+        !std::getline(std::ifstream(stat), line))
+      continue;
+    std::istringstream fields(line.substr(line.rfind(')') + 2));
+    std::string state;
+    pid_t parent = 0;
+    if (fields >> state >> parent && parent == ::getpid())
+      seconds += cpuSecondsOf(stat);
+  }
+  if (processes != nullptr)
+    ::closedir(processes);
+  return seconds;
+}
+
+// The "Latency:" line `pactl list sinks` gives for the first sink whose name starts so.
+std::string sinkLatencyLine(const testing::SoundServer& server, const std::string& prefix) {
+  std::istringstream sinks(server.pactl({"list", "sinks"}));
+  bool inSink = false;
+  for (std::string line; std::getline(sinks, line);) {
+    if (line.find("Name: ") != std::string::npos)
+      inSink = line.find("Name: " + prefix) != std::string::npos;
+    else if (inSink && line.find("Latency: ") != std::string::npos)
+      return line.substr(line.find("Latency: ") + 9);
+  }
+  return "not found";
 }
 
 std::vector<AudioObjectID> processObjectsOf(const PulseBackend& backend, pid_t pid) {
@@ -198,15 +235,25 @@ std::optional<double> silenceAfter(const std::vector<float>& recording, std::siz
   return std::nullopt;
 }
 
-// The added latency of a path, measured by a player of bursts on the beat of the monotonic
-// clock: one recording of the output spans every path in turn, and each path shifts the
-// bursts by its latency. The shift against the direct path before and after it is the added
-// latency; the direct path's own shift between two visits tells how steady the measure is.
+// The added latency of a path, measured by clicks at a steady period of the player's samples:
+// one recording of the output spans every path in turn, and each path shifts the clicks by its
+// latency. The shift against the direct path before and after it is the added latency; the
+// direct path's own shift between two visits tells how steady the measure is. Each segment
+// also keeps the CPU the sound server and the IO thread used in it.
 class BurstTimeline {
  public:
-  static constexpr int kPeriodMs = 300;
+  static constexpr int kPeriodMs = 500;
 
-  void mark(const std::string& name) { segments_.push_back({name, Clock::now(), {}}); }
+  void mark(const std::string& name) {
+    const Clock::time_point now = Clock::now();
+    const double cpu = childrenCPUSeconds() + threadCPUSeconds("quellix-io");
+    if (!segments_.empty()) {
+      auto& last = segments_.back();
+      last.cpuPercent = 100.0 * (cpu - last.cpuAtStart) /
+                        std::chrono::duration<double>(now - last.startedAt).count();
+    }
+    segments_.push_back({name, now, cpu});
+  }
 
   void finish(const std::vector<float>& recording, Clock::time_point stoppedAt) {
     constexpr float kThreshold = 0.1f;
@@ -242,10 +289,21 @@ class BurstTimeline {
     return std::nullopt;
   }
 
+  // Of a segment that another followed.
+  double cpuPercent(const std::string& name) const {
+    for (const auto& segment : segments_) {
+      if (segment.name == name)
+        return segment.cpuPercent;
+    }
+    return 0;
+  }
+
  private:
   struct Segment {
     std::string name;
     Clock::time_point startedAt;
+    double cpuAtStart = 0;
+    double cpuPercent = 0;
     std::vector<double> phasesMs;
   };
 
@@ -288,8 +346,15 @@ int main(int argc, char** argv) {
   installAudioBackend(backend);
 
   // A long attenuated session of a steady tone, then the tap's usual state, muted.
-  auto player = std::make_unique<testing::TestPlayerProcess>(
-      testing::TestPlayerProcess::Options{.appID = "org.example.Player"});
+  const int mutedSeconds = argc > 3 ? std::atoi(argv[3]) : 10;
+  const auto tone = server.runtimeDir() / "tone.wav";
+  testing::runProgram({"sox", "-n", "-r", "48000", "-c", "2", "-b", "16", tone.string(), "synth",
+                       std::to_string(2 * seconds + mutedSeconds + 10), "sine", "440", "vol",
+                       "0.5"});
+  auto player = std::make_unique<testing::ChildProcess>(
+      std::vector<std::string>{"paplay", "--property=application.id=org.example.Player",
+                               tone.string()},
+      testing::ChildProcess::Options{.outputFile = (server.runtimeDir() / "player.log").string()});
   // The same tone played directly first: the breaks this machine causes on its own.
   constexpr double kRecorderStart = 1.5;
   std::optional<testing::MonitorRecording> directRecording(
@@ -316,8 +381,8 @@ int main(int argc, char** argv) {
   std::string underrunSeconds;
   std::uint64_t underruns = 0;
   testing::MonitorRecording tapRecording(server.runtimeDir() / "tapped.raw", "out1.monitor");
-  // The player is a minimal client of the same server at the same latency: its CPU in the same
-  // seconds is the baseline of what this machine charges for such a stream.
+  // The player's CPU in the same seconds is the baseline of what this machine charges for a
+  // client of the server.
   const std::string playerStat = "/proc/" + std::to_string(player->pid()) + "/stat";
   const double playerCPUBefore = cpuSecondsOf(playerStat);
   const double cpuBefore = threadCPUSeconds("quellix-io");
@@ -341,7 +406,6 @@ int main(int argc, char** argv) {
   const double firstLatency = mean(latencies.begin(), latencies.begin() + span);
   const double lastLatency = mean(latencies.end() - span, latencies.end());
 
-  const int mutedSeconds = argc > 3 ? std::atoi(argv[3]) : 10;
   tap->setGain(0.0f);
   // The first second muted is not the muted state yet.
   std::this_thread::sleep_for(std::chrono::seconds(1));
@@ -360,27 +424,39 @@ int main(int argc, char** argv) {
   tap.reset();
   player.reset();
 
-  // Bursts through each path in turn, one recording.
-  constexpr auto kSegment = std::chrono::seconds(4);
-  testing::TestPlayerProcess clicker(
-      {.appID = "org.example.Clicker", .clickPeriodMs = BurstTimeline::kPeriodMs});
+  // A real client at its default buffering, through each path in turn, one recording: paplay
+  // playing a click every half second.
+  const auto clicks = server.runtimeDir() / "clicks.wav";
+  testing::runProgram(
+      {"sox",   "-n",   "-r",   "48000", "-c",  "2",   "-b", "16",    clicks.string(), "synth",
+       "0.001", "sine", "1000", "vol",   "0.8", "pad", "0",  "0.499", "repeat",        "239"});
+  testing::ChildProcess clicker(
+      {"paplay", "--property=application.id=org.example.Clicker", clicks.string()},
+      {.outputFile = (server.runtimeDir() / "paplay.log").string()});
   const auto clickerObjects = processObjectsOf(*backend, clicker.pid());
-  const auto scratch = server.runtimeDir() / "bursts.raw";
-  testing::MonitorRecording recording(scratch, "out1.monitor");
+  testing::MonitorRecording recording(server.runtimeDir() / "clicks.raw", "out1.monitor");
+  constexpr auto kSegment = std::chrono::seconds(8);
   BurstTimeline timeline;
   timeline.mark("direct");
   std::this_thread::sleep_for(kSegment);
+  std::string tapSinkLatency;
+  std::optional<PulseIOPath::Statistics> clickStatistics;
   timeline.mark("tap");
   {
-    ProcessMuteTap burstTap("Clicker", clickerObjects, 1.0f);
-    std::this_thread::sleep_for(kSegment);
-    burstTap.invalidate();
+    ProcessMuteTap clickTap("Clicker", clickerObjects, 0.5f);
+    std::this_thread::sleep_for(kSegment - std::chrono::seconds(1));
+    tapSinkLatency = sinkLatencyLine(server, "quellix.tap.");
+    clickStatistics = backend->ioStatistics(clickTap.aggregateID());
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    // Before the tap ends, while its IO thread is still there to be counted.
+    timeline.mark("direct again");
+    clickTap.invalidate();
   }
-  timeline.mark("direct again");
-  // The loopback settles on its latency while the direct path is measured.
+  std::this_thread::sleep_for(kSegment - std::chrono::seconds(1));
+  // The loopback settles on its latency before the stream moves there.
   server.pactl(
       {"load-module", "module-loopback", "source=out2.monitor", "sink=out1", "latency_msec=20"});
-  std::this_thread::sleep_for(kSegment);
+  std::this_thread::sleep_for(std::chrono::seconds(1));
   const bool moved = moveStream(server, *backend, clicker.pid(), "out2");
   timeline.mark("loopback");
   std::this_thread::sleep_for(kSegment);
@@ -426,6 +502,21 @@ int main(int argc, char** argv) {
   const auto directLast = timeline.shiftMs("direct last");
   const auto tapped = timeline.shiftMs("tap");
   const auto loopback = timeline.shiftMs("loopback");
+  std::printf("  tap sink while clicks play through it: latency %s", tapSinkLatency.c_str());
+  if (clickStatistics) {
+    std::printf("; queued playback %.1f ms, held %.0f ms, underruns %llu",
+                clickStatistics->playbackLatencyMs, clickStatistics->heldLatencyMs,
+                static_cast<unsigned long long>(clickStatistics->underruns));
+  }
+  std::printf("\n");
+  // What the server and the IO thread used beyond the first direct segment, the only one with
+  // neither a tap nor a loopback.
+  const double directCPU = timeline.cpuPercent("direct");
+  std::printf(
+      "  CPU added, server and IO thread, %% of one core: tap path %.2f, loopback %.2f "
+      "(direct path alone %.2f)\n",
+      timeline.cpuPercent("tap") - directCPU, timeline.cpuPercent("loopback") - directCPU,
+      directCPU);
   if (direct && directAgain && directLast && tapped && loopback && moved && movedBack) {
     const double tapAdded = *tapped - (*direct + *directAgain) / 2;
     const double loopbackAdded = *loopback - (*directAgain + *directLast) / 2;
@@ -435,14 +526,14 @@ int main(int argc, char** argv) {
     const bool steady = std::abs(*directAgain - *direct) <= kSteadyMs &&
                         std::abs(*directLast - *directAgain) <= kSteadyMs;
     std::printf(
-        "  added latency of a burst: tap path %.1f ms, loopback at 20 ms %.1f ms "
+        "  added latency of paplay's clicks: tap path %.1f ms, loopback at 20 ms %.1f ms "
         "(ratio %.2f); direct path moved by %.1f and %.1f ms%s\n",
         tapAdded, loopbackAdded, loopbackAdded > 0 ? tapAdded / loopbackAdded : 0.0,
         *directAgain - *direct, *directLast - *directAgain,
         steady ? "" : " (unsteady: not comparable)");
   } else {
     std::printf(
-        "  added latency of a burst: not measured (no bursts on some path, or a move "
+        "  added latency of paplay's clicks: not measured (no clicks on some path, or a move "
         "failed)\n");
   }
   std::printf("  repeated moves: %llu\n",

@@ -134,7 +134,7 @@ it appears here.</translation>
         <translation>Welcome to Quellix</translation>
     </message>
     <message>
-        <source>Dein Mac hat einen Lautstärkeregler für alles.
+        <source>Dein Computer hat einen Lautstärkeregler für alles.
 Ab jetzt hat jede App ihren eigenen.</source>
         <translation>Your computer has one volume control for everything.
 From now on, every app has its own.</translation>
@@ -144,11 +144,11 @@ From now on, every app has its own.</translation>
         <translation>How it works</translation>
     </message>
     <message>
-        <source>Menübar öffnen</source>
+        <source>Panel öffnen</source>
         <translation>Open the panel</translation>
     </message>
     <message>
-        <source>Klicke oben auf das Lautsprecher-Symbol. Jede App, die gerade Ton ausgibt, erscheint in der Liste.</source>
+        <source>Klicke im Statusbereich deiner Systemleiste auf das Lautsprecher-Symbol. Jede App, die gerade Ton ausgibt, erscheint in der Liste.</source>
         <translation>Click the speaker icon in your panel. Every app that is playing sound appears in the list.</translation>
     </message>
     <message>
@@ -188,8 +188,8 @@ whether a music player, Spotify or a browser tab is playing.</translation>
         <translation>Grant Permission</translation>
     </message>
     <message>
-        <source>macOS öffnet Systemeinstellungen → Bedienungshilfen.
-Dort Quellix aktivieren, damit die App Tastendrücke senden darf.</source>
+        <source>Fragt dein Desktop, ob Quellix Medienplayer steuern darf,
+erlaube es, damit die Medientasten sie erreichen.</source>
         <translation>Your desktop may ask whether Quellix may control media players.
 Allow it so that the media buttons can reach them.</translation>
     </message>
@@ -198,7 +198,7 @@ Allow it so that the media buttons can reach them.</translation>
         <translation>Always at hand</translation>
     </message>
     <message>
-        <source>Quellix wartet still in der Menübar
+        <source>Quellix wartet still in der Systemleiste
 und braucht dabei praktisch keine Ressourcen.</source>
         <translation>Quellix waits quietly in your panel
 and needs next to no resources while it does.</translation>
@@ -226,15 +226,23 @@ and needs next to no resources while it does.</translation>
         <source>Quellix öffnen</source>
         <translation>Open Quellix</translation>
     </message>
+    <message>
+        <source>Über Quellix</source>
+        <translation>About Quellix</translation>
+    </message>
+    <message>
+        <source>Beenden</source>
+        <translation>Quit</translation>
+    </message>
 </context>
 <context>
     <name>SelfMover</name>
     <message>
-        <source>Quellix in den Programme-Ordner verschieben?</source>
+        <source>Quellix in den Ordner ~/Applications verschieben?</source>
         <translation>Move Quellix to your Applications folder?</translation>
     </message>
     <message>
-        <source>Quellix läuft gerade vom Installations-Image. Empfohlen: einmal in den Programme-Ordner verschieben, dann startet es künftig direkt von dort.</source>
+        <source>Quellix läuft gerade aus dem Ordner, in den es geladen oder kopiert wurde. Empfohlen: einmal nach ~/Applications in deinem Home-Ordner verschieben, dann startet es künftig von dort und erscheint bei deinen Programmen.</source>
         <translation>Quellix is running from the folder it was downloaded or copied to. Recommended: move it once to the Applications folder in your home folder (~/Applications); from then on it starts from there and appears among your applications.</translation>
     </message>
     <message>
@@ -250,7 +258,7 @@ and needs next to no resources while it does.</translation>
         <translation>Moving failed</translation>
     </message>
     <message>
-        <source>Bitte zieh Quellix manuell in den Programme-Ordner.</source>
+        <source>Bitte verschiebe den Ordner Quellix selbst nach ~/Applications.</source>
         <translation>Please move the Quellix folder into ~/Applications yourself.</translation>
     </message>
 </context>

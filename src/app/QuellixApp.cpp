@@ -105,13 +105,12 @@ void QuellixApp::showPanel() {
   panel_->present();
 }
 
-void QuellixApp::scroll(int delta, Qt::Orientation orientation) {
+void QuellixApp::scroll(int notches, Qt::Orientation orientation) {
   if (orientation != Qt::Vertical || !state_->systemVolume().isAdjustable().get()) {
     return;
   }
   const double volume = state_->systemVolume().volume().get();
-  state_->systemVolume().setVolume(
-      std::clamp(volume + kScrollStep * delta / kWheelNotch, 0.0, 1.0));
+  state_->systemVolume().setVolume(std::clamp(volume + kScrollStep * notches, 0.0, 1.0));
 }
 
 int QuellixApp::run(int argc, char** argv) {

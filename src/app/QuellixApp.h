@@ -14,7 +14,6 @@ class TrayItem;
 class QuellixApp final : public QObject {
  public:
   static constexpr double kScrollStep = 0.05;  // of the master volume per wheel notch
-  static constexpr int kWheelNotch = 120;
   // How long the tray's host may take to answer before the panel becomes a window instead.
   static constexpr Duration kTrayGracePeriod = std::chrono::seconds(2);
 
@@ -38,7 +37,7 @@ class QuellixApp final : public QObject {
  private:
   void followMuteCount();
   void followHost(bool available);
-  void scroll(int delta, Qt::Orientation orientation);
+  void scroll(int notches, Qt::Orientation orientation);
 
   std::shared_ptr<AppState> state_;
   std::unique_ptr<PanelHost> panel_;

@@ -93,6 +93,9 @@ inline constexpr AudioObjectPropertySelector kAudioHardwarePropertyDefaultOutput
 inline constexpr AudioObjectPropertySelector kAudioProcessPropertyPID = quellix::fourCC("ppid");
 inline constexpr AudioObjectPropertySelector kAudioProcessPropertyBundleID =
     quellix::fourCC("pbid");
+// Ours: the name the process's streams give their application (a CFString, empty when none).
+inline constexpr AudioObjectPropertySelector kAudioProcessPropertyApplicationName =
+    quellix::fourCC("qapn");
 inline constexpr AudioObjectPropertySelector kAudioProcessPropertyIsRunning =
     quellix::fourCC("pir?");
 inline constexpr AudioObjectPropertySelector kAudioProcessPropertyIsRunningOutput =

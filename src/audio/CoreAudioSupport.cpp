@@ -110,17 +110,29 @@ std::vector<AudioObjectID> readDeviceList() {
                         {"Error reading device list size: ", "Error reading device list: "});
 }
 
-std::optional<std::string> readProcessBundleID(AudioObjectID process) {
+namespace {
+
+std::optional<std::string> readProcessText(AudioObjectID process,
+                                           AudioObjectPropertySelector selector) {
   try {
-    const CFString bundleID =
-        read(process, globalAddress(kAudioProcessPropertyBundleID), CFString(""));
-    if (bundleID.view().empty()) {
+    const CFString text = read(process, globalAddress(selector), CFString(""));
+    if (text.view().empty()) {
       return std::nullopt;
     }
-    return bundleID.str();
+    return text.str();
   } catch (const TextError&) {
     return std::nullopt;
   }
+}
+
+}  // namespace
+
+std::optional<std::string> readProcessBundleID(AudioObjectID process) {
+  return readProcessText(process, kAudioProcessPropertyBundleID);
+}
+
+std::optional<std::string> readProcessApplicationName(AudioObjectID process) {
+  return readProcessText(process, kAudioProcessPropertyApplicationName);
 }
 
 }  // namespace quellix

@@ -68,5 +68,7 @@ std::vector<AudioObjectID> readProcessList();
 std::vector<AudioObjectID> readDeviceList();
 // None for a process without a bundle identifier and for a failing read.
 std::optional<std::string> readProcessBundleID(AudioObjectID process);
+// None for a process whose streams give no application name and for a failing read.
+std::optional<std::string> readProcessApplicationName(AudioObjectID process);
 
 }  // namespace quellix

@@ -72,8 +72,14 @@ void TrayItem::exportOnBus() {
   itemAdaptor_ = new StatusNotifierItemAdaptor(
       &itemObject_, QDBusObjectPath(kMenuPath),
       {.activated = [this](QPoint where) { emit activated(where); },
-       .scrolled = [this](int delta,
-                          Qt::Orientation orientation) { emit scrolled(delta, orientation); }});
+       .scrolled =
+           [this](int delta, Qt::Orientation orientation) {
+             ScrollReading& reading =
+                 orientation == Qt::Vertical ? verticalScroll_ : horizontalScroll_;
+             if (const int notches = reading.notches(delta); notches != 0) {
+               emit scrolled(notches, orientation);
+             }
+           }});
   itemAdaptor_->setTitle(QStringLiteral("Quellix"));
   menuAdaptor_ = new DBusMenuAdaptor(
       &menuObject_, [this](const QString& entryID) { emit menuEntryTriggered(entryID); });
@@ -126,6 +132,7 @@ void TrayItem::watcherOwnerChanged(const QString& /*service*/, const QString& ol
 
 void TrayItem::watcherAppeared() {
   ++watcherGeneration_;
+  forgetScrollUnits();
   watcherPresent_ = true;
   registered_ = false;
   hostRegistered_ = false;
@@ -193,7 +200,14 @@ void TrayItem::hostRegistered() {
     return;
   }
   hostRegistered_ = true;
+  forgetScrollUnits();
   updateAvailability();
+}
+
+void TrayItem::forgetScrollUnits() {
+  // Another host may count in other units.
+  verticalScroll_ = {};
+  horizontalScroll_ = {};
 }
 
 void TrayItem::hostUnregistered() {

@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "tray/DBusMenuAdaptor.h"
+#include "tray/ScrollReading.h"
 #include "tray/TrayMenuEntry.h"
 
 class QDBusPendingCallWatcher;
@@ -61,7 +62,8 @@ class TrayItem final : public QObject {
   // The user clicked the icon; `where` is the click in global coordinates, or the null point
   // when the host did not say.
   void activated(QPoint where);
-  void scrolled(int delta, Qt::Orientation orientation);
+  // Whole wheel notches, whatever units the host counts in; positive is up.
+  void scrolled(int notches, Qt::Orientation orientation);
   void menuEntryTriggered(const QString& entryID);
   void hostAvailabilityChanged(bool available);
 
@@ -81,6 +83,7 @@ class TrayItem final : public QObject {
   void whenAnswered(QDBusPendingCallWatcher* call,
                     std::function<void(QDBusPendingCallWatcher*)> done);
   void updateAvailability();
+  void forgetScrollUnits();
   void updateXEmbedTray();
   void rebuildXEmbedMenu();
   QIcon currentIcon() const;
@@ -94,6 +97,9 @@ class TrayItem final : public QObject {
   QString toolTipTitle_;
   QString toolTipText_;
   QList<TrayMenuEntry> menuEntries_;
+  // What the current host's scrolls have shown of its units, per orientation.
+  ScrollReading verticalScroll_;
+  ScrollReading horizontalScroll_;
 
   QObject itemObject_;
   DBusMenuObject menuObject_;

@@ -374,7 +374,7 @@ void MenuBarView::animateListChange(int previousHeight) {
   listAnimation_.stop();
   content_->setMinimumHeight(0);
   content_->setMaximumHeight(QWIDGETSIZE_MAX);
-  layout()->activate();
+  activateLayouts();
   const int target = content_->sizeHint().height();
   if (target == previousHeight) {
     return;
@@ -385,9 +385,27 @@ void MenuBarView::animateListChange(int previousHeight) {
   listAnimation_.start();
 }
 
-void MenuBarView::fitHeight() {
+void MenuBarView::activateLayouts() {
+  // A section learns that its rows changed only from an event posted for later: settle the
+  // layouts from the rows up, or the heights read now are those from before the change.
+  rowLayout_->activate();
+  content_->layout()->activate();
   layout()->activate();
+}
+
+void MenuBarView::fitHeight() {
+  activateLayouts();
   setFixedHeight(layout()->sizeHint().height());
+}
+
+bool MenuBarView::event(QEvent* event) {
+  const bool handled = QWidget::event(event);
+  // Whatever changed a section's size, the panel is exactly as tall as its sections: spare
+  // height would be spread between them and move every row off where it was.
+  if (event->type() == QEvent::LayoutRequest) {
+    fitHeight();
+  }
+  return handled;
 }
 
 const AppRowView* MenuBarView::rowFor(pid_t id) const {

@@ -61,12 +61,16 @@ class MenuBarView : public QWidget {
   // How many times the list changed in a way that animates.
   int listChangeCount() const { return listChangeCount_; }
 
+ protected:
+  bool event(QEvent* event) override;
+
  private:
   void build();
   void scheduleRender();
   void render();
   void renderRows(const std::vector<AudioApp>& apps);
   void animateListChange(int previousHeight);
+  void activateLayouts();
   void fitHeight();
   const AppRowView* rowFor(pid_t id) const;
 

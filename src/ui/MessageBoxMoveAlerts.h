@@ -11,18 +11,19 @@ class MessageBoxMoveAlerts final : public MoveAlerts {
  public:
   static constexpr const char* kContext = "SelfMover";
   static constexpr const char* kOfferMessage =
-      QT_TRANSLATE_NOOP("SelfMover", "Quellix in den Programme-Ordner verschieben?");
+      QT_TRANSLATE_NOOP("SelfMover", "Quellix in den Ordner ~/Applications verschieben?");
   static constexpr const char* kOfferInformation = QT_TRANSLATE_NOOP(
       "SelfMover",
-      "Quellix läuft gerade vom Installations-Image. Empfohlen: einmal in den Programme-Ordner "
-      "verschieben, dann startet es künftig direkt von dort.");
+      "Quellix läuft gerade aus dem Ordner, in den es geladen oder kopiert wurde. Empfohlen: "
+      "einmal nach ~/Applications in deinem Home-Ordner verschieben, dann startet es künftig von "
+      "dort und erscheint bei deinen Programmen.");
   static constexpr const char* kMoveButton =
       QT_TRANSLATE_NOOP("SelfMover", "Verschieben und starten");
   static constexpr const char* kLaterButton = QT_TRANSLATE_NOOP("SelfMover", "Später");
   static constexpr const char* kFailureMessage =
       QT_TRANSLATE_NOOP("SelfMover", "Verschieben fehlgeschlagen");
-  static constexpr const char* kFailureInformation =
-      QT_TRANSLATE_NOOP("SelfMover", "Bitte zieh Quellix manuell in den Programme-Ordner.");
+  static constexpr const char* kFailureInformation = QT_TRANSLATE_NOOP(
+      "SelfMover", "Bitte verschiebe den Ordner Quellix selbst nach ~/Applications.");
 
   bool offer() override;
   void showFailure() override;

@@ -178,7 +178,7 @@ QWidget* OnboardingView::welcomeStep() {
       title(translated(QT_TRANSLATE_NOOP("OnboardingView", "Willkommen bei Quellix"))));
   stack->addWidget(
       body(translated(QT_TRANSLATE_NOOP("OnboardingView",
-                                        "Dein Mac hat einen Lautstärkeregler für alles.\n"
+                                        "Dein Computer hat einen Lautstärkeregler für alles.\n"
                                         "Ab jetzt hat jede App ihren eigenen.")),
            kBodySize, LabelLevel::secondary, kBodyLineSpacing));
   return page;
@@ -215,13 +215,12 @@ QWidget* OnboardingView::howToStep() {
   auto* list = new QVBoxLayout;
   list->setContentsMargins(kInstructionsSide, 0, kInstructionsSide, 0);
   list->setSpacing(kInstructionsSpacing);
-  list->addWidget(
-      instruction("menubar.arrow.up.rectangle",
-                  translated(QT_TRANSLATE_NOOP("OnboardingView", "Menübar öffnen")),
-                  translated(QT_TRANSLATE_NOOP(
-                      "OnboardingView",
-                      "Klicke oben auf das Lautsprecher-Symbol. Jede App, die gerade Ton "
-                      "ausgibt, erscheint in der Liste."))));
+  list->addWidget(instruction(
+      "menubar.arrow.up.rectangle", translated(QT_TRANSLATE_NOOP("OnboardingView", "Panel öffnen")),
+      translated(QT_TRANSLATE_NOOP("OnboardingView",
+                                   "Klicke im Statusbereich deiner Systemleiste auf das "
+                                   "Lautsprecher-Symbol. Jede App, die gerade Ton "
+                                   "ausgibt, erscheint in der Liste."))));
   list->addWidget(instruction(
       "speaker.slash.fill", translated(QT_TRANSLATE_NOOP("OnboardingView", "App stummschalten")),
       translated(
@@ -280,11 +279,11 @@ QWidget* OnboardingView::mediaStep() {
                                      2 * kBorderedButtonPadding);
   QObject::connect(permissionButton_, &QPushButton::clicked, this, [this] { requestPermission(); });
   request->addWidget(permissionButton_, 0, Qt::AlignHCenter);
-  request->addWidget(body(translated(QT_TRANSLATE_NOOP(
-                              "OnboardingView",
-                              "macOS öffnet Systemeinstellungen → Bedienungshilfen.\n"
-                              "Dort Quellix aktivieren, damit die App Tastendrücke senden darf.")),
-                          kNoteSize, LabelLevel::tertiary, 0));
+  request->addWidget(body(
+      translated(QT_TRANSLATE_NOOP("OnboardingView",
+                                   "Fragt dein Desktop, ob Quellix Medienplayer steuern darf,\n"
+                                   "erlaube es, damit die Medientasten sie erreichen.")),
+      kNoteSize, LabelLevel::tertiary, 0));
   stack->addWidget(request_);
   return page;
 }
@@ -297,7 +296,7 @@ QWidget* OnboardingView::launchStep() {
   stack->addWidget(title(translated(QT_TRANSLATE_NOOP("OnboardingView", "Immer griffbereit"))));
   stack->addWidget(
       body(translated(QT_TRANSLATE_NOOP("OnboardingView",
-                                        "Quellix wartet still in der Menübar\n"
+                                        "Quellix wartet still in der Systemleiste\n"
                                         "und braucht dabei praktisch keine Ressourcen.")),
            kBodySize, LabelLevel::secondary, kBodyLineSpacing));
   stack->addSpacing(kLaunchTop);

@@ -80,17 +80,17 @@ TEST_F(QuellixAppTest, ScrollingOnTheTrayIconStepsTheMasterVolume) {
   queue.drain();
   ASSERT_DOUBLE_EQ(app.state().systemVolume().volume().get(), 0.5);
 
-  emit app.tray().scrolled(QuellixApp::kWheelNotch, Qt::Vertical);
+  emit app.tray().scrolled(1, Qt::Vertical);
   queue.drain();
   EXPECT_NEAR(app.state().systemVolume().volume().get(), 0.55, 1e-6);
-  emit app.tray().scrolled(-2 * QuellixApp::kWheelNotch, Qt::Vertical);
+  emit app.tray().scrolled(-2, Qt::Vertical);
   queue.drain();
   EXPECT_NEAR(app.state().systemVolume().volume().get(), 0.45, 1e-6);
-  emit app.tray().scrolled(QuellixApp::kWheelNotch, Qt::Horizontal);
+  emit app.tray().scrolled(1, Qt::Horizontal);
   queue.drain();
   EXPECT_NEAR(app.state().systemVolume().volume().get(), 0.45, 1e-6) << "sideways does nothing";
 
-  emit app.tray().scrolled(100 * QuellixApp::kWheelNotch, Qt::Vertical);
+  emit app.tray().scrolled(100, Qt::Vertical);
   queue.drain();
   EXPECT_DOUBLE_EQ(app.state().systemVolume().volume().get(), 1.0);
 }

@@ -55,11 +55,13 @@ TEST(PulseModel, AStreamBeforeItsClientIsAttributedOnceTheClientArrives) {
   PulseModel model;
   model.applySinkInput(stream(3, 9));
   EXPECT_TRUE(model.snapshot(true).processes.empty());
-  model.applyClient(client(9, "4242", {{"application.id", "org.example.player"}}));
+  model.applyClient(client(
+      9, "4242", {{"application.id", "org.example.player"}, {"application.name", "paplay"}}));
   const auto snapshot = model.snapshot(true);
   ASSERT_EQ(snapshot.processes.size(), 1u);
   EXPECT_EQ(snapshot.processes[0].pid, 4242);
   EXPECT_EQ(snapshot.processes[0].bundleID, "org.example.player");
+  EXPECT_EQ(snapshot.processes[0].applicationName, "paplay");
 }
 
 TEST(PulseModel, GroupsStreamsPerPIDAndDerivesTheRunningFlags) {

@@ -133,18 +133,20 @@ TEST_F(AudioProcessMonitorTest, NamesFallBackDownToTheProcessID) {
   system.addProcess({.pid = 400, .executable = "named"});
   system.addProcess({.pid = 401, .executable = "tool"});
   system.addProcess({.pid = 402, .executable = "other-tool"});
-  sim->addProcess({.pid = 400});
+  system.addProcess({.pid = 404, .executable = "pacat"});
+  sim->addProcess({.pid = 400, .applicationName = "ignored: the desktop entry names it"});
+  sim->addProcess({.pid = 404, .applicationName = "paplay"});
   sim->addProcess({.pid = 401, .bundleID = "org.example.Suffix"});
   sim->addProcess({.pid = 402});
   sim->addProcess({.pid = 403});  // no /proc entry at all
   auto monitor = makeMonitor();
   monitor->refresh();
   const auto& apps = monitor->apps().get();
-  EXPECT_EQ(names(apps),
-            (std::vector<std::string>{"Named App", "other-tool", "Prozess 403", "Suffix"}));
-  EXPECT_EQ(apps[2].key(), "pid:403");
-  EXPECT_EQ(apps[2].icon.symbol, "waveform");
-  EXPECT_EQ(apps[3].bundleID, "org.example.Suffix");
+  EXPECT_EQ(names(apps), (std::vector<std::string>{"Named App", "other-tool", "paplay",
+                                                   "Prozess 403", "Suffix"}));
+  EXPECT_EQ(apps[3].key(), "pid:403");
+  EXPECT_EQ(apps[3].icon.symbol, "waveform");
+  EXPECT_EQ(apps[4].bundleID, "org.example.Suffix");
 }
 
 TEST_F(AudioProcessMonitorTest, SortsByNameIgnoringCase) {

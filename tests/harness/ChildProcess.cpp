@@ -33,6 +33,10 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, Options op
                                      O_WRONLY | O_CREAT | O_APPEND, 0644);
     posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
   }
+  if (!options.errorFile.empty()) {
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, options.errorFile.c_str(),
+                                     O_WRONLY | O_CREAT | O_APPEND, 0644);
+  }
   std::vector<char*> argv;
   for (const auto& argument : arguments) {
     argv.push_back(const_cast<char*>(argument.c_str()));

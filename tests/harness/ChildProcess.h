@@ -17,6 +17,7 @@ class ChildProcess {
     bool pipeStdin = false;
     bool pipeStdout = false;
     std::string outputFile;  // standard output and error go here when not piped
+    std::string errorFile;   // standard error goes here, also with standard output piped
   };
 
   ChildProcess(const std::vector<std::string>& arguments, Options options);

@@ -14,9 +14,6 @@ TestPlayerProcess::TestPlayerProcess(Options options) {
                                         std::to_string(options.frequency),
                                         "--amplitude",
                                         std::to_string(options.amplitude)};
-  if (options.clickPeriodMs > 0) {
-    arguments.insert(arguments.end(), {"--clicks", std::to_string(options.clickPeriodMs)});
-  }
   if (options.fakePIDs > 0) {
     arguments.insert(arguments.end(), {"--fake-pids", std::to_string(options.fakePIDs),
                                        "--pid-base", std::to_string(options.pidBase)});

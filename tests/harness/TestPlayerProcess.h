@@ -16,8 +16,7 @@ class TestPlayerProcess {
     std::string appID;
     double frequency = 440.0;
     double amplitude = 0.5;
-    int clickPeriodMs = 0;  // bursts this far apart instead of a steady tone
-    int fakePIDs = 0;       // further corked streams, each claiming pidBase + i
+    int fakePIDs = 0;  // further corked streams, each claiming pidBase + i
     int pidBase = 0;
     bool reconnect = false;  // connects again when the server comes back
   };

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <fstream>
+#include <iterator>
 #include <thread>
 
 #include "harness/ChildProcess.h"
@@ -63,17 +65,19 @@ class GuardTest : public testing::ServerTest {
                                  std::chrono::milliseconds(1500), &lastLevels);
   }
 
-  // Quellix with two players muted and one at half volume, ended by `signal`: the guard gives
-  // every player back its own level at once and leaves nothing of ours.
-  void endQuellixWith(int signal) {
+  // Quellix with two players muted and one at half volume, ended by `signal`: every player has
+  // its own level back at once and nothing of ours is left. A quit takes its taps down itself;
+  // only after a kill has the guard anything to clean up, which it logs as an error.
+  void endQuellixWith(int signal, bool guardCleansUp) {
     TestPlayerProcess first(
         {.appID = "org.example.First", .frequency = 440, .amplitude = kAmplitude});
     TestPlayerProcess second(
         {.appID = "org.example.Second", .frequency = 660, .amplitude = kAmplitude});
     TestPlayerProcess third(
         {.appID = "org.example.Third", .frequency = 990, .amplitude = kAmplitude});
+    const std::string log = (preferences.path() / "log").string();
     ChildProcess quellix({QUELLIX_MUTING_PROCESS, preferences.path().string()},
-                         {.pipeStdin = true, .pipeStdout = true});
+                         {.pipeStdin = true, .pipeStdout = true, .errorFile = log});
     ASSERT_EQ(quellix.readLine(std::chrono::seconds(10)), "ready");
     for (const char* command :
          {"mute org.example.First", "mute org.example.Second", "volume org.example.Third 0.5"}) {
@@ -92,6 +96,9 @@ class GuardTest : public testing::ServerTest {
         << std::chrono::duration_cast<milliseconds>(took).count() << " ms";
     // Three tones of the same level at different pitches: their powers add.
     EXPECT_NEAR(outputLevel(), kToneLevel + 4.77, kTolerance) << lastLevels;
+    std::ifstream logged(log);
+    const std::string lines((std::istreambuf_iterator<char>(logged)), {});
+    EXPECT_EQ(lines.find("[TapGuard] error") != std::string::npos, guardCleansUp) << lines;
   }
 
   // A tap sink as Quellix makes them, of the owner given.
@@ -121,11 +128,11 @@ class GuardTest : public testing::ServerTest {
 };
 
 TEST_P(GuardTest, AKilledQuellixLeavesEveryPlayerAtItsOwnLevel) {
-  endQuellixWith(SIGKILL);
+  endQuellixWith(SIGKILL, true);
 }
 
 TEST_P(GuardTest, AQuitQuellixLeavesEveryPlayerAtItsOwnLevel) {
-  endQuellixWith(SIGTERM);
+  endQuellixWith(SIGTERM, false);
 }
 
 TEST_P(GuardTest, TheSweepRemovesTheEndedOwnersTapsAndThoseOfNobodyOnly) {

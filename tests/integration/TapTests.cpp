@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <numeric>
+#include <sstream>
 
 #include "audio/CoreAudioSupport.h"
 #include "audio/pulse/PulseBackend.h"
@@ -124,6 +125,26 @@ TEST_P(TapTest, AGainScalesThePlayerWithoutARebuild) {
   tap.invalidate();
   EXPECT_NEAR(outputLevel(), kToneLevel, kTolerance);
   EXPECT_TRUE(testing::eventually([&] { return nothingOfOursLeft(); }));
+}
+
+TEST_P(TapTest, APlayerAtItsDefaultBufferingIsNotTakenAtOnce) {
+  // paplay keeps two seconds queued: a tap sink that rendered them at once would leave the IO
+  // path without sound for as long.
+  const auto tone = server->runtimeDir() / "tone.wav";
+  testing::runProgram({"sox", "-n", "-r", "48000", "-c", "2", tone.string(), "synth", "30", "sine",
+                       "440", "vol", "0.5"});
+  testing::ChildProcess player({"paplay", tone.string()}, {});
+  connectBackend();
+  ASSERT_TRUE(testing::eventually([&] { return !objectsOf(player.pid()).empty(); }));
+  ProcessMuteTap tap("Player", objectsOf(player.pid()), 0.5f);
+  std::istringstream sinks(server->pactl({"list", "sinks"}));
+  std::string line;
+  while (std::getline(sinks, line) && line.find("Name: quellix.tap.") == std::string::npos) {
+  }
+  while (std::getline(sinks, line) && line.find("\tLatency: ") == std::string::npos) {
+  }
+  EXPECT_LT(std::stol(line.substr(line.find(':') + 1)), 100000) << line;  // µs
+  EXPECT_NEAR(outputLevel(), kToneLevel - 6.02, kTolerance) << lastLevels << ioReport(tap);
 }
 
 TEST_P(TapTest, ASecondStreamOpenedWhileTappedIsSilentToo) {

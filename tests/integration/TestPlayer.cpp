@@ -3,12 +3,7 @@
 // tone), "quit". Answers each command with "ok" on standard output once the server confirmed.
 //
 //   quellix-test-player [--name NAME] [--app-id ID] [--frequency HZ] [--amplitude A]
-//                       [--clicks MS] [--fake-pids N --pid-base B] [--reconnect 1]
-//
-// --clicks plays, instead of a steady tone, a 2 ms burst of it every MS milliseconds of the
-// monotonic clock, placed in each write as if the write's first frame sounded at once: a
-// recording of the output shows each path's latency as a shift of the bursts. Wall time and
-// not samples, since a move that holds the stream up for a while would shift samples too.
+//                       [--fake-pids N --pid-base B] [--reconnect 1]
 //
 // --fake-pids opens N further streams, corked, each claiming the process id B + i, so one
 // helper stands in for N audio processes.
@@ -16,7 +11,6 @@
 // --reconnect 1 connects again when the server goes away, as often as it takes, and opens
 // its streams anew once it is back, as a desktop application does.
 #include <pulse/pulseaudio.h>
-#include <time.h>
 
 #include <cmath>
 #include <cstdio>
@@ -36,18 +30,7 @@ struct Tone {
   double frequency = 440.0;
   double amplitude = 0.5;
   double phase = 0.0;
-  std::int64_t clickPeriodNs = 0;  // 0: a steady tone
-  std::int64_t nextClickNs = 0;
-  std::uint64_t clickFramesLeft = 0;
 };
-
-std::int64_t monotonicNs() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
-
-constexpr std::uint64_t kClickFrames = kRate / 500;
 
 const pa_buffer_attr kBufferAttributes{
     static_cast<std::uint32_t>(-1), static_cast<std::uint32_t>(kRate / 50 * 8),
@@ -156,24 +139,11 @@ void write(pa_stream* stream, std::size_t bytes, void* userdata) {
   auto* tone = static_cast<Tone*>(userdata);
   std::vector<float> samples(bytes / sizeof(float));
   const double step = 2.0 * std::numbers::pi * tone->frequency / kRate;
-  const std::int64_t writtenAt = tone->clickPeriodNs > 0 ? monotonicNs() : 0;
   for (std::size_t i = 0; i + 1 < samples.size(); i += kChannels) {
-    if (tone->clickPeriodNs > 0) {
-      const auto frameAt = writtenAt + static_cast<std::int64_t>(i / kChannels) * 1'000'000'000 /
-                                           static_cast<std::int64_t>(kRate);
-      if (frameAt >= tone->nextClickNs) {
-        tone->nextClickNs = frameAt - frameAt % tone->clickPeriodNs + tone->clickPeriodNs;
-        tone->clickFramesLeft = kClickFrames;
-        tone->phase = 0.0;  // every burst starts alike
-      }
-    }
-    const bool sounding = tone->clickPeriodNs == 0 || tone->clickFramesLeft > 0;
-    const auto value =
-        sounding ? static_cast<float>(tone->amplitude * std::sin(tone->phase)) : 0.0f;
+    const auto value = static_cast<float>(tone->amplitude * std::sin(tone->phase));
     samples[i] = value;
     samples[i + 1] = value;
     tone->phase = std::fmod(tone->phase + step, 2.0 * std::numbers::pi);
-    tone->clickFramesLeft -= tone->clickFramesLeft > 0 ? 1 : 0;
   }
   pa_stream_write(stream, samples.data(), samples.size() * sizeof(float), nullptr, 0,
                   PA_SEEK_RELATIVE);
@@ -245,8 +215,6 @@ int main(int argc, char** argv) {
       player.prototype.frequency = std::atof(value);
     } else if (option == "--amplitude") {
       player.prototype.amplitude = std::atof(value);
-    } else if (option == "--clicks") {
-      player.prototype.clickPeriodNs = std::atol(value) * 1'000'000;
     } else if (option == "--fake-pids") {
       fakePIDs = std::atol(value);
     } else if (option == "--pid-base") {

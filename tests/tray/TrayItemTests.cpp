@@ -22,6 +22,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "harness/FakeStatusNotifierWatcher.h"
 #include "support/Logger.h"
@@ -223,18 +224,40 @@ TEST(TrayItemTest, ClicksAndScrollsReachTheProgram) {
 
   host.call(kItemPath, kItemInterface, QStringLiteral("Activate"), {120, 340});
   host.call(kItemPath, kItemInterface, QStringLiteral("Activate"), {0, 0});
-  host.call(kItemPath, kItemInterface, QStringLiteral("Scroll"), {3, QStringLiteral("vertical")});
+  host.call(kItemPath, kItemInterface, QStringLiteral("Scroll"), {-1, QStringLiteral("vertical")});
   host.call(kItemPath, kItemInterface, QStringLiteral("Scroll"),
-            {-2, QStringLiteral("Horizontal")});
+            {-240, QStringLiteral("Horizontal")});
 
   ASSERT_EQ(activated.size(), 2);
   EXPECT_EQ(activated.at(0).at(0).toPoint(), QPoint(120, 340));
   EXPECT_TRUE(activated.at(1).at(0).toPoint().isNull());
   ASSERT_EQ(scrolled.size(), 2);
-  EXPECT_EQ(scrolled.at(0).at(0).toInt(), 3);
+  EXPECT_EQ(scrolled.at(0).at(0).toInt(), 1);
   EXPECT_EQ(scrolled.at(0).at(1).value<Qt::Orientation>(), Qt::Vertical);
   EXPECT_EQ(scrolled.at(1).at(0).toInt(), -2);
   EXPECT_EQ(scrolled.at(1).at(1).value<Qt::Orientation>(), Qt::Horizontal);
+}
+
+TEST(ScrollReadingTest, OneNotchUpIsOneNotchUpOnEveryHost) {
+  const struct {
+    const char* host;
+    std::vector<int> deltas;
+    std::vector<int> notches;
+  } cases[] = {
+      {"xfce4-panel up, down", {-1, 1}, {1, -1}},
+      {"waybar on Wayland up, down", {-2, 2}, {1, -1}},
+      {"lxqt-panel or Plasma up, down, two at once", {120, -120, 240}, {1, -1, 2}},
+      {"a Qt touchpad in parts", {50, 50, 50, -150}, {0, 0, 1, -1}},
+      {"small parts once the host sent a full notch", {-120, -1, -2, -117}, {-1, 0, 0, -1}},
+  };
+  for (const auto& c : cases) {
+    ScrollReading reading;
+    std::vector<int> notches;
+    for (const int delta : c.deltas) {
+      notches.push_back(reading.notches(delta));
+    }
+    EXPECT_EQ(notches, c.notches) << c.host;
+  }
 }
 
 TEST(TrayItemTest, TheSymbolPicksTheThemeIconAndSendsPicturesInNetworkByteOrder) {

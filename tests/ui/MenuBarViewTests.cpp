@@ -236,12 +236,13 @@ TEST_F(PanelTest, EveryButtonCallsItsAction) {
   EXPECT_EQ(quits, 2);
 }
 
-TEST_F(PanelTest, RowsFollowTheListAndAChangedListAnimates) {
+TEST_F(PanelTest, RowsFollowTheListAndAChangedListAnimatesAndShrinksBack) {
   startWithApps(2);
   std::vector<AppRowView*> before = panel->rows();
   ASSERT_EQ(before.size(), 2u);
   const int height = panel->height();
-  addPlayingApp(2000, "org.example.Late", "Late");
+  const int firstRowTop = before[0]->mapTo(panel.get(), QPoint(0, 0)).y();
+  const AudioObjectID late = addPlayingApp(2000, "org.example.Late", "Late");
   state->monitor().refresh();
   settle();
   EXPECT_EQ(panel->listChangeCount(), 1);
@@ -251,6 +252,17 @@ TEST_F(PanelTest, RowsFollowTheListAndAChangedListAnimates) {
   }
   QTest::qWait(MenuBarView::kListAnimationMilliseconds + 100);
   EXPECT_EQ(panel->height(), height + panel->rows().at(0)->height() + 1);
+
+  sim->removeProcess(late);
+  state->monitor().refresh();
+  for (const char* moment : {"after the row left", "after closing and reopening"}) {
+    settle();
+    QTest::qWait(MenuBarView::kListAnimationMilliseconds + 100);
+    EXPECT_EQ(panel->height(), height) << moment;
+    EXPECT_EQ(before[0]->mapTo(panel.get(), QPoint(0, 0)).y(), firstRowTop) << moment;
+    panel->hide();
+    panel->show();
+  }
 }
 
 }  // namespace

@@ -589,6 +589,8 @@ std::optional<PropertyValue> PulseBackend::propertyValue(AudioObjectID object,
       return PropertyValue::of(process->pid);
     if (selector == kAudioProcessPropertyBundleID)
       return PropertyValue::text(process->bundleID);
+    if (selector == kAudioProcessPropertyApplicationName)
+      return PropertyValue::text(process->applicationName);
     if (selector == kAudioProcessPropertyIsRunning) {
       return PropertyValue::of(static_cast<UInt32>(process->running ? 1 : 0));
     }
@@ -878,9 +880,13 @@ OSStatus PulseBackend::createProcessTap(const CATapDescription& description,
   tap.sampleRate = output != nullptr && output->sampleRate > 0
                        ? static_cast<std::uint32_t>(output->sampleRate)
                        : 48000;
+  // A null sink renders as far ahead as its clients let it, up to two seconds: a player at its
+  // default buffering moved onto it would have that much consumed at once, before the IO path
+  // is there to ask for small blocks, and the path would then starve for as long. Without
+  // rewinds it renders at most 50 ms ahead.
   const std::string arguments =
       "sink_name=" + tap.sinkName + " rate=" + std::to_string(tap.sampleRate) +
-      " channels=2 format=float32le sink_properties=\"device.description='" +
+      " channels=2 format=float32le norewinds=1 sink_properties=\"device.description='" +
       sanitizedLabel(description.name()) + "' " + pulse::kTapOwnerProperty + "=" +
       std::to_string(::getpid()) + " " + pulse::kTapOwnerStartProperty + "=" +
       pulse::processStartTime(::getpid()) + " " + pulse::kTapUUIDProperty + "=" + tap.uuid + "\"";

@@ -243,6 +243,7 @@ void PulseIOPath::underflowCallback(pa_stream*, void* userdata) {
 }
 
 void PulseIOPath::onReadable(std::size_t readable) {
+  delivered_ = true;
   // Every libpulse call costs a system call of its own (a fork check), so the loop peeks only
   // as many fragments as the server announced and asks for no latency here.
   const std::size_t room =
@@ -370,8 +371,10 @@ void PulseIOPath::writeSilenceFrames(std::size_t frames) {
 
 void PulseIOPath::onUnderrun() {
   underruns_.fetch_add(1, std::memory_order_relaxed);
-  // What it holds from now on is published with the next tick.
-  if (!quiet_) {
+  // What it holds from now on is published with the next tick. Until the monitor first
+  // delivers, the playback runs dry for want of sound, not of latency: the tap sink may still
+  // be rendering ahead what it took from its players before this path asked for small blocks.
+  if (!quiet_ && delivered_) {
     held_.onUnderrun();
   }
   // After an underrun the server waits for a fragment and then plays on from a near-empty

@@ -111,6 +111,7 @@ class PulseIOPath {
   double smoothedLatencyMs_ = -1;
   std::size_t skipBytes_ = 0;
   bool quiet_ = false;
+  bool delivered_ = false;          // the monitor delivered at least once
   std::size_t silencedFrames_ = 0;  // sound in that the block made silent, in a row
   std::size_t owedFrames_ = 0;
   int lastTickLength_ = 1;  // in ticks of the usual pace

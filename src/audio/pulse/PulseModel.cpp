@@ -11,6 +11,7 @@ constexpr const char* kVerifiedPID = "pipewire.sec.pid";
 constexpr const char* kReportedPID = "application.process.id";
 constexpr const char* kSandboxAppID = "pipewire.access.portal.app_id";
 constexpr const char* kApplicationID = "application.id";
+constexpr const char* kApplicationName = "application.name";
 // Removed indices remembered per kind of object, against late replies.
 constexpr std::size_t kRemovedIndicesKept = 256;
 
@@ -262,6 +263,11 @@ AudioSnapshot PulseModel::snapshot(bool connected) {
     process.pid = *pid;
     if (process.bundleID.empty()) {
       process.bundleID = streamBundleID(stream, owner);
+    }
+    if (process.applicationName.empty()) {
+      if (const auto* name = lookup(stream, owner, kApplicationName)) {
+        process.applicationName = *name;
+      }
     }
     process.running = process.running || !stream.corked;
     if (isSinkInput) {

@@ -54,8 +54,9 @@ struct ProcessObject {
   AudioObjectID id = kAudioObjectUnknown;
   SInt32 pid = 0;
   std::string bundleID;
-  bool running = false;        // some stream is not corked
-  bool runningOutput = false;  // some sink input is not corked
+  std::string applicationName;  // what its first stream that says calls its application
+  bool running = false;         // some stream is not corked
+  bool runningOutput = false;   // some sink input is not corked
   std::vector<std::uint32_t> sinkInputs;
   std::vector<std::uint32_t> sourceOutputs;
 };

@@ -258,6 +258,8 @@ std::optional<PropertyValue> SimAudioBackend::propertyValue(
       return PropertyValue::of(p.pid);
     if (selector == kAudioProcessPropertyBundleID)
       return PropertyValue::text(p.bundleID);
+    if (selector == kAudioProcessPropertyApplicationName)
+      return PropertyValue::text(p.applicationName);
     if (selector == kAudioProcessPropertyIsRunning) {
       return PropertyValue::of(static_cast<UInt32>(p.running ? 1 : 0));
     }

@@ -21,9 +21,10 @@ class SimAudioBackend final : public AudioBackend {
   struct Process {
     SInt32 pid = 0;
     std::string bundleID;
-    bool running = true;        // "pir?": some input or output is running
-    bool runningOutput = true;  // "piro"
-    float level = 0.5f;         // the constant sample value it plays on every channel
+    std::string applicationName;  // "qapn"
+    bool running = true;          // "pir?": some input or output is running
+    bool runningOutput = true;    // "piro"
+    float level = 0.5f;           // the constant sample value it plays on every channel
   };
 
   struct Device {

@@ -133,6 +133,10 @@ void AudioProcessMonitor::refresh() {
     std::string name;
     if (owner && owner->localizedName) {
       name = *owner->localizedName;
+    } else if (auto streamsName = readProcessApplicationName(object)) {
+      // Without a desktop entry the streams' name is the one the user knows: paplay, say,
+      // runs as the executable pacat.
+      name = std::move(*streamsName);
     } else if (ownBundleID) {
       name = ownBundleID->substr(ownBundleID->rfind('.') + 1);
     } else if (auto executable = processName(pid)) {

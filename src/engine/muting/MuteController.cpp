@@ -55,6 +55,14 @@ std::shared_ptr<MuteController> MuteController::create(MainQueue& queue, Default
 MuteController::MuteController(DefaultsStore& defaults, const WallClock& clock)
     : defaults_(defaults), clock_(clock) {}
 
+MuteController::~MuteController() {
+  // A quit is no crash: the streams go back now rather than being left for the guard, which
+  // reports what it has to clean up as an error.
+  for (auto& [key, tap] : taps_) {
+    tap->invalidate();
+  }
+}
+
 void MuteController::load() {
   const auto muted = defaults_.stringArray(kMutedBundleIDsKey);
   mutedKeys_.set(muted ? std::set<std::string>(muted->begin(), muted->end())

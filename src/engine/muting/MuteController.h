@@ -28,6 +28,11 @@ class MuteController : public std::enable_shared_from_this<MuteController> {
   // the default output device.
   static std::shared_ptr<MuteController> create(MainQueue& queue, DefaultsStore& defaults,
                                                 const WallClock& clock);
+  // Takes every tap down: each application plays on its own device again before the program
+  // goes. Needs the audio backend still installed.
+  ~MuteController();
+  MuteController(const MuteController&) = delete;
+  MuteController& operator=(const MuteController&) = delete;
 
   const Observable<std::set<std::string>>& mutedKeys() const { return mutedKeys_; }
   const Observable<std::map<std::string, float>>& volumes() const { return volumes_; }
