@@ -5,7 +5,7 @@
 
 #include "app/PanelHost.h"
 #include "audio/BackendSelection.h"
-#include "desktop/mpris/Accessibility.h"
+#include "desktop/mpris/MprisPlayers.h"
 #include "desktop/runtime/HttpClient.h"
 #include "desktop/runtime/QtMainQueue.h"
 #include "desktop/runtime/SingleInstance.h"
@@ -144,17 +144,17 @@ int QuellixApp::run(int argc, char** argv, std::shared_ptr<LogSink> logs) {
   QtMainQueue queue;
   // The backend's thread posts to the queue: it must be gone before the queue is.
   AudioHardware hardware(backendFromEnvironment(logs));
-  // Why the media keys reach no player belongs in the program's log.
-  installAccessibilityTrust(makeDesktopAccessibilityTrust(logs));
 
   DefaultsStore defaults(DefaultsStore::standardPath(), queue, logs);
   SystemWallClock clock;
+  MprisPlayers mediaPlayers(logs);
   QuellixApp scene({
       .queue = queue,
       .audio = hardware,
       .defaults = defaults,
       .clock = clock,
       .logs = logs,
+      .mediaPlayers = mediaPlayers,
       .workspace = std::make_shared<Workspace>(Workspace::systemRoots()),
       .loginItem = makeLoginItem(),
       .http = makeQtHttpClient(),

@@ -10,7 +10,6 @@
 
 #include "audio/AudioHardware.h"
 #include "audio/CoreAudioSupport.h"
-#include "desktop/apps/ProcessResponsibility.h"
 #include "engine/monitor/AudioProcessMonitor.h"
 #include "engine/muting/ProcessMuteTap.h"
 #include "engine/volume/SystemVolumeController.h"
@@ -161,7 +160,6 @@ int run(const Context& context, const std::string& target) {
   log(context, "=== Quellix Spike @ " + currentDateDescription() + " — target: " + target);
   try {
     const pid_t pid = targetPID(context, target);
-    const auto responsible = lookupResponsibilityFunction();
     std::vector<AudioObjectID> matched;
     for (const AudioObjectID object : readProcessList(context.hardware)) {
       SInt32 objectPID = 0;
@@ -171,12 +169,7 @@ int run(const Context& context, const std::string& target) {
       } catch (const TextError&) {
         continue;
       }
-      if (objectPID < 0) {
-        continue;
-      }
-      const pid_t responsiblePID =
-          responsible != nullptr && responsible(objectPID) > 0 ? responsible(objectPID) : objectPID;
-      if (objectPID != pid && responsiblePID != pid) {
+      if (objectPID != pid) {
         continue;
       }
       bool runningOutput = false;
@@ -188,7 +181,6 @@ int run(const Context& context, const std::string& target) {
       }
       log(context, "  match: object #" + std::to_string(object) +
                        " pid=" + std::to_string(objectPID) +
-                       " responsible=" + std::to_string(responsiblePID) +
                        " bundle=" + readProcessBundleID(context.hardware, object).value_or("?") +
                        " runningOutput=" + (runningOutput ? "true" : "false"));
       matched.push_back(object);

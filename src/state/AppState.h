@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "desktop/login/LoginItem.h"
+#include "desktop/mpris/MediaPlayers.h"
 #include "engine/monitor/AudioProcessMonitor.h"
 #include "engine/muting/MuteController.h"
 #include "engine/volume/SystemVolumeController.h"
@@ -27,6 +28,7 @@ struct AppEnvironment {
   DefaultsStore& defaults;
   const WallClock& clock;
   std::shared_ptr<LogSink> logs;
+  MediaPlayers& mediaPlayers;
   std::shared_ptr<Workspace> workspace;
   std::shared_ptr<LoginItem> loginItem;
   std::shared_ptr<HttpClient> http;
@@ -51,6 +53,7 @@ class AppState : public std::enable_shared_from_this<AppState> {
   SystemVolumeController& systemVolume() const { return *systemVolume_; }
   UpdateChecker& updates() const { return *updates_; }
   WindowCoordinator& windows() const { return *windows_; }
+  MediaPlayers& mediaPlayers() const { return environment_.mediaPlayers; }
   MainQueue& queue() const { return environment_.queue; }
   const Observable<bool>& launchAtLogin() const { return launchAtLogin_; }
 

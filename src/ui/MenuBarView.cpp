@@ -9,7 +9,6 @@
 #include <QSignalBlocker>
 #include <QVBoxLayout>
 
-#include "engine/media/MediaKeys.h"
 #include "ui/AppRowView.h"
 #include "ui/Hairline.h"
 #include "ui/PlainButton.h"
@@ -51,14 +50,13 @@ constexpr int kFooterSize = 11;
 struct MediaButtonSpec {
   const char* symbol;
   const char* help;
-  std::int32_t key;
+  MediaKey key;
 };
 
 const MediaButtonSpec kMediaButtons[] = {
-    {"backward.fill", QT_TRANSLATE_NOOP("MenuBarView", "Vorheriger Titel"),
-     MediaKeys::kPreviousTrack},
-    {"playpause.fill", QT_TRANSLATE_NOOP("MenuBarView", "Wiedergabe/Pause"), MediaKeys::kPlayPause},
-    {"forward.fill", QT_TRANSLATE_NOOP("MenuBarView", "Nächster Titel"), MediaKeys::kNextTrack},
+    {"backward.fill", QT_TRANSLATE_NOOP("MenuBarView", "Vorheriger Titel"), MediaKey::previous},
+    {"playpause.fill", QT_TRANSLATE_NOOP("MenuBarView", "Wiedergabe/Pause"), MediaKey::playPause},
+    {"forward.fill", QT_TRANSLATE_NOOP("MenuBarView", "Nächster Titel"), MediaKey::next},
 };
 
 QString translated(const char* text) {
@@ -160,7 +158,7 @@ void MenuBarView::build() {
     const QString help = translated(spec.help);
     button->setTooltipText(help);
     button->setAccessibleName(help);
-    button->onClick([key = spec.key] { MediaKeys::send(key); });
+    button->onClick([this, key = spec.key] { state_.mediaPlayers().send(key); });
     media->addWidget(button);
     mediaButtons_.push_back(button);
   }

@@ -11,7 +11,6 @@
 #include <QVBoxLayout>
 #include <memory>
 
-#include "desktop/mpris/Accessibility.h"
 #include "support/BuildInfo.h"
 #include "ui/AppIconView.h"
 #include "ui/PageDots.h"
@@ -98,7 +97,7 @@ OnboardingView::OnboardingView(AppState& state, std::function<void()> close, QWi
     : QWidget(parent),
       state_(state),
       close_(std::move(close)),
-      mediaPermissionGranted_(AXIsProcessTrusted()) {
+      mediaPermissionGranted_(!state.mediaPlayers().unreachableReason()) {
   setFixedSize(kSize);
   auto* stack = new QVBoxLayout(this);
   stack->setContentsMargins(0, 0, 0, 0);
@@ -398,7 +397,7 @@ void OnboardingView::resizeEvent(QResizeEvent* event) {
 }
 
 void OnboardingView::requestPermission() {
-  AXIsProcessTrustedWithOptions({.prompt = true});
+  state_.mediaPlayers().explainUnreachable();
   pollMediaPermission();
 }
 
@@ -412,7 +411,7 @@ void OnboardingView::pollMediaPermission() {
                                      return;
                                    }
                                    --*remaining;
-                                   if (AXIsProcessTrusted()) {
+                                   if (!self->state_.mediaPlayers().unreachableReason()) {
                                      self->setMediaPermissionGranted(true);
                                      handle->cancel();
                                    } else if (*remaining <= 0) {

@@ -34,7 +34,8 @@ class OnboardingView : public QWidget {
 
   void forward();
   void back();
-  // Asks the system for the permission and watches for it being granted.
+  // The media keys need no permission, only players they can reach: says in the log why they
+  // cannot, and watches for them becoming reachable.
   void requestPermission();
   void pollMediaPermission();
 

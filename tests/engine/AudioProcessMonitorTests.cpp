@@ -3,21 +3,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 
 #include "audio/CoreAudioSupport.h"
 #include "harness/FakeSystem.h"
 #include "harness/TestSupport.h"
-
-// The responsibility function the monitor finds among the program's symbols. Linux has none;
-// this test program defines one so the rule can be exercised.
-namespace {
-std::map<pid_t, pid_t> responsiblePIDs;
-}
-extern "C" pid_t responsibility_get_pid_responsible_for_pid(pid_t pid) {
-  const auto found = responsiblePIDs.find(pid);
-  return found == responsiblePIDs.end() ? 0 : found->second;
-}
 
 namespace quellix {
 namespace {
@@ -27,11 +18,6 @@ using testing::FakeSystem;
 
 class AudioProcessMonitorTest : public testing::SimTest {
  protected:
-  void SetUp() override {
-    SimTest::SetUp();
-    responsiblePIDs.clear();
-  }
-
   std::shared_ptr<AudioProcessMonitor> makeMonitor() {
     auto monitor = AudioProcessMonitor::create(queue, hardware,
                                                std::make_shared<Workspace>(system.roots()), logs);
@@ -56,8 +42,7 @@ TEST_F(AudioProcessMonitorTest, GroupsHelperProcessesUnderTheOwningApplication) 
   system.addProcess({.pid = 100, .executable = "browser"});
   system.addProcess({.pid = 101, .parent = 100, .executable = "renderer"});
   system.addProcess({.pid = 102, .parent = 101, .executable = "audio-helper"});
-  system.addProcess({.pid = 300, .parent = 1, .executable = "xpc-service"});
-  responsiblePIDs[300] = 100;  // started by the system, but on the browser's behalf
+  system.addProcess({.pid = 300, .parent = 100, .executable = "audio-service"});
   const AudioObjectID helper = sim->addProcess({.pid = 102, .runningOutput = false});
   const AudioObjectID service = sim->addProcess({.pid = 300, .runningOutput = true});
   const AudioObjectID idle =
@@ -94,12 +79,6 @@ TEST_F(AudioProcessMonitorTest, ResolvesOwnersByTheRulesInOrder) {
   };
   EXPECT_EQ(owner(200), 200) << "a proper application owns itself";
   EXPECT_EQ(owner(202), 200) << "nearest ancestor";
-  responsiblePIDs[202] = 210;
-  EXPECT_EQ(owner(202), 210) << "the responsible process wins over the parent chain";
-  responsiblePIDs[202] = 202;
-  EXPECT_EQ(owner(202), 200) << "its own PID falls through to the walk";
-  responsiblePIDs[202] = 0;
-  EXPECT_EQ(owner(202), 200);
   EXPECT_EQ(owner(220), -1) << "started by the system launcher";
   EXPECT_EQ(owner(0), -1);
   EXPECT_EQ(owner(1), -1);
@@ -112,28 +91,41 @@ TEST_F(AudioProcessMonitorTest, ResolvesOwnersByTheRulesInOrder) {
   EXPECT_FALSE(monitor->resolveOwningApp(5, fixed));
 }
 
-TEST_F(AudioProcessMonitorTest, HiddenFilterMatchesItsCaseRules) {
+TEST_F(AudioProcessMonitorTest, TheSoundServerQuellixAndOtherVolumeControlsAreNoRows) {
   struct Case {
-    std::optional<std::string> bundleID;
-    std::string name;
-    bool hidden;
+    const char* what;
+    pid_t pid;
+    std::string executable;  // empty: unreadable, the kernel's short name counts
+    std::string comm;
+    std::string bundleID;
+    bool listed;
   };
   const Case cases[] = {
-      {"com.apple.audio.Helper", "x", true},
-      {"com.apple.audiofoo", "x", true},
-      {"com.apple.Music", "Music", false},
-      {"COM.APPLE.SIRI", "x", false},
-      {"com.apple.Siri", "x", true},
-      {"com.apple.NotificationCenter", "x", true},
-      {std::nullopt, "CoreAudiod-Helper", true},
-      {std::nullopt, "coreaudiodX", true},
-      {"org.example", "SystemSoundServer", true},
-      {std::nullopt, "audio", false},
-      {std::nullopt, "xcoreaudiod", false},
+      {"PipeWire", 700, "pipewire", "pipewire", "", false},
+      {"PipeWire's pulse server, a link to it", 701, "pipewire", "pipewire-pulse", "", false},
+      {"the session manager", 702, "wireplumber", "wireplumber", "", false},
+      {"a system-wide PulseAudio", 703, "", "pulseaudio", "", false},
+      {"pavucontrol", 704, "pavucontrol", "pavucontrol", "org.PulseAudio.pavucontrol", false},
+      {"pwvucontrol", 705, "pwvucontrol", "pwvucontrol", "", false},
+      {"a panel metering under the mixers' id", 706, "plasmashell", "plasmashell",
+       "org.PulseAudio.pavucontrol", false},
+      {"GNOME's level meters", 707, "gnome-shell", "gnome-shell", "org.gnome.VolumeControl", false},
+      {"Quellix itself", ::getpid(), "quellix", "quellix", "", false},
+      {"a panel playing a sound", 708, "plasmashell", "plasmashell", "org.kde.plasmashell", true},
+      {"a player named like the server", 709, "pipewire-player", "pipewire-player", "", true},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(AudioProcessMonitor::isHidden(c.bundleID, c.name), c.hidden)
-        << c.bundleID.value_or("-") << " / " << c.name;
+  for (const Case& c : cases) {
+    system.addProcess({.pid = c.pid, .executable = c.executable, .comm = c.comm});
+    sim->addProcess({.pid = c.pid, .bundleID = c.bundleID});
+  }
+  auto monitor = makeMonitor();
+  monitor->refresh();
+  std::vector<pid_t> listed;
+  for (const AudioApp& app : monitor->apps().get()) {
+    listed.push_back(app.id);
+  }
+  for (const Case& c : cases) {
+    EXPECT_EQ(std::count(listed.begin(), listed.end(), c.pid), c.listed ? 1 : 0) << c.what;
   }
 }
 
@@ -148,7 +140,6 @@ TEST_F(AudioProcessMonitorTest, NamesFallBackDownToTheProcessID) {
   sim->addProcess({.pid = 401, .bundleID = "org.example.Suffix"});
   sim->addProcess({.pid = 402});
   sim->addProcess({.pid = 403});  // no /proc entry at all
-  sim->addProcess({.pid = ::getpid()});
   auto monitor = makeMonitor();
   monitor->refresh();
   const auto& apps = monitor->apps().get();

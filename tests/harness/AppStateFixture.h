@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,17 @@ class FakeLoginItem final : public LoginItem {
     }
     status_ = result;
   }
+};
+
+// Media players that keep the keys sent to them; reachable unless the test gives a reason.
+class FakeMediaPlayers final : public MediaPlayers {
+ public:
+  explicit FakeMediaPlayers(std::shared_ptr<LogSink> logs) : MediaPlayers(std::move(logs)) {}
+  void send(MediaKey key) override { sent.push_back(key); }
+  std::optional<std::string> unreachableReason() const override { return reason; }
+
+  std::vector<MediaKey> sent;
+  std::optional<std::string> reason;
 };
 
 // An auxiliary window that only counts what is done to it.
@@ -73,6 +85,7 @@ class AppStateTest : public SimTest {
         .defaults = *defaults,
         .clock = clock,
         .logs = logs,
+        .mediaPlayers = mediaPlayers,
         .workspace = std::make_shared<Workspace>(system.roots()),
         .loginItem = loginItem,
         .http = http,
@@ -108,6 +121,7 @@ class AppStateTest : public SimTest {
   FakeSystem system;
   TemporaryDirectory directory;
   ManualWallClock clock;
+  FakeMediaPlayers mediaPlayers{logs};
   std::unique_ptr<DefaultsStore> defaults;
   std::shared_ptr<FakeLoginItem> loginItem = std::make_shared<FakeLoginItem>();
   std::shared_ptr<FakeHttpClient> http = std::make_shared<FakeHttpClient>();

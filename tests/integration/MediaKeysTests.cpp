@@ -12,11 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "desktop/mpris/Accessibility.h"
-#include "desktop/mpris/EventPoster.h"
-#include "desktop/mpris/MprisCommand.h"
-#include "desktop/mpris/MprisEventPoster.h"
-#include "engine/media/MediaKeys.h"
+#include "desktop/mpris/MprisPlayers.h"
 #include "harness/ChildProcess.h"
 #include "harness/DBusClient.h"
 #include "harness/LevelMeter.h"
@@ -46,7 +42,7 @@ QCoreApplication& application() {
 }
 
 // Real media players (mpv with its MPRIS plugin) on a private session bus and a private sound
-// server, and the program's own poster following them.
+// server, and the program's own MPRIS client following them.
 class MediaKeysIntegrationTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -58,16 +54,12 @@ class MediaKeysIntegrationTest : public ::testing::Test {
     connection_ = std::make_unique<QDBusConnection>(testing::connectPrivately());
     ASSERT_TRUE(connection_->isConnected());
 
-    poster_ = std::make_shared<MprisEventPoster>();
-    previousPoster_ = installEventPoster(poster_);
-    previousTrust_ = installAccessibilityTrust(makeDesktopAccessibilityTrust(logs_));
-    ASSERT_TRUE(AXIsProcessTrusted());
+    mpris_ = std::make_unique<MprisPlayers>(logs_, QString::fromStdString(bus_->address()));
+    ASSERT_FALSE(mpris_->unreachableReason());
   }
 
   void TearDown() override {
-    installEventPoster(previousPoster_);
-    installAccessibilityTrust(previousTrust_);
-    poster_.reset();
+    mpris_.reset();
     players_.clear();
     QDBusConnection::disconnectFromBus(connection_->name());
     connection_.reset();
@@ -83,7 +75,7 @@ class MediaKeysIntegrationTest : public ::testing::Test {
     return file.string();
   }
 
-  // Starts a player on `files` and returns its name on the bus once the poster knows it.
+  // Starts a player on `files` and returns its name on the bus once Quellix knows it.
   QString startPlayer(const std::vector<std::string>& files) {
     std::vector<std::string> command = {
         "mpv",       "--no-video",      "--no-config",   "--ao=pulse",
@@ -96,8 +88,8 @@ class MediaKeysIntegrationTest : public ::testing::Test {
     QString name;
     EXPECT_TRUE(eventually([&] {
       name = testing::nameOwnedBy(*connection_, pid, QStringLiteral("org.mpris.MediaPlayer2."));
-      return !name.isEmpty() && poster_->isFollowing() &&
-             poster_->choice().status(name.toStdString()).has_value();
+      return !name.isEmpty() && mpris_->isFollowing() &&
+             mpris_->choice().status(name.toStdString()).has_value();
     })) << "mpv did not show up on the bus; see "
         << log;
     return name;
@@ -120,11 +112,11 @@ class MediaKeysIntegrationTest : public ::testing::Test {
     testing::callAndWait(*connection_, player, kPlayerPath, kPlayerInterface, method);
   }
 
-  // Until the player reports `expected` and the poster has heard of it.
+  // Until the player reports `expected` and Quellix has heard of it.
   bool becomes(const QString& player, const std::string& expected) {
     const auto wanted = parsePlaybackStatus(expected);
     return eventually([&] {
-      return status(player) == expected && poster_->choice().status(player.toStdString()) == wanted;
+      return status(player) == expected && mpris_->choice().status(player.toStdString()) == wanted;
     });
   }
 
@@ -138,7 +130,7 @@ class MediaKeysIntegrationTest : public ::testing::Test {
     return testing::settledLevel(server_->runtimeDir(), "out1.monitor", kLevelSpan);
   }
 
-  std::shared_ptr<MprisEventPoster> poster_;
+  std::unique_ptr<MprisPlayers> mpris_;
   std::vector<std::unique_ptr<ChildProcess>> players_;
 
  private:
@@ -146,19 +138,17 @@ class MediaKeysIntegrationTest : public ::testing::Test {
   std::unique_ptr<SoundServer> server_;
   std::unique_ptr<testing::SessionBus> bus_;
   std::unique_ptr<QDBusConnection> connection_;
-  std::shared_ptr<EventPoster> previousPoster_;
-  std::shared_ptr<AccessibilityTrust> previousTrust_;
 };
 
 TEST_F(MediaKeysIntegrationTest, PlayPausePausesThePlayerAndASecondPressResumesIt) {
   const QString player = startPlayer({tone("a", 440)});
   ASSERT_TRUE(becomes(player, "Playing"));
 
-  MediaKeys::send(MediaKeys::kPlayPause);
+  mpris_->send(MediaKey::playPause);
   EXPECT_TRUE(becomes(player, "Paused"));
   EXPECT_LT(level(), kSilentBelowDbfs);
 
-  MediaKeys::send(MediaKeys::kPlayPause);
+  mpris_->send(MediaKey::playPause);
   EXPECT_TRUE(becomes(player, "Playing"));
   EXPECT_GT(level(), kHeardAboveDbfs);
 }
@@ -170,12 +160,12 @@ TEST_F(MediaKeysIntegrationTest, TheButtonsActOnThePlayingOneAndThenOnTheLastTha
   ASSERT_TRUE(becomes(paused, "Paused"));
   ASSERT_TRUE(becomes(playing, "Playing"));
 
-  MediaKeys::send(MediaKeys::kPlayPause);
+  mpris_->send(MediaKey::playPause);
   EXPECT_TRUE(becomes(playing, "Paused"));
   EXPECT_EQ(status(paused), "Paused");
 
   // Nothing plays now; the one just paused changed last.
-  MediaKeys::send(MediaKeys::kPlayPause);
+  mpris_->send(MediaKey::playPause);
   EXPECT_TRUE(becomes(playing, "Playing"));
   EXPECT_EQ(status(paused), "Paused");
 }
@@ -186,9 +176,9 @@ TEST_F(MediaKeysIntegrationTest, NextAndPreviousChangeTheTrack) {
   const QString player = startPlayer({first, second});
   ASSERT_TRUE(eventually([&] { return track(player) == "file://" + first; }));
 
-  MediaKeys::send(MediaKeys::kNextTrack);
+  mpris_->send(MediaKey::next);
   EXPECT_TRUE(eventually([&] { return track(player) == "file://" + second; }));
-  MediaKeys::send(MediaKeys::kPreviousTrack);
+  mpris_->send(MediaKey::previous);
   EXPECT_TRUE(eventually([&] { return track(player) == "file://" + first; }));
 }
 
@@ -200,13 +190,13 @@ TEST_F(MediaKeysIntegrationTest, APlayerKilledBeforeItIsReachedIsPassedOverSilen
   ASSERT_TRUE(becomes(doomed, "Playing"));
 
   // The press has chosen the playing player and is on its way to it.
-  MediaKeys::send(MediaKeys::kPlayPause);
+  mpris_->send(MediaKey::playPause);
   players_.front()->signal(SIGKILL);
   players_.front()->wait(std::chrono::seconds(5));
   ASSERT_TRUE(
-      eventually([&] { return !poster_->choice().status(doomed.toStdString()).has_value(); }));
+      eventually([&] { return !mpris_->choice().status(doomed.toStdString()).has_value(); }));
 
-  MediaKeys::send(MediaKeys::kPlayPause);
+  mpris_->send(MediaKey::playPause);
   EXPECT_TRUE(becomes(survivor, "Playing"));
 }
 

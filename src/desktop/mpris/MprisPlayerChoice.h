@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "desktop/mpris/MprisCommand.h"
+#include "desktop/mpris/MprisPlayerState.h"
 
 namespace quellix {
 

@@ -3,12 +3,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <set>
+#include <span>
+#include <string_view>
 
 #include "audio/CoreAudioSupport.h"
 #include "desktop/apps/LocalizedCompare.h"
-#include "desktop/apps/ProcessResponsibility.h"
 
 namespace quellix {
 namespace {
@@ -16,34 +16,29 @@ namespace {
 constexpr const char* kFallbackSymbol = "waveform";
 constexpr const char* kUnnamedProcessPrefix = "Prozess ";
 
-std::string lowerCased(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
+// Executables no user wants as a row: the sound server and the session manager themselves,
+// and other volume controls, whose level meters record every output.
+constexpr std::string_view kHiddenExecutables[] = {
+    "pipewire",   "pipewire-pulse", "pipewire-media-session", "wireplumber",
+    "pulseaudio", "pavucontrol",    "pavucontrol-qt",         "pwvucontrol",
+    "pasystray",  "kmix",
+};
+
+// The application ids volume controls give their level meters' streams, so that one mixer
+// can leave out another's meters. A panel's volume plugin meters under them too, inside the
+// panel's process: the process carries the id of its first stream, and that is a meter's only
+// while it plays nothing.
+constexpr std::string_view kHiddenApplicationIDs[] = {
+    "org.PulseAudio.pavucontrol",
+    "org.gnome.VolumeControl",
+    "org.kde.kmixd",
+};
+
+bool isOneOf(const std::optional<std::string>& value, std::span<const std::string_view> hidden) {
+  return value && std::find(hidden.begin(), hidden.end(), *value) != hidden.end();
 }
 
 }  // namespace
-
-const std::array<const char*, 7> AudioProcessMonitor::hiddenProcessNames = {
-    "coreaudiod",         "audiomxd",   "systemsoundserverd", "systemsound",
-    "speechrecognitiond", "dictationd", "corespeech"};
-
-const std::array<const char*, 15> AudioProcessMonitor::hiddenBundlePrefixes = {
-    "com.apple.siri",
-    "com.apple.Siri",
-    "com.apple.assistant",
-    "com.apple.audio",
-    "com.apple.coreaudio",
-    "com.apple.mediaremote",
-    "com.apple.speech",
-    "com.apple.corespeech",
-    "com.apple.dictation",
-    "com.apple.notificationcenter",
-    "com.apple.NotificationCenter",
-    "com.apple.UserNotifications",
-    "com.apple.hearingd",
-    "com.apple.accessibility",
-    "com.apple.VoiceControl"};
 
 std::string AudioApp::key() const {
   return bundleID ? *bundleID : "pid:" + std::to_string(id);
@@ -121,6 +116,7 @@ void AudioProcessMonitor::refresh() {
     SInt32 pid = 0;
     try {
       pid = read<SInt32>(hardware_, object, globalAddress(kAudioProcessPropertyPID), 0);
+      // Quellix's own streams are its taps' playback.
       if (pid < 0 || pid == ownPID) {
         continue;
       }
@@ -130,9 +126,15 @@ void AudioProcessMonitor::refresh() {
     } catch (const TextError&) {
       continue;
     }
+    const auto ownBundleID = readProcessBundleID(hardware_, object);
+    // By the process itself, not its owner: a volume control started from a terminal is still
+    // no row of the terminal's.
+    if (isOneOf(processName(pid), kHiddenExecutables) ||
+        isOneOf(ownBundleID, kHiddenApplicationIDs)) {
+      continue;
+    }
     const auto owner = resolveOwningApp(pid, runningByPID);
     const pid_t ownerPID = owner ? owner->pid : pid;
-    const auto ownBundleID = readProcessBundleID(hardware_, object);
     const auto bundleID = owner && owner->bundleIdentifier ? owner->bundleIdentifier : ownBundleID;
 
     std::string name;
@@ -148,9 +150,6 @@ void AudioProcessMonitor::refresh() {
       name = std::move(*executable);
     } else {
       name = kUnnamedProcessPrefix + std::to_string(pid);
-    }
-    if (isHidden(bundleID, name)) {
-      continue;
     }
     bool playing = false;
     try {
@@ -249,14 +248,6 @@ std::optional<RunningApplication> AudioProcessMonitor::resolveOwningApp(
   if (const auto* direct = proper(pid)) {
     return *direct;
   }
-  if (const auto responsible = lookupResponsibilityFunction()) {
-    const pid_t owner = responsible(pid);
-    if (owner >= 1 && owner != pid) {
-      if (const auto* application = proper(owner)) {
-        return *application;
-      }
-    }
-  }
   if (pid < 2) {
     return std::nullopt;
   }
@@ -278,24 +269,6 @@ std::optional<RunningApplication> AudioProcessMonitor::resolveOwningApp(
 
 std::optional<std::string> AudioProcessMonitor::processName(pid_t pid) {
   return workspace_->processName(pid);
-}
-
-bool AudioProcessMonitor::isHidden(const std::optional<std::string>& bundleID,
-                                   const std::string& name) {
-  if (bundleID) {
-    for (const char* prefix : hiddenBundlePrefixes) {
-      if (bundleID->rfind(prefix, 0) == 0) {
-        return true;
-      }
-    }
-  }
-  const std::string lowered = lowerCased(name);
-  for (const char* prefix : hiddenProcessNames) {
-    if (lowered.rfind(prefix, 0) == 0) {
-      return true;
-    }
-  }
-  return false;
 }
 
 }  // namespace quellix

@@ -2,7 +2,6 @@
 
 #include <sys/types.h>
 
-#include <array>
 #include <functional>
 #include <map>
 #include <memory>
@@ -63,11 +62,11 @@ class RunningApplications {
 
 // Turns the audio system's process objects into the sorted list of applications using audio,
 // grouped by owning application, and follows it through listeners and a 10-second refresh.
+// Quellix's own streams (its taps' playback), the sound server's and other volume controls'
+// are no applications and never listed.
 class AudioProcessMonitor : public std::enable_shared_from_this<AudioProcessMonitor> {
  public:
   static constexpr Duration kRefreshInterval = std::chrono::seconds(10);
-  static const std::array<const char*, 7> hiddenProcessNames;
-  static const std::array<const char*, 15> hiddenBundlePrefixes;
 
   static std::shared_ptr<AudioProcessMonitor> create(MainQueue& queue, AudioHardware& hardware,
                                                      std::shared_ptr<Workspace> workspace,
@@ -83,7 +82,6 @@ class AudioProcessMonitor : public std::enable_shared_from_this<AudioProcessMoni
 
   std::optional<RunningApplication> resolveOwningApp(pid_t pid, RunningApplications& runningByPID);
   std::optional<std::string> processName(pid_t pid);
-  static bool isHidden(const std::optional<std::string>& bundleID, const std::string& name);
 
  private:
   AudioProcessMonitor(MainQueue& queue, AudioHardware& hardware,

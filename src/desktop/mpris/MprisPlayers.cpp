@@ -1,4 +1,4 @@
-#include "desktop/mpris/MprisEventPoster.h"
+#include "desktop/mpris/MprisPlayers.h"
 
 #include <QDBusArgument>
 #include <QDBusError>
@@ -32,10 +32,11 @@ QString nextConnectionName() {
   return QStringLiteral("quellix-media-keys-%1").arg(++count);
 }
 
-// The bus the environment names now: the library behind the bus type reads it only once per
-// process, and a poster made later must follow a changed environment.
-QDBusConnection connectToSessionBus(const QString& connectionName) {
-  const QString address = qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS");
+// Without an address, the one the environment names now: the library behind the bus type reads
+// it only once per process, and players followed later must follow a changed environment.
+QDBusConnection connectToSessionBus(const QString& busAddress, const QString& connectionName) {
+  const QString address =
+      busAddress.isEmpty() ? qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS") : busAddress;
   return address.isEmpty()
              ? QDBusConnection::connectToBus(QDBusConnection::SessionBus, connectionName)
              : QDBusConnection::connectToBus(address, connectionName);
@@ -73,8 +74,10 @@ MprisPlayerState playerStateFrom(const QVariantMap& properties) {
 
 }  // namespace
 
-MprisEventPoster::MprisEventPoster()
-    : connectionName_(nextConnectionName()), connection_(connectToSessionBus(connectionName_)) {
+MprisPlayers::MprisPlayers(std::shared_ptr<LogSink> logs, const QString& busAddress)
+    : MediaPlayers(std::move(logs)),
+      connectionName_(nextConnectionName()),
+      connection_(connectToSessionBus(busAddress, connectionName_)) {
   if (!connection_.isConnected()) {
     const QString why = connection_.lastError().message();
     unreachableReason_ = why.isEmpty() ? std::string("no session bus") : why.toStdString();
@@ -88,17 +91,17 @@ MprisEventPoster::MprisEventPoster()
   lookAtBus();
 }
 
-MprisEventPoster::~MprisEventPoster() {
+MprisPlayers::~MprisPlayers() {
   QDBusConnection::disconnectFromBus(connectionName_);
 }
 
-std::optional<std::string> MprisEventPoster::unreachableReason() const {
+std::optional<std::string> MprisPlayers::unreachableReason() const {
   return unreachableReason_;
 }
 
 template <typename Done>
-void MprisEventPoster::whenFinished(const QDBusPendingCall& call, Done done) {
-  // The watcher is a child, so no answer arrives after this poster is gone.
+void MprisPlayers::whenFinished(const QDBusPendingCall& call, Done done) {
+  // The watcher is a child, so no answer arrives after these players are gone.
   auto* watcher = new QDBusPendingCallWatcher(call, this);
   QObject::connect(watcher, &QDBusPendingCallWatcher::finished, this,
                    [watcher, done = std::move(done)]() mutable {
@@ -107,7 +110,7 @@ void MprisEventPoster::whenFinished(const QDBusPendingCall& call, Done done) {
                    });
 }
 
-void MprisEventPoster::lookAtBus() {
+void MprisPlayers::lookAtBus() {
   ++lookupsPending_;
   whenFinished(connection_.asyncCall(busCall(QStringLiteral("ListNames")), kReplyTimeoutMs),
                [this](const QDBusMessage& reply) {
@@ -132,20 +135,20 @@ void MprisEventPoster::lookAtBus() {
                });
 }
 
-void MprisEventPoster::lookupDone() {
+void MprisPlayers::lookupDone() {
   if (--lookupsPending_ == 0 && !following_) {
     following_ = true;
     pressNext();
   }
 }
 
-void MprisEventPoster::playerAppeared(const QString& name, const QString& owner) {
+void MprisPlayers::playerAppeared(const QString& name, const QString& owner) {
   owners_[name] = owner;
   choice_.appeared(name.toStdString());
   readStatus(name, false);
 }
 
-void MprisEventPoster::readStatus(const QString& name, bool announced) {
+void MprisPlayers::readStatus(const QString& name, bool announced) {
   ++lookupsPending_;
   QDBusMessage call = propertiesCall(name, QStringLiteral("Get"));
   call << kPlayerInterface << kPlaybackStatus;
@@ -165,8 +168,8 @@ void MprisEventPoster::readStatus(const QString& name, bool announced) {
                });
 }
 
-void MprisEventPoster::nameOwnerChanged(const QString& name, const QString& oldOwner,
-                                        const QString& newOwner) {
+void MprisPlayers::nameOwnerChanged(const QString& name, const QString& oldOwner,
+                                    const QString& newOwner) {
   if (!isPlayerName(name)) {
     return;
   }
@@ -179,7 +182,7 @@ void MprisEventPoster::nameOwnerChanged(const QString& name, const QString& oldO
   }
 }
 
-void MprisEventPoster::propertiesChanged(const QDBusMessage& message) {
+void MprisPlayers::propertiesChanged(const QDBusMessage& message) {
   const QList<QVariant> arguments = message.arguments();
   if (arguments.size() < 2 || arguments[0].toString() != kPlayerInterface) {
     return;
@@ -202,43 +205,46 @@ void MprisEventPoster::propertiesChanged(const QDBusMessage& message) {
   }
 }
 
-void MprisEventPoster::post(CGEventTapLocation tap, const CGEvent& event) {
-  const auto command = mprisCommandFor(tap, event);
-  if (!command || unreachableReason_ || presses_.size() >= kMostPressesWaiting) {
+void MprisPlayers::send(MediaKey key) {
+  if (unreachableReason_) {
+    explainUnreachable();
     return;
   }
-  presses_.push_back(*command);
+  if (presses_.size() >= kMostPressesWaiting) {
+    return;
+  }
+  presses_.push_back(key);
   pressNext();
 }
 
-void MprisEventPoster::pressNext() {
+void MprisPlayers::pressNext() {
   // One press at a time, so each acts on what the one before it did.
   while (following_ && !pressing_ && !presses_.empty()) {
-    const MprisCommand command = presses_.front();
+    const MediaKey key = presses_.front();
     presses_.pop_front();
     if (const auto player = choice_.choose()) {
-      press(command, QString::fromStdString(*player));
+      press(key, QString::fromStdString(*player));
     }
   }
 }
 
-void MprisEventPoster::press(MprisCommand command, const QString& player) {
+void MprisPlayers::press(MediaKey key, const QString& player) {
   pressing_ = true;
   QDBusMessage call = propertiesCall(player, QStringLiteral("GetAll"));
   call << kPlayerInterface;
-  whenFinished(connection_.asyncCall(call, kReplyTimeoutMs), [this, command,
-                                                              player](const QDBusMessage& reply) {
-    pressing_ = false;
-    if (isReply(reply)) {
-      const auto state = playerStateFrom(qdbus_cast<QVariantMap>(reply.arguments().first()));
-      if (const auto method = mprisMethodFor(command, state)) {
-        // No answer is awaited: the player's own signals tell what it did.
-        connection_.send(QDBusMessage::createMethodCall(player, kPlayerPath, kPlayerInterface,
-                                                        QString::fromStdString(*method)));
-      }
-    }
-    pressNext();
-  });
+  whenFinished(
+      connection_.asyncCall(call, kReplyTimeoutMs), [this, key, player](const QDBusMessage& reply) {
+        pressing_ = false;
+        if (isReply(reply)) {
+          const auto state = playerStateFrom(qdbus_cast<QVariantMap>(reply.arguments().first()));
+          if (const auto method = mprisMethodFor(key, state)) {
+            // No answer is awaited: the player's own signals tell what it did.
+            connection_.send(QDBusMessage::createMethodCall(player, kPlayerPath, kPlayerInterface,
+                                                            QString::fromStdString(*method)));
+          }
+        }
+        pressNext();
+      });
 }
 
 }  // namespace quellix

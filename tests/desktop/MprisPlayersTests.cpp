@@ -1,8 +1,8 @@
-#include "desktop/mpris/MprisPlayerChoice.h"
+#include "desktop/mpris/MprisPlayers.h"
 
 #include <gtest/gtest.h>
 
-#include "desktop/mpris/MprisCommand.h"
+#include "support/Logger.h"
 
 namespace quellix {
 namespace {
@@ -73,47 +73,41 @@ TEST(MprisPlayerChoiceTest, WithoutChangesTheLastChoiceStaysAndAChosenPlayerThat
   EXPECT_EQ(choice.current(), "b");
 }
 
-CGEvent mediaKey(std::int32_t key, std::uint32_t state) {
-  const auto word = static_cast<std::int32_t>((static_cast<std::uint32_t>(key) << 16) | state);
-  return {.type = 14, .flags = state, .subtype = 8, .data1 = word, .data2 = -1};
-}
-
-TEST(MprisCommandTest, OnlyAKeyDownOfAMediaKeyAtTheHardwareTapIsACommand) {
-  EXPECT_EQ(mprisCommandFor(kCGHIDEventTap, mediaKey(18, 0x0A00)), MprisCommand::previous);
-  EXPECT_EQ(mprisCommandFor(kCGHIDEventTap, mediaKey(16, 0x0A00)), MprisCommand::playPause);
-  EXPECT_EQ(mprisCommandFor(kCGHIDEventTap, mediaKey(17, 0x0A00)), MprisCommand::next);
-
-  EXPECT_EQ(mprisCommandFor(kCGHIDEventTap, mediaKey(16, 0x0B00)), std::nullopt);
-  EXPECT_EQ(mprisCommandFor(kCGSessionEventTap, mediaKey(16, 0x0A00)), std::nullopt);
-  EXPECT_EQ(mprisCommandFor(kCGHIDEventTap, mediaKey(0xFFFF, 0x0A00)), std::nullopt);
-  auto otherSubtype = mediaKey(16, 0x0A00);
-  otherSubtype.subtype = 7;
-  EXPECT_EQ(mprisCommandFor(kCGHIDEventTap, otherSubtype), std::nullopt);
-}
-
-TEST(MprisCommandTest, APlayerIsOnlyAskedForWhatItSaysItCanDo) {
+TEST(MprisPlayerStateTest, APlayerIsOnlyAskedForWhatItSaysItCanDo) {
   const MprisPlayerState able{.status = Status::playing,
                               .canGoPrevious = true,
                               .canGoNext = true,
                               .canPlay = true,
                               .canPause = true};
-  EXPECT_EQ(mprisMethodFor(MprisCommand::playPause, able), "Pause");
-  EXPECT_EQ(mprisMethodFor(MprisCommand::previous, able), "Previous");
-  EXPECT_EQ(mprisMethodFor(MprisCommand::next, able), "Next");
+  EXPECT_EQ(mprisMethodFor(MediaKey::playPause, able), "Pause");
+  EXPECT_EQ(mprisMethodFor(MediaKey::previous, able), "Previous");
+  EXPECT_EQ(mprisMethodFor(MediaKey::next, able), "Next");
   for (const Status status : {Status::paused, Status::stopped}) {
     auto halted = able;
     halted.status = status;
-    EXPECT_EQ(mprisMethodFor(MprisCommand::playPause, halted), "Play");
+    EXPECT_EQ(mprisMethodFor(MediaKey::playPause, halted), "Play");
   }
 
   const MprisPlayerState unable{.status = Status::playing};
-  for (const auto command : {MprisCommand::previous, MprisCommand::playPause, MprisCommand::next}) {
-    EXPECT_EQ(mprisMethodFor(command, unable), std::nullopt);
+  for (const auto key : {MediaKey::previous, MediaKey::playPause, MediaKey::next}) {
+    EXPECT_EQ(mprisMethodFor(key, unable), std::nullopt);
   }
   // Able to play but not to pause: a playing player is left alone.
   auto cannotPause = able;
   cannotPause.canPause = false;
-  EXPECT_EQ(mprisMethodFor(MprisCommand::playPause, cannotPause), std::nullopt);
+  EXPECT_EQ(mprisMethodFor(MediaKey::playPause, cannotPause), std::nullopt);
+}
+
+TEST(MprisPlayersTest, WithoutABusEveryPressOnlySaysWhyInTheLog) {
+  const auto logs = std::make_shared<CapturingLogSink>();
+  MprisPlayers players(logs, QStringLiteral("unix:path=/nonexistent/quellix-test-bus"));
+  const auto reason = players.unreachableReason();
+  ASSERT_TRUE(reason);
+
+  players.send(MediaKey::playPause);
+  players.send(MediaKey::next);
+  const std::string said = "The media keys cannot reach any player: " + *reason;
+  EXPECT_EQ(logs->messages("MediaKeys"), (std::vector<std::string>{said, said}));
 }
 
 }  // namespace

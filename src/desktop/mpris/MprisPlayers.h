@@ -6,32 +6,31 @@
 
 #include <deque>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 
-#include "desktop/mpris/EventPoster.h"
-#include "desktop/mpris/MprisCommand.h"
+#include "desktop/mpris/MediaPlayers.h"
 #include "desktop/mpris/MprisPlayerChoice.h"
+#include "desktop/mpris/MprisPlayerState.h"
 
 class QDBusMessage;
 class QDBusPendingCall;
 
 namespace quellix {
 
-// Delivers media-key presses to the current media player over the session bus (MPRIS).
-// Follows the players from the bus itself; every call is asynchronous, so a player that hangs
-// or vanishes never holds up the main thread, and its failures go unreported.
-class MprisEventPoster final : public QObject, public EventPoster {
+// The media players on the session bus (MPRIS), followed from the bus itself. Every call is
+// asynchronous, so a player that hangs or vanishes never holds up the main thread, and its
+// failures go unreported.
+class MprisPlayers final : public QObject, public MediaPlayers {
   Q_OBJECT
 
  public:
-  // Opens its own connection to the session bus the environment names. Needs a running Qt
-  // application; lives on the main thread.
-  MprisEventPoster();
-  ~MprisEventPoster() override;
+  // Opens its own connection to the bus at `busAddress`; empty: the session bus the environment
+  // names now. Needs a running Qt application; lives on the main thread.
+  explicit MprisPlayers(std::shared_ptr<LogSink> logs, const QString& busAddress = {});
+  ~MprisPlayers() override;
 
-  void post(CGEventTapLocation tap, const CGEvent& event) override;
+  void send(MediaKey key) override;
   std::optional<std::string> unreachableReason() const override;
 
   const MprisPlayerChoice& choice() const { return choice_; }
@@ -49,7 +48,7 @@ class MprisEventPoster final : public QObject, public EventPoster {
   void readStatus(const QString& name, bool announced);
   void lookupDone();
   void pressNext();
-  void press(MprisCommand command, const QString& player);
+  void press(MediaKey key, const QString& player);
   template <typename Done>
   void whenFinished(const QDBusPendingCall& call, Done done);
 
@@ -60,7 +59,7 @@ class MprisEventPoster final : public QObject, public EventPoster {
   std::map<QString, QString> owners_;  // player name -> the unique name that owns it
   int lookupsPending_ = 0;
   bool following_ = false;
-  std::deque<MprisCommand> presses_;
+  std::deque<MediaKey> presses_;
   bool pressing_ = false;
 };
 
