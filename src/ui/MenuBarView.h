@@ -102,7 +102,8 @@ class MenuBarView : public QWidget {
   TextLabel* massActionText_ = nullptr;
   PlainButton* about_ = nullptr;
   PlainButton* quit_ = nullptr;
-  QVariantAnimation listAnimation_;
+  // A child, so that tests can step it on.
+  QVariantAnimation listAnimation_{this};
 };
 
 }  // namespace quellix::ui

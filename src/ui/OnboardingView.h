@@ -80,7 +80,8 @@ class OnboardingView : public QWidget {
   QWidget* request_ = nullptr;
   QPushButton* permissionButton_ = nullptr;
   QCheckBox* launch_ = nullptr;
-  QVariantAnimation transition_;
+  // A child, so that tests can step it on.
+  QVariantAnimation transition_{this};
   std::vector<TaskHandle> polls_;
 };
 

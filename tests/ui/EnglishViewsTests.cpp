@@ -96,8 +96,7 @@ TEST_F(EnglishViewsTest, AnEnglishDesktopSeesEveryViewInEnglish) {
     expectEnglish(onboarding);
     testing::saveRenders(onboarding, QStringLiteral("en-onboarding-%1").arg(page));
     onboarding.forward();
-    // The page slides in on Qt's own animation clock.
-    QTest::qWait(OnboardingView::kTransitionMilliseconds + 60);
+    ui::testing::advanceAnimations(onboarding, OnboardingView::kTransitionMilliseconds);
   }
 }
 

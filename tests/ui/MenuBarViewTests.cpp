@@ -250,14 +250,14 @@ TEST_F(PanelTest, RowsFollowTheListAndAChangedListAnimatesAndShrinksBack) {
   for (AppRowView* kept : before) {
     EXPECT_NE(std::find(panel->rows().begin(), panel->rows().end(), kept), panel->rows().end());
   }
-  QTest::qWait(MenuBarView::kListAnimationMilliseconds + 100);
+  ui::testing::advanceAnimations(*panel, MenuBarView::kListAnimationMilliseconds);
   EXPECT_EQ(panel->height(), height + panel->rows().at(0)->height() + 1);
 
   sim->removeProcess(late);
   state->monitor().refresh();
   for (const char* moment : {"after the row left", "after closing and reopening"}) {
     settle();
-    QTest::qWait(MenuBarView::kListAnimationMilliseconds + 100);
+    ui::testing::advanceAnimations(*panel, MenuBarView::kListAnimationMilliseconds);
     EXPECT_EQ(panel->height(), height) << moment;
     EXPECT_EQ(before[0]->mapTo(panel.get(), QPoint(0, 0)).y(), firstRowTop) << moment;
     panel->hide();

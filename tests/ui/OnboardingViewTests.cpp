@@ -68,12 +68,12 @@ TEST_F(OnboardingViewTest, ANewPageComesInFromTheTrailingEdgeWhicheverWayTheUser
   auto view = open();
   view->forward();
   view->forward();
-  QTest::qWait(OnboardingView::kTransitionMilliseconds + 80);
+  ui::testing::advanceAnimations(*view, OnboardingView::kTransitionMilliseconds);
   view->back();
-  QTest::qWait(OnboardingView::kTransitionMilliseconds / 4);
+  ui::testing::advanceAnimations(*view, OnboardingView::kTransitionMilliseconds / 4);
   EXPECT_GT(view->page(1).x(), 0) << "page 1 enters from the right";
   EXPECT_LT(view->page(2).x(), 0) << "page 2 leaves to the left";
-  QTest::qWait(OnboardingView::kTransitionMilliseconds + 80);
+  ui::testing::advanceAnimations(*view, OnboardingView::kTransitionMilliseconds);
   EXPECT_EQ(view->page(1).x(), 0);
   EXPECT_FALSE(view->page(2).isVisible());
 }
@@ -122,7 +122,7 @@ TEST_F(OnboardingViewTest, RendersEveryPageWithNoTextCut) {
     EXPECT_EQ(view->mediaPermissionGranted(), granted) << "players in reach need no click";
     EXPECT_EQ(view->permissionGranted().isVisibleTo(&view->page(2)), granted);
     for (int step = 0; step < OnboardingView::kStepCount; ++step) {
-      QTest::qWait(OnboardingView::kTransitionMilliseconds + 60);
+      ui::testing::advanceAnimations(*view, OnboardingView::kTransitionMilliseconds);
       if (step != 2 && granted) {
         view->forward();
         continue;

@@ -1,5 +1,8 @@
 #include "ui/UiTestEnvironment.h"
 
+#include <QAbstractAnimation>
+#include <algorithm>
+
 #include <gtest/gtest.h>
 
 #include <QApplication>
@@ -73,6 +76,16 @@ QString saveRenders(QWidget& widget, const QString& name) {
     render(widget, ratio).save(QStringLiteral("%1/%2@%3x.png").arg(folder, name).arg(ratio));
   }
   return folder;
+}
+
+void advanceAnimations(QObject& root, int milliseconds) {
+  for (QAbstractAnimation* animation : root.findChildren<QAbstractAnimation*>()) {
+    if (animation->state() == QAbstractAnimation::Running) {
+      animation->setCurrentTime(
+          std::min(animation->currentTime() + milliseconds, animation->totalDuration()));
+    }
+  }
+  processEvents();
 }
 
 }  // namespace quellix::ui::testing

@@ -41,4 +41,8 @@ inline const char* const kSymbolNames[] = {
 // folder; returns the folder.
 QString saveRenders(QWidget& widget, const QString& name);
 
+// Steps every running animation below `root` on by `milliseconds` of its own clock, as the
+// event loop's animation timer would, without waiting for it.
+void advanceAnimations(QObject& root, int milliseconds);
+
 }  // namespace quellix::ui::testing
