@@ -7,12 +7,13 @@ QUELLIX_PACKAGES=(
   build-essential cmake ninja-build pkg-config git ccache
   clang clang-format libclang-rt-14-dev
   qt6-base-dev qt6-svg-dev qt6-tools-dev
-  libpulse-dev libspeexdsp-dev nlohmann-json3-dev libsystemd-dev
+  libpulse-dev libpipewire-0.3-dev libspeexdsp-dev nlohmann-json3-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   qt6-l10n-tools dpkg-dev lintian desktop-file-utils appstream patchelf
   pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus dbus-daemon sox mpv mpv-mpris
   xvfb xauth x11-utils dbus-x11 imagemagick fonts-dejavu-core
   xdotool at-spi2-core
+  qt6-wayland xfce4-panel xfwm4 lxqt-panel openbox sway waybar
 )
 
 # Only the benchmarks compare the program with these; ./test.sh does not install them.
