@@ -75,6 +75,11 @@ std::optional<PropertyValue> PulseBackend::propertyValue(AudioObjectID object,
       return PropertyValue::text(process->bundleID);
     if (selector == kAudioProcessPropertyApplicationName)
       return PropertyValue::text(process->applicationName);
+    if (selector == kAudioProcessPropertyOutputDeviceUID) {
+      std::lock_guard lock(objectsMutex_);
+      const auto route = routes_.find(process->pid);
+      return PropertyValue::text(route != routes_.end() ? route->second : std::string());
+    }
     if (selector == kAudioProcessPropertyIsRunning) {
       return PropertyValue::of(static_cast<UInt32>(process->running ? 1 : 0));
     }
@@ -87,6 +92,9 @@ std::optional<PropertyValue> PulseBackend::propertyValue(AudioObjectID object,
   if (const auto* device = current->device(object)) {
     if (global && selector == kAudioDevicePropertyDeviceUID) {
       return PropertyValue::text(device->uid);
+    }
+    if (global && selector == kAudioObjectPropertyName) {
+      return PropertyValue::text(device->name);
     }
     if (global && selector == kAudioDevicePropertyNominalSampleRate) {
       return PropertyValue::of(device->sampleRate);
@@ -159,14 +167,24 @@ OSStatus PulseBackend::setPropertyData(AudioObjectID object,
                                        const AudioObjectPropertyAddress& address, UInt32,
                                        const void*, UInt32 size, const void* data) {
   const auto current = snapshot();
+  if (const auto* process = current->process(object)) {
+    if (address != pulse::kOutputDeviceAddress) {
+      return kAudioHardwareUnknownPropertyError;
+    }
+    if (size != sizeof(CFStringRef)) {
+      return kAudioHardwareBadPropertySizeError;
+    }
+    CFStringRef uid = nullptr;
+    std::memcpy(&uid, data, sizeof uid);
+    return routeProcess(process->pid, std::string(CFStringView(uid)));
+  }
   const auto* device = current->device(object);
   if (device == nullptr) {
     if (!current->connected) {
       return kAudioHardwareNotRunningError;
     }
-    return current->process(object) != nullptr || object == kAudioObjectSystemObject
-               ? kAudioHardwareUnknownPropertyError
-               : kAudioHardwareBadObjectError;
+    return object == kAudioObjectSystemObject ? kAudioHardwareUnknownPropertyError
+                                              : kAudioHardwareBadObjectError;
   }
   const std::uint32_t sinkIndex = device->sinkIndex;
   if (address == kVolumeAddress) {
