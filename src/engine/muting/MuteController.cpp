@@ -123,9 +123,6 @@ void MuteController::load() {
         unreadableOutputChoices_[key] = value;
       }
     }
-  } else if (const auto* unreadable = defaults_.object(kAppOutputDevicesKey)) {
-    defaults_.reportBadValue(kAppOutputDevicesKey, *unreadable,
-                             "a dictionary of output device UIDs by application");
   }
   outputChoices_.set(std::move(choices));
 
