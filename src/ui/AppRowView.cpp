@@ -162,6 +162,10 @@ void AppRowView::setContextMenu(std::function<void(QMenu&)> fill) {
   fillMenu_ = std::move(fill);
 }
 
+QMenu* AppRowView::openMenu() const {
+  return menu_;
+}
+
 QPoint AppRowView::keyboardMenuPosition() const {
   return mapToGlobal(QPoint(kHorizontalMargin + kSliderIndent, button_->geometry().bottom()));
 }

@@ -48,7 +48,7 @@ class AppRowView : public QWidget {
   // Where the keyboard opens the menu: under the application's name.
   QPoint keyboardMenuPosition() const;
   // The menu while it is open.
-  QMenu* openMenu() const { return menu_; }
+  QMenu* openMenu() const;
 
   const AudioApp& app() const { return app_; }
   bool isMuted() const { return isMuted_; }
