@@ -79,10 +79,11 @@ std::optional<SwayPanelPlacement::Found> SwayPanelPlacement::find(const QString&
   return found;
 }
 
-bool SwayPanelPlacement::place(const QString& title, const QSize& size, const Placer& placer) {
+std::optional<QPoint> SwayPanelPlacement::place(const QString& title, const QSize& size,
+                                                const Placer& placer) {
   auto found = find(title, size);
   if (!found) {
-    return false;
+    return std::nullopt;
   }
   const QString container = QStringLiteral("[con_id=%1] ").arg(found->conId);
   if (!pointer_) {
@@ -90,14 +91,18 @@ bool SwayPanelPlacement::place(const QString& title, const QSize& size, const Pl
     // (kept on the output): the window's centre afterwards is the pointer's position.
     if (!ipc_->run(container + QStringLiteral("border none, move position cursor")) ||
         !(found = find(title, size))) {
-      return false;
+      return std::nullopt;
     }
     pointer_ = found->rect.center();
   }
   const QPoint topLeft =
       placer(barAnchor(found->output, found->usable, *pointer_), found->usable, size);
-  return ipc_->run(
-      container + QStringLiteral("move absolute position %1 %2").arg(topLeft.x()).arg(topLeft.y()));
+  if (!ipc_->run(
+          container +
+          QStringLiteral("move absolute position %1 %2").arg(topLeft.x()).arg(topLeft.y()))) {
+    return std::nullopt;
+  }
+  return topLeft;
 }
 
 }  // namespace quellix

@@ -30,9 +30,9 @@ class SwayPanelPlacement {
 
   // A new opening: the pointer is looked up again.
   void restart() { pointer_.reset(); }
-  // One try at placing the window titled `title` of this process, of `size`; false while sway
-  // has not mapped it yet (try again later) or refuses.
-  bool place(const QString& title, const QSize& size, const Placer& placer);
+  // One try at placing the window titled `title` of this process, of `size`: where it went, or
+  // none while sway has not mapped it yet (try again later) or refuses.
+  std::optional<QPoint> place(const QString& title, const QSize& size, const Placer& placer);
 
   // A point inside the bar: the bar sits on the output's edge that the free area left most
   // room at; `pointer` gives the position along that edge.
