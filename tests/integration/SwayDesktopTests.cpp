@@ -8,6 +8,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QStandardPaths>
 #include <fstream>
 
 #include "harness/AccessibleUi.h"
@@ -31,13 +32,6 @@ constexpr auto kStartTimeout = std::chrono::seconds(20);
 const QString kPanelTitle = QStringLiteral("Quellix");
 const QRect kBar(0, 0, kScreenWidth, kBarHeight);
 
-bool installed(const std::string& program) {
-  const QStringList path = qEnvironmentVariable("PATH").split(QLatin1Char(':'));
-  return std::any_of(path.begin(), path.end(), [&](const QString& folder) {
-    return ::access((folder.toStdString() + "/" + program).c_str(), X_OK) == 0;
-  });
-}
-
 // sway refuses to run as root. Where the suite does, the whole test runs as nobody from here
 // on, so that the runtime folder, the buses and every program started belong to that user.
 void leaveRoot() {
@@ -57,11 +51,10 @@ bool eventually(const std::function<bool()>& condition,
       condition, [] { QCoreApplication::processEvents(); }, timeout);
 }
 
-std::optional<fs::path> socketIn(const fs::path& folder, const std::string& prefix,
-                                 const std::string& suffix) {
+// sway names its display after the first free number.
+std::optional<fs::path> waylandDisplayIn(const fs::path& folder) {
   for (const auto& entry : fs::directory_iterator(folder)) {
-    const std::string name = entry.path().filename().string();
-    if (entry.is_socket() && name.starts_with(prefix) && name.ends_with(suffix)) {
+    if (entry.is_socket() && entry.path().filename().string().starts_with("wayland-")) {
       return entry.path();
     }
   }
@@ -74,12 +67,11 @@ QRect rectOf(const QJsonValue& value) {
           rect[QStringLiteral("width")].toInt(), rect[QStringLiteral("height")].toInt()};
 }
 
-// Where sway shows a window titled `title`, if it does.
-std::optional<QRect> windowOnScreen(const QString& title) {
+// Where sway shows the window or workspace named `name`, if it does.
+std::optional<QRect> onScreen(const QString& name) {
   std::function<std::optional<QRect>(const QJsonObject&)> find =
       [&](const QJsonObject& node) -> std::optional<QRect> {
-    if (node[QStringLiteral("name")].toString() == title &&
-        node[QStringLiteral("visible")].toBool()) {
+    if (node[QStringLiteral("name")].toString() == name) {
       return rectOf(node[QStringLiteral("rect")]);
     }
     for (const char* children : {"nodes", "floating_nodes"}) {
@@ -106,13 +98,6 @@ void click(const std::string& button) {
   runProgram({"swaymsg", "seat - cursor press " + button + ", seat - cursor release " + button});
 }
 
-int sinkVolumePercent(const testing::SoundServer& server) {
-  const std::string output = server.pactl({"get-sink-volume", "out1"});
-  const auto percent = output.find('%');
-  const auto start = output.rfind(' ', percent);
-  return std::stoi(output.substr(start + 1, percent - start - 1));
-}
-
 // The smallest rectangle in `area` holding every pixel that differs between two screenshots.
 QRect changedIn(const QRect& area, const QImage& before, const QImage& after) {
   QRect changed;
@@ -131,7 +116,7 @@ QRect changedIn(const QRect& area, const QImage& before, const QImage& after) {
 // pointer driven through sway, and a private sound server with one player.
 TEST(SwayDesktopTest, TrayIconPanelRowWheelAndMenu) {
   for (const std::string program : {"sway", "swaymsg", "waybar", "grim"}) {
-    if (!installed(program)) {
+    if (QStandardPaths::findExecutable(QString::fromStdString(program)).isEmpty()) {
       GTEST_SKIP() << program << " is not installed";
     }
   }
@@ -156,27 +141,21 @@ TEST(SwayDesktopTest, TrayIconPanelRowWheelAndMenu) {
   ::setenv("WLR_RENDERER", "pixman", 1);
   ::unsetenv("DISPLAY");
   ::unsetenv("WAYLAND_DISPLAY");
+  ::setenv("SWAYSOCK", (dir / "sway.sock").c_str(), 1);
   ChildProcess sway({"sway", "-c", (dir / "sway.conf").string()},
                     {.outputFile = (dir / "sway.log").string()});
   std::optional<fs::path> display;
-  std::optional<fs::path> ipc;
+  // The bar is up once the workspace leaves it room.
   ASSERT_TRUE(eventually([&] {
-    display = socketIn(dir, "wayland-", "");
-    ipc = socketIn(dir, "sway-ipc.", ".sock");
-    return display && ipc;
-  })) << "sway did not start, see "
+    display = waylandDisplayIn(dir);
+    const auto workspace =
+        fs::exists(dir / "sway.sock") ? onScreen(QStringLiteral("1")) : std::nullopt;
+    return display && workspace && workspace->top() == kBarHeight;
+  })) << "sway or waybar did not start, see "
       << dir / "sway.log";
   ::setenv("WAYLAND_DISPLAY", display->c_str(), 1);
-  ::setenv("SWAYSOCK", ipc->c_str(), 1);
   ChildProcess pointer({QUELLIX_VIRTUAL_POINTER}, {.pipeStdin = true, .pipeStdout = true});
   ASSERT_EQ(pointer.readLine(std::chrono::seconds(10)), "ready");
-  // The bar is up once the workspace leaves it room.
-  ASSERT_TRUE(eventually([] {
-    const std::string workspaces = runProgram({"swaymsg", "-r", "-t", "get_workspaces"});
-    const auto list = QJsonDocument::fromJson(QByteArray::fromStdString(workspaces)).array();
-    return !list.isEmpty() && rectOf(list[0].toObject()[QStringLiteral("rect")]).y() == kBarHeight;
-  })) << "waybar did not start, see "
-      << dir / "sway.log";
   const auto screenshot = [&] {
     runProgram({"grim", (dir / "screen.png").string()});
     return QImage(QString::fromStdString((dir / "screen.png").string()));
@@ -203,10 +182,10 @@ TEST(SwayDesktopTest, TrayIconPanelRowWheelAndMenu) {
   pointerAt(icon.center());
   click("button1");
   std::optional<QRect> panel;
-  ASSERT_TRUE(eventually([&] { return (panel = windowOnScreen(kPanelTitle)).has_value(); }))
+  ASSERT_TRUE(eventually([&] { return (panel = onScreen(kPanelTitle)).has_value(); }))
       << "no panel appeared";
   ASSERT_TRUE(eventually([&] {
-    panel = windowOnScreen(kPanelTitle);
+    panel = onScreen(kPanelTitle);
     return panel && panel->top() == kBarHeight;
   })) << "the panel is not at the bar's edge";
   EXPECT_LE(panel->left(), icon.center().x());
@@ -233,13 +212,13 @@ TEST(SwayDesktopTest, TrayIconPanelRowWheelAndMenu) {
   // notch.
   pointerAt(icon.center());
   click("button1");
-  EXPECT_TRUE(eventually([&] { return !windowOnScreen(kPanelTitle); })) << "the panel stayed";
+  EXPECT_TRUE(eventually([&] { return !onScreen(kPanelTitle); })) << "the panel stayed";
   server.pactl({"set-sink-volume", "out1", "50%"});
   // sway turns the press of this button into one notch of the wheel (and its release into
   // another).
   runProgram({"swaymsg", "seat", "-", "cursor", "press", "button4"});
-  EXPECT_TRUE(eventually([&] { return sinkVolumePercent(server) == 55; }))
-      << "the master volume is at " << sinkVolumePercent(server) << " %";
+  EXPECT_TRUE(eventually([&] { return server.volumePercent("out1") == 55; }))
+      << "the master volume is at " << server.volumePercent("out1") << " %";
 
   // A right click opens the menu (waybar's own popup, which takes no keys); its first entry
   // opens the panel. Left of the icon, which lights up, only the menu changes the screen.
@@ -250,11 +229,11 @@ TEST(SwayDesktopTest, TrayIconPanelRowWheelAndMenu) {
   ASSERT_TRUE(eventually([&] {
     return (menu = changedIn(leftOfIcon, noMenu, screenshot())).height() > kBarHeight;
   })) << "no menu appeared";
-  ASSERT_FALSE(windowOnScreen(kPanelTitle)) << "the right click opened the panel";
+  ASSERT_FALSE(onScreen(kPanelTitle)) << "the right click opened the panel";
   // The first of three entries and a separator.
   pointerAt({menu.center().x(), menu.top() + menu.height() / 5});
   click("button1");
-  EXPECT_TRUE(eventually([&] { return windowOnScreen(kPanelTitle).has_value(); }))
+  EXPECT_TRUE(eventually([&] { return onScreen(kPanelTitle).has_value(); }))
       << "the menu did not open the panel";
 }
 
