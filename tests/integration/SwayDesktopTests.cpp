@@ -31,6 +31,7 @@ constexpr int kBarHeight = 30;
 constexpr auto kStartTimeout = std::chrono::seconds(20);
 const QString kPanelTitle = QStringLiteral("Quellix");
 const QRect kBar(0, 0, kScreenWidth, kBarHeight);
+constexpr int kNarrowestMenu = 80;
 
 // sway refuses to run as root. Where the suite does, the whole test runs as nobody from here
 // on, so that the runtime folder, the buses and every program started belong to that user.
@@ -221,13 +222,15 @@ TEST(SwayDesktopTest, TrayIconPanelRowWheelAndMenu) {
       << "the master volume is at " << server.volumePercent("out1") << " %";
 
   // A right click opens the menu (waybar's own popup, which takes no keys); its first entry
-  // opens the panel. Left of the icon, which lights up, only the menu changes the screen.
+  // opens the panel. Left of the icon, which lights up, only the menu changes the screen, and
+  // the icon's tooltip, narrower than the menu's entries.
   const QImage noMenu = screenshot();
   click("button3");
   const QRect leftOfIcon(0, 0, icon.left() - 1, kScreenHeight);
   QRect menu;
   ASSERT_TRUE(eventually([&] {
-    return (menu = changedIn(leftOfIcon, noMenu, screenshot())).height() > kBarHeight;
+    menu = changedIn(leftOfIcon, noMenu, screenshot());
+    return menu.height() > kBarHeight && menu.width() > kNarrowestMenu;
   })) << "no menu appeared";
   ASSERT_FALSE(onScreen(kPanelTitle)) << "the right click opened the panel";
   // The first of three entries and a separator.
