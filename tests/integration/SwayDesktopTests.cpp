@@ -123,6 +123,7 @@ TEST(SwayDesktopTest, TrayIconPanelRowWheelAndMenu) {
   }
   leaveRoot();
   ASSERT_FALSE(HasFatalFailure());
+  ASSERT_EQ(::access(QUELLIX_BINARY, X_OK), 0) << "this user cannot run " << QUELLIX_BINARY;
   testing::SoundServer server(testing::SoundServer::Kind::pulseAudio);
   testing::SessionBus bus;
   static int argc = 1;
@@ -147,13 +148,15 @@ TEST(SwayDesktopTest, TrayIconPanelRowWheelAndMenu) {
                     {.outputFile = (dir / "sway.log").string()});
   std::optional<fs::path> display;
   // The bar is up once the workspace leaves it room.
-  ASSERT_TRUE(eventually([&] {
-    display = waylandDisplayIn(dir);
-    const auto workspace =
-        fs::exists(dir / "sway.sock") ? onScreen(QStringLiteral("1")) : std::nullopt;
-    return display && workspace && workspace->top() == kBarHeight;
-  })) << "sway or waybar did not start, see "
-      << dir / "sway.log";
+  ASSERT_TRUE(eventually(
+      [&] {
+        display = waylandDisplayIn(dir);
+        const auto workspace =
+            fs::exists(dir / "sway.sock") ? onScreen(QStringLiteral("1")) : std::nullopt;
+        return display && workspace && workspace->top() == kBarHeight;
+      },
+      kStartTimeout))
+      << "sway or waybar did not start, see " << dir / "sway.log";
   ::setenv("WAYLAND_DISPLAY", display->c_str(), 1);
   ChildProcess pointer({QUELLIX_VIRTUAL_POINTER}, {.pipeStdin = true, .pipeStdout = true});
   ASSERT_EQ(pointer.readLine(std::chrono::seconds(10)), "ready");
