@@ -10,6 +10,7 @@
 #include <QShortcut>
 #include <QSignalBlocker>
 #include <QVBoxLayout>
+#include <algorithm>
 
 #include "ui/AppRowView.h"
 #include "ui/Hairline.h"
@@ -398,8 +399,14 @@ void MenuBarView::fillRowMenu(QMenu& menu, pid_t id) {
   };
   addOutput(translated(QT_TRANSLATE_NOOP("MenuBarView", "Standardausgabe")), {});
   bool currentListed = current.empty();
-  for (const OutputDevice& device : muter.outputDevices().get()) {
-    addOutput(QString::fromStdString(device.name), device.uid);
+  const std::vector<OutputDevice>& devices = muter.outputDevices().get();
+  for (const OutputDevice& device : devices) {
+    // Two devices of one name (two headsets of a kind) are told apart by their UIDs.
+    const bool shared = std::count_if(devices.begin(), devices.end(), [&](const auto& other) {
+                          return other.name == device.name;
+                        }) > 1;
+    addOutput(QString::fromStdString(shared ? device.name + " (" + device.uid + ")" : device.name),
+              device.uid);
     currentListed = currentListed || device.uid == current;
   }
   // A chosen device that is away stays chosen: it is shown so that it can be changed.

@@ -241,6 +241,7 @@ TEST_F(PanelTest, EveryButtonCallsItsAction) {
 // The menu opens from the keyboard and for an assistive technology, which is told it is there.
 TEST_F(PanelTest, ARowsMenuSendsTheAppToAnOutputAndHearsItAlone) {
   sim->addDevice({.uid = "usb-headset", .name = "USB & Headset"});
+  sim->addDevice({.uid = "usb-headset-2", .name = "USB & Headset"});
   AppState& app = startWithApps(2);
   AppRowView& row = *panel->rows()[0];
   QAccessibleInterface* button = QAccessible::queryAccessibleInterface(&row.rowButton());
@@ -254,8 +255,8 @@ TEST_F(PanelTest, ARowsMenuSendsTheAppToAnOutputAndHearsItAlone) {
   for (const QAction* action : menu.actions()) {
     texts << action->text() + (action->isChecked() ? QStringLiteral(" *") : QString());
   }
-  EXPECT_EQ(texts, QStringList(
-                       {"Standardausgabe *", "speakers", "USB && Headset", "", "Nur diese hören"}));
+  EXPECT_EQ(texts, QStringList({"Standardausgabe *", "speakers", "USB && Headset (usb-headset)",
+                                "USB && Headset (usb-headset-2)", "", "Nur diese hören"}));
   EXPECT_EQ(menu.accessibleName(), QStringLiteral("Optionen für App 1"));
   menu.actions()[2]->trigger();
   EXPECT_EQ(app.muter().outputChoices().get().at("org.example.App1"), "usb-headset");
