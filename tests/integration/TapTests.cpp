@@ -192,7 +192,7 @@ TEST_P(TapTest, TheSweepRemovesAggregatesWithOurPrefix) {
   tap->invalidate();
 }
 
-QUELLIX_ON_EVERY_SERVER(TapTest);
+QUELLIX_ON_EVERY_BACKEND(TapTest);
 
 }  // namespace
 }  // namespace quellix
