@@ -107,7 +107,7 @@ class PipeWireBackend final : public AudioBackend {
   void schedulePublish();
   void publish();
   void keepStreamsOnTaps();
-  void setTarget(std::uint32_t stream, const std::optional<std::string>& target);
+  void setTarget(std::uint32_t stream, const std::optional<std::string>& target, bool ours);
 
   bool waitForSnapshot(const std::function<bool(const pulse::AudioSnapshot&)>& condition,
                        std::chrono::milliseconds timeout);

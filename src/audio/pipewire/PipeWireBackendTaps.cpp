@@ -98,12 +98,24 @@ const pw_stream_events& playbackEvents() {
 
 }  // namespace
 
-void PipeWireBackend::setTarget(std::uint32_t stream, const std::optional<std::string>& target) {
+void PipeWireBackend::setTarget(std::uint32_t stream, const std::optional<std::string>& target,
+                                bool ours) {
   if (graph_->metadata == nullptr) {
     return;
   }
-  pw_metadata_set_property(graph_->metadata, stream, "target.object", target ? "Spa:Id" : nullptr,
-                           target ? target->c_str() : nullptr);
+  // WirePlumber remembers a stream's last target.object per application, and our node would
+  // outlive itself there: an application that ends on a tap would look for it at its next
+  // start. A target.node of -1 after it makes WirePlumber forget the remembered target, while
+  // target.object alone decides where the stream plays. Going back, target.node is cleared
+  // first, so the stream's own target is what WirePlumber remembers last.
+  if (ours) {
+    pw_metadata_set_property(graph_->metadata, stream, "target.object", "Spa:Id", target->c_str());
+    pw_metadata_set_property(graph_->metadata, stream, "target.node", "Spa:Id", "-1");
+  } else {
+    pw_metadata_set_property(graph_->metadata, stream, "target.node", nullptr, nullptr);
+    pw_metadata_set_property(graph_->metadata, stream, "target.object", target ? "Spa:Id" : nullptr,
+                             target ? target->c_str() : nullptr);
+  }
   if (target) {
     graph_->targets[stream] = *target;
   } else {
@@ -150,7 +162,7 @@ void PipeWireBackend::keepStreamsOnTaps() {
                                             target != graph_->targets.end()
                                                 ? std::optional<std::string>(target->second)
                                                 : std::nullopt);
-    setTarget(placement.index, serial->second);
+    setTarget(placement.index, serial->second, true);
   }
 }
 
@@ -187,6 +199,10 @@ OSStatus PipeWireBackend::createProcessTap(const CATapDescription& description,
     pw_properties_set(properties, pulse::kTapOwnerStartProperty,
                       pulse::processStartTime(::getpid()).c_str());
     addSessionHygiene(properties);
+    // WirePlumber 0.4 stores the volume of every sink without routes under its name, whatever
+    // state.restore-props says (it compares the text to a boolean): each tap would add its
+    // own entry, forever. A sink with routes is left to its device.
+    pw_properties_set(properties, "device.routes", "1");
     tap.io->capture = pw_stream_new(graph_->core, tap.nodeName.c_str(), properties);
     if (tap.io->capture == nullptr) {
       return kAudioHardwareUnspecifiedError;
@@ -245,7 +261,7 @@ OSStatus PipeWireBackend::returnStreams(Tap& tap) {
   // Each stream's own target again: none (the default output) unless it had one.
   for (const auto& [stream, original] : tap.originalTargets) {
     if (graph_->node(stream) != nullptr) {
-      setTarget(stream, original);
+      setTarget(stream, original, false);
     }
   }
   tap.originalTargets.clear();
@@ -404,6 +420,9 @@ OSStatus PipeWireBackend::startDevice(AudioObjectID device, AudioDeviceIOProcID 
       aggregate->second.mainSinkName.c_str(), PW_KEY_AUDIO_CHANNELS, "2", SPA_KEY_AUDIO_POSITION,
       "FL,FR", pulse::kIOStreamProperty, "1", nullptr);
   pw_properties_setf(properties, PW_KEY_AUDIO_RATE, "%u", tap->second.sampleRate);
+  // WirePlumber stores every stream's volume under its media name: one name for all our
+  // playback streams keeps that one entry, which names no node of ours.
+  pw_properties_set(properties, PW_KEY_MEDIA_NAME, "Quellix");
   addSessionHygiene(properties);
   io.playback = pw_stream_new(graph_->core, name.c_str(), properties);
   if (io.playback == nullptr) {
