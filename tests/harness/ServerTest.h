@@ -54,6 +54,11 @@ class ServerTest : public ::testing::TestWithParam<ServerSetup> {
     hardware = std::make_unique<AudioHardware>(backend);
   }
 
+  // The model of whichever backend runs.
+  std::shared_ptr<const pulse::AudioSnapshot> snapshot() const {
+    return nativeBackend ? nativeBackend->snapshot() : backend->snapshot();
+  }
+
   // Polls `condition` while serving the main queue, where listeners arrive.
   bool eventually(const std::function<bool()>& condition) {
     return testing::eventually(condition, [&] { queue.drain(); });

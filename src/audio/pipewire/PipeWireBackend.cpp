@@ -418,25 +418,6 @@ std::shared_ptr<PipeWireBackend> PipeWireBackend::create(Options options,
   return backend;
 }
 
-bool PipeWireBackend::serverAnswers() {
-  pw_init(nullptr, nullptr);
-  pw_main_loop* loop = pw_main_loop_new(nullptr);
-  if (loop == nullptr) {
-    return false;
-  }
-  pw_context* context = pw_context_new(pw_main_loop_get_loop(loop), nullptr, 0);
-  pw_core* core = context != nullptr ? pw_context_connect(context, nullptr, 0) : nullptr;
-  const bool answers = core != nullptr;
-  if (core != nullptr) {
-    pw_core_disconnect(core);
-  }
-  if (context != nullptr) {
-    pw_context_destroy(context);
-  }
-  pw_main_loop_destroy(loop);
-  return answers;
-}
-
 bool PipeWireBackend::connect() {
   loop_ = pw_thread_loop_new("quellix-pipewire", nullptr);
   if (loop_ == nullptr) {

@@ -42,8 +42,6 @@ class PipeWireBackend final : public AudioBackend {
   // Connects to the usual PipeWire server and waits up to `startupWait` for a complete view.
   // Without a server the backend answers that the hardware is not running.
   static std::shared_ptr<PipeWireBackend> create(Options options, std::shared_ptr<LogSink> logs);
-  // Whether a PipeWire server answers at the usual place.
-  static bool serverAnswers();
   ~PipeWireBackend() override;
 
   bool isConnected() const;
@@ -107,6 +105,7 @@ class PipeWireBackend final : public AudioBackend {
   void schedulePublish();
   void publish();
   void keepStreamsOnTaps();
+  void dropLinksBeside(std::uint32_t stream, std::uint32_t tapNode);
   void setTarget(std::uint32_t stream, const std::optional<std::string>& target, bool ours);
 
   bool waitForSnapshot(const std::function<bool(const pulse::AudioSnapshot&)>& condition,

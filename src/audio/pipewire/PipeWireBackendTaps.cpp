@@ -123,6 +123,30 @@ void PipeWireBackend::setTarget(std::uint32_t stream, const std::optional<std::s
   }
 }
 
+void PipeWireBackend::dropLinksBeside(std::uint32_t stream, std::uint32_t tapNode) {
+  // WirePlumber 0.4, asked to move a stream it is still linking, may link it to the new
+  // target and keep the old link: the stream would play on the output beside the tap. Once
+  // the tap has it, its other links to sinks go.
+  bool onTap = false;
+  std::vector<std::uint32_t> others;
+  for (const auto& [id, link] : graph_->links) {
+    if (link.outputNode != stream) {
+      continue;
+    }
+    const auto* input = graph_->node(link.inputNode);
+    if (link.inputNode == tapNode) {
+      onTap = true;
+    } else if (input != nullptr && input->mediaClass == "Audio/Sink") {
+      others.push_back(id);
+    }
+  }
+  if (onTap) {
+    for (const std::uint32_t link : others) {
+      pw_registry_destroy(graph_->registry, link);
+    }
+  }
+}
+
 void PipeWireBackend::keepStreamsOnTaps() {
   if (taps_.empty()) {
     return;
@@ -146,8 +170,11 @@ void PipeWireBackend::keepStreamsOnTaps() {
     }
     const auto serial = captureNode->properties.find(PW_KEY_OBJECT_SERIAL);
     const auto target = graph_->targets.find(placement.index);
-    if (serial == captureNode->properties.end() ||
-        (target != graph_->targets.end() && target->second == serial->second)) {
+    if (serial == captureNode->properties.end()) {
+      continue;
+    }
+    if (target != graph_->targets.end() && target->second == serial->second) {
+      dropLinksBeside(placement.index, sink->index);
       continue;
     }
     const auto dontMove = streamNode->properties.find("node.dont-move");

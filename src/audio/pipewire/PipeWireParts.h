@@ -1,6 +1,12 @@
 #pragma once
 
 // What the parts of PipeWireBackend's implementation share; included by them alone.
+// PipeWire's method macros are GNU statement expressions and its pod builder a C99 compound
+// literal, which Clang flags under -Wpedantic.
+#ifdef __clang__
+#pragma clang diagnostic ignored "-Wgnu-statement-expression"
+#pragma clang diagnostic ignored "-Wc99-extensions"
+#endif
 #include <pipewire/extensions/metadata.h>
 #include <pipewire/pipewire.h>
 #include <spa/param/audio/format-utils.h>
