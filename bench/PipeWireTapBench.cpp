@@ -9,7 +9,7 @@
 #include <sstream>
 #include <thread>
 
-#include "ClickTimeline.h"
+#include "TapPathMeasures.h"
 #include "audio/CoreAudioSupport.h"
 #include "audio/pipewire/PipeWireBackend.h"
 #include "engine/muting/ProcessMuteTap.h"
@@ -20,9 +20,9 @@
 namespace {
 
 using namespace quellix;
-using namespace quellix::bench;
+using namespace quellix::tappath;
 
-std::vector<AudioObjectID> processObjectsOf(const PipeWireBackend& backend, pid_t pid) {
+std::vector<AudioObjectID> playerObjectsOf(const PipeWireBackend& backend, pid_t pid) {
   std::vector<AudioObjectID> objects;
   testing::eventually([&] {
     objects.clear();
@@ -37,8 +37,8 @@ std::vector<AudioObjectID> processObjectsOf(const PipeWireBackend& backend, pid_
 }
 
 // Moves a stream with pactl until the server reports it on `sink`.
-bool moveStream(const testing::SoundServer& server, const std::string& index,
-                const std::string& sink) {
+bool moveStreamTo(const testing::SoundServer& server, const std::string& index,
+                  const std::string& sink) {
   return testing::eventually([&] {
     server.pactl({"move-sink-input", index, sink});
     for (const auto& input : server.sinkInputs()) {
@@ -65,7 +65,7 @@ int main() {
   testing::ChildProcess clicker(
       {"paplay", "--property=application.id=org.example.Clicker", clicks.string()},
       {.outputFile = (server.runtimeDir() / "paplay.log").string()});
-  const auto clickerObjects = processObjectsOf(*backend, clicker.pid());
+  const auto clickerObjects = playerObjectsOf(*backend, clicker.pid());
   std::string clickerStream;
   testing::eventually([&] {
     const auto inputs = server.sinkInputs();
@@ -94,10 +94,10 @@ int main() {
     tap.invalidate();
   }
   std::this_thread::sleep_for(kSegment);
-  const bool moved = moveStream(server, clickerStream, "bench.loopback");
+  const bool moved = moveStreamTo(server, clickerStream, "bench.loopback");
   timeline.mark("loopback");
   std::this_thread::sleep_for(kSegment);
-  const bool movedBack = moveStream(server, clickerStream, "out1");
+  const bool movedBack = moveStreamTo(server, clickerStream, "out1");
   timeline.mark("direct last");
   std::this_thread::sleep_for(kSegment);
   timeline.finish(recording.stopSamples(), Clock::now());

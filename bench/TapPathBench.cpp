@@ -22,7 +22,6 @@
 #include <string>
 #include <thread>
 
-#include "ClickTimeline.h"
 #include "audio/CoreAudioSupport.h"
 #include "audio/pulse/PulseBackend.h"
 #include "engine/muting/ProcessMuteTap.h"
@@ -31,122 +30,10 @@
 #include "harness/SoundServer.h"
 #include "support/Logger.h"
 
-namespace {
+#include "TapPathMeasures.h"
 
 using namespace quellix;
-using namespace quellix::bench;
-
-// The "Latency:" line `pactl list sinks` gives for the first sink whose name starts so.
-std::string sinkLatencyLine(const testing::SoundServer& server, const std::string& prefix) {
-  std::istringstream sinks(server.pactl({"list", "sinks"}));
-  bool inSink = false;
-  for (std::string line; std::getline(sinks, line);) {
-    if (line.find("Name: ") != std::string::npos)
-      inSink = line.find("Name: " + prefix) != std::string::npos;
-    else if (inSink && line.find("Latency: ") != std::string::npos)
-      return line.substr(line.find("Latency: ") + 9);
-  }
-  return "not found";
-}
-
-std::vector<AudioObjectID> processObjectsOf(const PulseBackend& backend, pid_t pid) {
-  std::vector<AudioObjectID> objects;
-  testing::eventually([&] {
-    objects.clear();
-    for (const auto& process : backend.snapshot()->processes) {
-      if (process.pid == pid)
-        objects.push_back(process.id);
-    }
-    return !objects.empty();
-  });
-  return objects;
-}
-
-// Moves the player's stream with pactl until the server reports it on `sink`: a move may be
-// acknowledged and not carried out.
-bool moveStream(const testing::SoundServer& server, const PulseBackend& backend, pid_t pid,
-                const std::string& sink) {
-  auto placement = [&]() -> std::pair<std::uint32_t, bool> {
-    const auto snapshot = backend.snapshot();
-    const auto* device = snapshot->deviceWithUID(sink);
-    for (const auto& input : snapshot->sinkInputs) {
-      if (input.pid == pid && !input.isOurIO)
-        return {input.index, device != nullptr && input.sink == device->sinkIndex};
-    }
-    return {pulse::kInvalidIndex, false};
-  };
-  // Each move interrupts the stream: another is sent only once the last one has had its time.
-  constexpr int kAttempts = 5;
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    const auto [index, placed] = placement();
-    if (placed)
-      return true;
-    if (index != pulse::kInvalidIndex)
-      server.pactl({"move-sink-input", std::to_string(index), sink});
-    if (testing::eventually([&] { return placement().second; }, {}, std::chrono::seconds(1)))
-      return true;
-  }
-  return false;
-}
-
-// Where a steady sine in channel 0 of a recording breaks, in seconds from the recording's
-// start: a sine predicts each sample from the two before it, so a gap, a skip or a click shows
-// as a residual far above what resampling leaves. Only the span between the tone's first and
-// last loud sample is looked at, less `settleSeconds` at its start.
-std::vector<double> dropoutsIn(const std::vector<float>& recording, double frequency,
-                               double settleSeconds, std::size_t endFrame = SIZE_MAX) {
-  const std::size_t frames = recording.size() / 2;
-  auto sample = [&](std::size_t frame) { return static_cast<double>(recording[2 * frame]); };
-  double peak = 0;
-  for (std::size_t frame = 0; frame < frames; ++frame)
-    peak = std::max(peak, std::abs(sample(frame)));
-  std::size_t first = 0;
-  std::size_t last = std::min(frames, endFrame);
-  while (first < frames && std::abs(sample(first)) < peak / 2)
-    ++first;
-  while (last > first && std::abs(sample(last - 1)) < peak / 2)
-    --last;
-  first += static_cast<std::size_t>(settleSeconds * static_cast<double>(kRate));
-  const double coefficient = 2 * std::cos(2 * M_PI * frequency / static_cast<double>(kRate));
-  const double threshold = 0.05 * peak;
-  // A break disturbs the prediction at both ends of a gap and for a while after a click; one
-  // within this span of the last is the same break.
-  constexpr std::size_t kSameBreak = kRate / 10;
-  std::vector<double> breaks;
-  std::size_t lastBreak = 0;
-  for (std::size_t frame = first + 2; frame < last; ++frame) {
-    const double residual = sample(frame) - coefficient * sample(frame - 1) + sample(frame - 2);
-    if (std::abs(residual) <= threshold)
-      continue;
-    if (breaks.empty() || frame - lastBreak > kSameBreak)
-      breaks.push_back(static_cast<double>(frame) / static_cast<double>(kRate));
-    lastBreak = frame;
-  }
-  return breaks;
-}
-
-std::string secondsList(const std::vector<double>& times) {
-  std::string text;
-  for (double time : times)
-    text.append(" ").append(std::to_string(static_cast<int>(time)));
-  return text;
-}
-
-// Milliseconds from `from` until the first 50 ms of silence in channel 0.
-std::optional<double> silenceAfter(const std::vector<float>& recording, std::size_t from) {
-  constexpr std::size_t kSpan = kRate / 20;
-  const auto quiet = static_cast<float>(std::pow(10.0, testing::kSilentBelowDbfs / 20.0));
-  std::size_t quietSince = from;
-  for (std::size_t frame = from; frame < recording.size() / 2; ++frame) {
-    if (std::abs(recording[2 * frame]) >= quiet)
-      quietSince = frame + 1;
-    else if (frame + 1 - quietSince >= kSpan)
-      return static_cast<double>(quietSince - from) * 1000.0 / kRate;
-  }
-  return std::nullopt;
-}
-
-}  // namespace
+using namespace quellix::tappath;
 
 int main(int argc, char** argv) {
   const bool pipeWire = argc > 1 && std::string(argv[1]) == "pipewire";

@@ -1,46 +1,30 @@
 #pragma once
 
-// What the tap-path benchmarks share: the CPU of this process's threads and children, and the
-// added latency of each path a click track takes to the output, from one recording.
-#include <dirent.h>
-#include <unistd.h>
+// What the tap path benchmark measures with: CPU of threads and processes, the server's view
+// of sinks and streams, and analyses of recordings of the output.
 
-#include <cctype>
+#include <sys/types.h>
+
 #include <chrono>
 #include <cmath>
-#include <fstream>
+#include <cstdint>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "audio/pulse/PulseBackend.h"
 #include "harness/LevelMeter.h"
+#include "harness/SoundServer.h"
 
-namespace quellix::bench {
+namespace quellix::tappath {
 
 using Clock = std::chrono::steady_clock;
 
 // The rate of every recording here.
-inline constexpr std::size_t kRate = 48000;
+constexpr std::size_t kRate = 48000;
 
 // CPU seconds used so far by the task or process whose stat file this is.
-inline double cpuSecondsOf(const std::string& statFile) {
-  std::string stat;
-  std::getline(std::ifstream(statFile), stat);
-  if (stat.empty())
-    return 0;
-  std::istringstream fields(stat.substr(stat.rfind(')') + 2));
-  std::string field;
-  unsigned long long user = 0;
-  unsigned long long system = 0;
-  for (int i = 3; i <= 15 && fields >> field; ++i) {
-    if (i == 14)
-      user = std::stoull(field);
-    if (i == 15)
-      system = std::stoull(field);
-  }
-  return static_cast<double>(user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
-}
+double cpuSecondsOf(const std::string& statFile);
 
 struct ThreadUse {
   double cpuSeconds = 0;
@@ -49,66 +33,30 @@ struct ThreadUse {
 
 // What this process's threads with the given name used so far: CPU to the nanosecond, and how
 // often they went to sleep.
-inline ThreadUse threadUse(const std::string& name) {
-  ThreadUse use;
-  DIR* tasks = ::opendir("/proc/self/task");
-  while (dirent* entry = tasks != nullptr ? ::readdir(tasks) : nullptr) {
-    const std::string task = std::string("/proc/self/task/") + entry->d_name;
-    std::string comm;
-    std::getline(std::ifstream(task + "/comm"), comm);
-    if (comm != name) {
-      continue;
-    }
-    unsigned long long runNs = 0;
-    std::ifstream(task + "/schedstat") >> runNs;
-    use.cpuSeconds += static_cast<double>(runNs) / 1e9;
-    std::ifstream status(task + "/status");
-    for (std::string line; std::getline(status, line);) {
-      if (line.rfind("voluntary_ctxt_switches:", 0) == 0) {
-        use.wakeUps += std::stoull(line.substr(line.find(':') + 1));
-      }
-    }
-  }
-  if (tasks != nullptr) {
-    ::closedir(tasks);
-  }
-  return use;
-}
-
-inline double threadCPUSeconds(const std::string& name) {
-  return threadUse(name).cpuSeconds;
-}
-
+ThreadUse threadUse(const std::string& name);
+double threadCPUSeconds(const std::string& name);
 // CPU seconds used so far by this process's children: the sound server, the player and the
 // recorder.
-inline double childrenCPUSeconds() {
-  double seconds = 0;
-  DIR* processes = ::opendir("/proc");
-  while (dirent* entry = processes != nullptr ? ::readdir(processes) : nullptr) {
-    const std::string stat = std::string("/proc/") + entry->d_name + "/stat";
-    std::string line;
-    if (!std::isdigit(static_cast<unsigned char>(entry->d_name[0])) ||
-        !std::getline(std::ifstream(stat), line))
-      continue;
-    std::istringstream fields(line.substr(line.rfind(')') + 2));
-    std::string state;
-    pid_t parent = 0;
-    if (fields >> state >> parent && parent == ::getpid())
-      seconds += cpuSecondsOf(stat);
-  }
-  if (processes != nullptr)
-    ::closedir(processes);
-  return seconds;
-}
+double childrenCPUSeconds();
 
+// The "Latency:" line `pactl list sinks` gives for the first sink whose name starts so.
+std::string sinkLatencyLine(const testing::SoundServer& server, const std::string& prefix);
+std::vector<AudioObjectID> processObjectsOf(const PulseBackend& backend, pid_t pid);
+// Moves the player's stream with pactl until the server reports it on `sink`: a move may be
+// acknowledged and not carried out.
+bool moveStream(const testing::SoundServer& server, const PulseBackend& backend, pid_t pid,
+                const std::string& sink);
+
+// Where a steady sine in channel 0 of a recording breaks, in seconds from the recording's
+// start (see the definition for how).
+std::vector<double> dropoutsIn(const std::vector<float>& recording, double frequency,
+                               double settleSeconds, std::size_t endFrame = SIZE_MAX);
+std::string secondsList(const std::vector<double>& times);
 // The frame of a recording that was playing at a moment, counted back from when the recording
 // stopped. The recorder's own lag makes every frame look later than it sounded.
-inline std::size_t frameAt(std::size_t frames, Clock::time_point stoppedAt, Clock::time_point at) {
-  const double before =
-      std::chrono::duration<double>(stoppedAt - at).count() * static_cast<double>(kRate);
-  return before >= static_cast<double>(frames) ? std::size_t{0}
-                                               : frames - static_cast<std::size_t>(before);
-}
+std::size_t frameAt(std::size_t frames, Clock::time_point stoppedAt, Clock::time_point at);
+// Milliseconds from `from` until the first 50 ms of silence in channel 0.
+std::optional<double> silenceAfter(const std::vector<float>& recording, std::size_t from);
 
 // The added latency of a path, measured by clicks at a steady period of the player's samples:
 // one recording of the output spans every path in turn, and each path shifts the clicks by its
@@ -209,4 +157,4 @@ class BurstTimeline {
   std::vector<Segment> segments_;
 };
 
-}  // namespace quellix::bench
+}  // namespace quellix::tappath
