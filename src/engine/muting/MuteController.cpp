@@ -422,7 +422,9 @@ void MuteController::sendStreamsToOutputs(const std::vector<AudioApp>& apps) {
           sent.emplace(object, wanted);
         }
       } catch (const TextError& error) {
+        // Said once: the next choice tries again, not every reconciliation.
         logger_.error("Ausgabe für " + app.name + " nicht gesetzt: " + errorDescription(error));
+        sent.emplace(object, wanted);
       }
     }
   }
