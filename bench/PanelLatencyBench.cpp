@@ -6,6 +6,9 @@
 // program (xdotool, pactl), so each pays one process start.
 //
 //   panel_latency_bench [rounds]    (default 10)
+//
+// QUELLIX_BENCH_WM names a window manager to run on the display (xfwm4, openbox), as on a
+// desktop; without one the panel's windows meet no focus handling at all.
 #include <QCoreApplication>
 #include <algorithm>
 #include <chrono>
@@ -86,7 +89,11 @@ std::vector<std::size_t> silenceOnsets(const std::vector<float>& samples) {
 }  // namespace
 
 int measure(int rounds) {
-  DesktopSession session(DesktopSession::Options{});
+  DesktopSession::Options options;
+  if (const char* manager = std::getenv("QUELLIX_BENCH_WM")) {
+    options.windowManager = {manager};
+  }
+  DesktopSession session(options);
   const pid_t player = session.play("com.example.alpha").pid();
   const auto quellix = session.startQuellix();
   if (!session.eventually([&] { return session.trayItem().has_value(); },
@@ -155,6 +162,8 @@ int measure(int rounds) {
           quellix->pid(), QStringLiteral("alpha"),
           {QStringLiteral(" stummschalten"), QStringLiteral(" wieder hörbar machen")});
       if (!row) {
+        std::fprintf(stderr, "no row on the screen; the panel is %s\n",
+                     shown() ? "open" : "closed");
         return std::optional<Clock::time_point>();
       }
       const QPoint centre = row->extents.center();

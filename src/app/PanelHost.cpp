@@ -12,6 +12,9 @@ namespace {
 
 // Space between the tray icon's click and the panel's edge.
 constexpr int kAnchorGap = 6;
+// A click on the tray icon takes the focus from the open panel before the tray says it was
+// clicked: within this time of losing the focus that way, the click is the one that closed it.
+constexpr qint64 kReopenGuardMilliseconds = 300;
 
 }  // namespace
 
@@ -26,22 +29,15 @@ PanelHost::PanelHost(std::unique_ptr<QWidget> content) : content_(content.releas
   setMode(Mode::window);
 }
 
-bool PanelHost::compositorPlacesPopups() {
-  return QGuiApplication::platformName().startsWith(QStringLiteral("wayland"));
-}
-
 void PanelHost::setMode(Mode mode) {
   const bool wasVisible = isVisible();
   mode_ = mode;
   if (mode == Mode::window) {
     setWindowFlags(Qt::Window | Qt::WindowTitleHint | Qt::WindowCloseButtonHint |
                    Qt::CustomizeWindowHint);
-  } else if (compositorPlacesPopups()) {
-    // A Wayland popup needs a parent surface the tray does not give us: a frameless window
-    // that hides when it loses focus behaves the same to the user.
-    setWindowFlags(Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint);
   } else {
-    setWindowFlags(Qt::Popup | Qt::FramelessWindowHint);
+    // Also on Wayland, where a popup would need a parent surface the tray does not give us.
+    setWindowFlags(Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint);
   }
   placed_ = false;
   if (wasVisible && mode == Mode::window) {
@@ -65,8 +61,20 @@ void PanelHost::present(QPoint anchor) {
 void PanelHost::toggle(QPoint anchor) {
   if (isVisible()) {
     hide();
-  } else {
+    // Hiding may take the focus away on the way: that was this click, not another window.
+    hiddenByFocusLoss_.invalidate();
+  } else if (!hiddenByFocusLoss_.isValid() ||
+             hiddenByFocusLoss_.hasExpired(kReopenGuardMilliseconds)) {
     present(anchor);
+  }
+}
+
+void PanelHost::hideOnFocusLoss() {
+  // Also when one of our own windows takes the focus (the about window opened from the
+  // panel): the panel is a menu, not a window to come back to.
+  if (mode_ == Mode::popup && isVisible()) {
+    hiddenByFocusLoss_.start();
+    hide();
   }
 }
 
@@ -104,9 +112,8 @@ void PanelHost::place() {
 }
 
 bool PanelHost::event(QEvent* event) {
-  if (event->type() == QEvent::WindowDeactivate && mode_ == Mode::popup &&
-      compositorPlacesPopups()) {
-    hide();
+  if (event->type() == QEvent::WindowDeactivate) {
+    hideOnFocusLoss();
   }
   return QWidget::event(event);
 }

@@ -1,13 +1,19 @@
 #pragma once
 
+#include <QElapsedTimer>
 #include <QPoint>
 #include <QWidget>
 #include <memory>
 
 namespace quellix {
 
-// Holds the panel: a frameless popup next to the tray icon where a tray exists, an ordinary
+// Holds the panel: a frameless window next to the tray icon where a tray exists, an ordinary
 // window where none does. Closing either only hides it; the content lives on.
+//
+// The tray's panel is a tool window that hides itself when it loses the focus, not a Qt
+// popup: a popup grabs the pointer, which a window manager answers by taking the focus back
+// and closing it before the user's click arrives, and Qt leaves popups out of the windows an
+// assistive technology can reach from the application.
 class PanelHost final : public QWidget {
  public:
   enum class Mode { popup, window };
@@ -30,12 +36,14 @@ class PanelHost final : public QWidget {
 
  private:
   void place();
-  static bool compositorPlacesPopups();
+  void hideOnFocusLoss();
 
   QWidget* content_;
   Mode mode_ = Mode::window;
   QPoint anchor_;
   bool placed_ = false;
+  // Since the panel last hid because another window took the focus.
+  QElapsedTimer hiddenByFocusLoss_;
 };
 
 }  // namespace quellix

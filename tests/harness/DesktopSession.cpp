@@ -22,10 +22,16 @@ DesktopSession::DesktopSession(Options options)
   ::setenv("XDG_CONFIG_HOME", configHome_.c_str(), 1);
   ::setenv("QT_QPA_PLATFORM", "xcb", 1);
   ::setenv("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1", 1);
+  if (!options.windowManager.empty()) {
+    windowManager_ = std::make_unique<ChildProcess>(
+        options.windowManager,
+        ChildProcess::Options{.outputFile = (scratchDir() / "window-manager.log").string()});
+  }
 }
 
 DesktopSession::~DesktopSession() {
   players_.clear();
+  windowManager_.reset();
   ui_.reset();
   watcher_.reset();
   QDBusConnection::disconnectFromBus(bus_.name());
