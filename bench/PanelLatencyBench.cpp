@@ -122,8 +122,8 @@ int measure(int rounds) {
   tray->activate(kTrayClick);
   std::optional<AccessibleUi::Element> row;
   if (!session.eventually([&] {
-        return (row = session.ui().showingButton(quellix->pid(), QStringLiteral("alpha"),
-                                                 {QStringLiteral(" stummschalten")}))
+        return (row = session.ui().showingControl(quellix->pid(), QStringLiteral("alpha"),
+                                                  {QStringLiteral(" stummschalten")}))
             .has_value();
       })) {
     std::fprintf(stderr, "no row for the player\n");
@@ -158,7 +158,7 @@ int measure(int rounds) {
     // Each click is confirmed by the tray icon before the next, so a lost one shows.
     const auto clickUntil = [&](const char* icon) {
       // The row changes its layout with its state: find it anew each time.
-      row = session.ui().showingButton(
+      row = session.ui().showingControl(
           quellix->pid(), QStringLiteral("alpha"),
           {QStringLiteral(" stummschalten"), QStringLiteral(" wieder hörbar machen")});
       if (!row) {
@@ -173,7 +173,7 @@ int measure(int rounds) {
           session.eventually([&] { return trayIcon() == icon; }, std::chrono::seconds(3));
       session.eventually([] { return false; }, kHold);
       if (!confirmed) {
-        const auto after = session.ui().showingButton(
+        const auto after = session.ui().showingControl(
             quellix->pid(), QStringLiteral("alpha"),
             {QStringLiteral(" stummschalten"), QStringLiteral(" wieder hörbar machen")});
         std::fprintf(stderr,

@@ -60,13 +60,17 @@ void PanelHost::present(QPoint anchor) {
 
 void PanelHost::toggle(QPoint anchor) {
   if (isVisible()) {
-    hide();
-    // Hiding may take the focus away on the way: that was this click, not another window.
-    hiddenByFocusLoss_.invalidate();
+    dismiss();
   } else if (!hiddenByFocusLoss_.isValid() ||
              hiddenByFocusLoss_.hasExpired(kReopenGuardMilliseconds)) {
     present(anchor);
   }
+}
+
+void PanelHost::dismiss() {
+  hide();
+  // Hiding takes the focus away on the way: that was this dismissal, not another window.
+  hiddenByFocusLoss_.invalidate();
 }
 
 void PanelHost::hideOnFocusLoss() {
@@ -120,7 +124,7 @@ bool PanelHost::event(QEvent* event) {
 
 void PanelHost::keyPressEvent(QKeyEvent* event) {
   if (event->key() == Qt::Key_Escape) {
-    hide();
+    dismiss();
     return;
   }
   QWidget::keyPressEvent(event);

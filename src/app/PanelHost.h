@@ -36,6 +36,7 @@ class PanelHost final : public QWidget {
 
  private:
   void place();
+  void dismiss();
   void hideOnFocusLoss();
 
   QWidget* content_;

@@ -4,6 +4,7 @@
 
 #include <QCoreApplication>
 #include <fstream>
+#include <stdexcept>
 
 namespace quellix::testing {
 
@@ -26,6 +27,18 @@ DesktopSession::DesktopSession(Options options)
     windowManager_ = std::make_unique<ChildProcess>(
         options.windowManager,
         ChildProcess::Options{.outputFile = (scratchDir() / "window-manager.log").string()});
+    // Windows mapped before the manager took the screen would meet none.
+    const auto managed = [] {
+      try {
+        return runProgram({"xprop", "-root", "_NET_SUPPORTING_WM_CHECK"}).find("window id") !=
+               std::string::npos;
+      } catch (const std::exception&) {
+        return false;
+      }
+    };
+    if (!eventually(managed)) {
+      throw std::runtime_error("the window manager did not take the display");
+    }
   }
 }
 

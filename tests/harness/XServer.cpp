@@ -67,4 +67,8 @@ void XServer::click(int x, int y) const {
               std::to_string(x), std::to_string(y), "click", "1"});
 }
 
+void XServer::key(const std::string& keys) const {
+  runProgram({"xdotool", "key", keys});
+}
+
 }  // namespace quellix::testing

@@ -35,6 +35,8 @@ class XServer {
   // Moves the pointer there and presses and releases the first button: real input, as a
   // user's.
   void click(int x, int y) const;
+  // Presses and releases `keys` (xdotool's names: "Escape") in the focused window.
+  void key(const std::string& keys) const;
 
  private:
   std::unique_ptr<ChildProcess> process_;
