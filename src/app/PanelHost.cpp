@@ -6,6 +6,9 @@
 #include <QKeyEvent>
 #include <QScreen>
 #include <QVBoxLayout>
+#include <QWindow>
+
+#include "app/X11Activation.h"
 
 namespace quellix {
 namespace {
@@ -27,6 +30,17 @@ PanelHost::PanelHost(std::unique_ptr<QWidget> content) : content_(content.releas
   setWindowTitle(QStringLiteral("Quellix"));
   setAttribute(Qt::WA_DeleteOnClose, false);
   setMode(Mode::window);
+  // Followed on the application, not through the window's own activation events: a panel
+  // shown again before Qt heard that hiding took its focus is never told it is active, and
+  // so never that it is not any more.
+  QObject::connect(qGuiApp, &QGuiApplication::focusWindowChanged, this, [this](QWindow* focus) {
+    if (focus != nullptr && focus == windowHandle()) {
+      hasFocus_ = true;
+    } else if (hasFocus_) {
+      hasFocus_ = false;
+      hideOnFocusLoss();
+    }
+  });
 }
 
 void PanelHost::setMode(Mode mode) {
@@ -51,7 +65,12 @@ void PanelHost::present(QPoint anchor) {
   show();
   place();
   raise();
+  hasFocus_ =
+      QGuiApplication::focusWindow() != nullptr && QGuiApplication::focusWindow() == windowHandle();
   activateWindow();
+  if (mode_ == Mode::popup) {
+    activateForUser(*this);
+  }
   // Keyboard users start inside the panel: Tab walks its controls, Escape closes it.
   if (!content_->isAncestorOf(QApplication::focusWidget())) {
     focusNextChild();
@@ -113,13 +132,6 @@ void PanelHost::place() {
                           std::max(available.top(), available.bottom() - size.height() + 1)));
   move(topLeft);
   placed_ = true;
-}
-
-bool PanelHost::event(QEvent* event) {
-  if (event->type() == QEvent::WindowDeactivate) {
-    hideOnFocusLoss();
-  }
-  return QWidget::event(event);
 }
 
 void PanelHost::keyPressEvent(QKeyEvent* event) {

@@ -30,7 +30,6 @@ class PanelHost final : public QWidget {
   QWidget* content() const { return content_; }
 
  protected:
-  bool event(QEvent* event) override;
   void keyPressEvent(QKeyEvent* event) override;
   bool eventFilter(QObject* watched, QEvent* event) override;
 
@@ -43,6 +42,8 @@ class PanelHost final : public QWidget {
   Mode mode_ = Mode::window;
   QPoint anchor_;
   bool placed_ = false;
+  // Whether the panel's window has the focus, as Qt last said.
+  bool hasFocus_ = false;
   // Since the panel last hid because another window took the focus.
   QElapsedTimer hiddenByFocusLoss_;
 };
