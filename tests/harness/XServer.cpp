@@ -59,6 +59,14 @@ std::optional<XServer::Geometry> XServer::visibleWindow(const std::string& title
   return Geometry{values["X"], values["Y"], values["WIDTH"], values["HEIGHT"]};
 }
 
+std::optional<std::string> XServer::activeWindow() const {
+  auto title = tryProgram({"xdotool", "getactivewindow", "getwindowname"});
+  if (title && !title->empty() && title->back() == '\n') {
+    title->pop_back();
+  }
+  return title;
+}
+
 void XServer::click(int x, int y) const {
   // The server takes the motion and the button in the order sent; waiting for the motion
   // (--sync) would wait forever when the pointer is already there.

@@ -32,6 +32,8 @@ class XServer {
 
   // The viewable window whose title is exactly `title`, if one is mapped now.
   std::optional<Geometry> visibleWindow(const std::string& title) const;
+  // The title of the window that has the focus, as the window manager says.
+  std::optional<std::string> activeWindow() const;
   // Moves the pointer there and presses and releases the first button: real input, as a
   // user's.
   void click(int x, int y) const;

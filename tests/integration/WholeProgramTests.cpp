@@ -211,8 +211,9 @@ TEST_P(PanelClicksTest, EveryRowClickToggles) {
   if (!options.windowManager.empty()) {
     ChildProcess other({"xmessage", "-geometry", "300x100+100+600", "elsewhere"},
                        {.outputFile = (session_->scratchDir() / "xmessage.log").string()});
-    ASSERT_TRUE(session_->eventually(
-        [&] { return session_->display().visibleWindow("xmessage").has_value(); }));
+    ASSERT_TRUE(session_->eventually([&] {
+      return session_->display().activeWindow() == "xmessage";
+    })) << "the other window did not take the focus";
     tray_->activate(kTrayClick);
     ASSERT_TRUE(session_->eventually([&] { return panelShown(); }));
     session_->display().click(250, 650);
