@@ -8,6 +8,7 @@
 #include <QVBoxLayout>
 #include <QWindow>
 
+#include "app/SwayPanelPlacement.h"
 #include "app/X11Activation.h"
 
 namespace quellix {
@@ -18,6 +19,9 @@ constexpr int kAnchorGap = 6;
 // A click on the tray icon takes the focus from the open panel before the tray says it was
 // clicked: within this time of losing the focus that way, the click is the one that closed it.
 constexpr qint64 kReopenGuardMilliseconds = 300;
+// sway places a window only once it is mapped, a few frames after show().
+constexpr int kSwayRetryMs = 40;
+constexpr int kSwayAttempts = 50;
 
 }  // namespace
 
@@ -41,6 +45,17 @@ PanelHost::PanelHost(std::unique_ptr<QWidget> content) : content_(content.releas
       hideOnFocusLoss();
     }
   });
+  if (compositorPlacesPopups()) {
+    sway_ = SwayPanelPlacement::forSession();
+  }
+  swayRetry_.setInterval(kSwayRetryMs);
+  connect(&swayRetry_, &QTimer::timeout, this, &PanelHost::placeOnSway);
+}
+
+PanelHost::~PanelHost() = default;
+
+bool PanelHost::compositorPlacesPopups() {
+  return QGuiApplication::platformName().startsWith(QStringLiteral("wayland"));
 }
 
 void PanelHost::setMode(Mode mode) {
@@ -62,6 +77,9 @@ void PanelHost::setMode(Mode mode) {
 void PanelHost::present(QPoint anchor) {
   anchor_ = anchor.isNull() ? QCursor::pos() : anchor;
   placed_ = false;
+  if (sway_) {
+    sway_->restart();
+  }
   show();
   place();
   raise();
@@ -112,6 +130,11 @@ void PanelHost::place() {
     }
     return;
   }
+  if (sway_) {
+    swayAttemptsLeft_ = kSwayAttempts;
+    placeOnSway();
+    return;
+  }
   const QScreen* screen = QGuiApplication::screenAt(anchor_);
   if (screen == nullptr) {
     screen = QGuiApplication::primaryScreen();
@@ -119,19 +142,34 @@ void PanelHost::place() {
   if (screen == nullptr) {
     return;
   }
-  const QRect available = screen->availableGeometry();
-  const QSize size = this->size();
-  // Below an icon in a top panel, above one in a bottom panel.
-  const bool opensDownwards = anchor_.y() < available.center().y();
-  QPoint topLeft(anchor_.x() - size.width() / 2, opensDownwards
-                                                     ? anchor_.y() + kAnchorGap
-                                                     : anchor_.y() - kAnchorGap - size.height());
+  move(topLeftNextTo(anchor_, screen->availableGeometry(), size()));
+  placed_ = true;
+}
+
+QPoint PanelHost::topLeftNextTo(QPoint anchor, const QRect& available, const QSize& size) {
+  const bool opensDownwards = anchor.y() < available.center().y();
+  QPoint topLeft(anchor.x() - size.width() / 2, opensDownwards
+                                                    ? anchor.y() + kAnchorGap
+                                                    : anchor.y() - kAnchorGap - size.height());
   topLeft.setX(std::clamp(topLeft.x(), available.left(),
                           std::max(available.left(), available.right() - size.width() + 1)));
   topLeft.setY(std::clamp(topLeft.y(), available.top(),
                           std::max(available.top(), available.bottom() - size.height() + 1)));
-  move(topLeft);
-  placed_ = true;
+  return topLeft;
+}
+
+void PanelHost::placeOnSway() {
+  if (!isVisible() || swayAttemptsLeft_ <= 0) {
+    swayRetry_.stop();
+    return;
+  }
+  --swayAttemptsLeft_;
+  if (sway_->place(windowTitle(), size(), &PanelHost::topLeftNextTo)) {
+    swayRetry_.stop();
+    placed_ = true;
+  } else if (!swayRetry_.isActive()) {
+    swayRetry_.start();
+  }
 }
 
 void PanelHost::keyPressEvent(QKeyEvent* event) {

@@ -2,10 +2,13 @@
 
 #include <QElapsedTimer>
 #include <QPoint>
+#include <QTimer>
 #include <QWidget>
 #include <memory>
 
 namespace quellix {
+
+class SwayPanelPlacement;
 
 // Holds the panel: a frameless window next to the tray icon where a tray exists, an ordinary
 // window where none does. Closing either only hides it; the content lives on.
@@ -19,6 +22,7 @@ class PanelHost final : public QWidget {
   enum class Mode { popup, window };
 
   explicit PanelHost(std::unique_ptr<QWidget> content);
+  ~PanelHost() override;
 
   Mode mode() const { return mode_; }
   void setMode(Mode mode);
@@ -29,6 +33,10 @@ class PanelHost final : public QWidget {
   void toggle(QPoint anchor = {});
   QWidget* content() const { return content_; }
 
+  // The popup's top left corner next to `anchor` (below an icon in a top bar, above one in a
+  // bottom bar), kept inside `available`.
+  static QPoint topLeftNextTo(QPoint anchor, const QRect& available, const QSize& size);
+
  protected:
   void keyPressEvent(QKeyEvent* event) override;
   bool eventFilter(QObject* watched, QEvent* event) override;
@@ -37,6 +45,8 @@ class PanelHost final : public QWidget {
   void place();
   void dismiss();
   void hideOnFocusLoss();
+  void placeOnSway();
+  static bool compositorPlacesPopups();
 
   QWidget* content_;
   Mode mode_ = Mode::window;
@@ -46,6 +56,9 @@ class PanelHost final : public QWidget {
   bool hasFocus_ = false;
   // Since the panel last hid because another window took the focus.
   QElapsedTimer hiddenByFocusLoss_;
+  std::unique_ptr<SwayPanelPlacement> sway_;
+  QTimer swayRetry_;
+  int swayAttemptsLeft_ = 0;
 };
 
 }  // namespace quellix
