@@ -3,6 +3,7 @@
 #include <QApplication>
 #include <algorithm>
 
+#include "app/AppRemoteControl.h"
 #include "app/PanelHost.h"
 #include "audio/BackendSelection.h"
 #include "desktop/mpris/MprisPlayers.h"
@@ -166,6 +167,7 @@ int QuellixApp::run(int argc, char** argv, std::shared_ptr<LogSink> logs) {
           },
   });
   QObject::connect(&instance, &SingleInstance::activationRequested, &scene, &QuellixApp::showPanel);
+  AppRemoteControl remoteControl(scene.state().control(), instance.control());
   const int status = QApplication::exec();
   defaults.flush();
   return status;
