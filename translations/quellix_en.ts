@@ -241,6 +241,14 @@ and needs next to no resources while it does.</translation>
         <source>Beenden</source>
         <translation>Quit</translation>
     </message>
+    <message>
+        <source>Aktuellen Mediaplayer stummschalten oder wieder hörbar machen</source>
+        <translation>Mute or unmute the current media player</translation>
+    </message>
+    <message>
+        <source>Alle wieder hörbar machen</source>
+        <translation>Unmute all</translation>
+    </message>
 </context>
 <context>
     <name>RemoteControl</name>

@@ -8,6 +8,7 @@ namespace quellix {
 namespace {
 
 constexpr std::string_view kDesktopSuffix = ".desktop";
+constexpr int kMaxAncestors = 64;
 
 bool sameText(const std::string& a, const std::string& b) {
   return QString::fromStdString(a).compare(QString::fromStdString(b), Qt::CaseInsensitive) == 0;
@@ -46,12 +47,14 @@ AppControl::Error::Error(Kind kind, std::string subject, std::vector<std::string
       candidates_(std::move(candidates)) {}
 
 AppControl::AppControl(MainQueue& queue, AudioProcessMonitor& monitor, MuteController& muter,
-                       SystemVolumeController& systemVolume, ProcessName processName)
+                       SystemVolumeController& systemVolume, ProcessName processName,
+                       ParentPID parentPID)
     : queue_(queue),
       monitor_(monitor),
       muter_(muter),
       systemVolume_(systemVolume),
-      processName_(std::move(processName)) {}
+      processName_(std::move(processName)),
+      parentPID_(std::move(parentPID)) {}
 
 AppListing AppControl::listing(const AudioApp& app) const {
   const std::string key = app.key();
@@ -141,6 +144,23 @@ AppListing AppControl::setVolume(const std::string& query, double percent) {
   const AudioApp app = find(query);
   muter_.setVolume(fraction, app);
   return listing(app);
+}
+
+std::optional<AppListing> AppControl::toggleProcess(pid_t pid) {
+  const auto& apps = monitor_.apps().get();
+  std::optional<pid_t> current = pid;
+  // A bounded walk: a /proc read in the middle of a reparenting must not loop.
+  for (int depth = 0; current && *current > 1 && depth < kMaxAncestors; ++depth) {
+    const auto found = std::find_if(apps.begin(), apps.end(),
+                                    [&](const AudioApp& app) { return app.id == *current; });
+    if (found != apps.end()) {
+      const AudioApp app = *found;
+      muter_.toggle(app);
+      return listing(app);
+    }
+    current = parentPID_ ? parentPID_(*current) : std::nullopt;
+  }
+  return std::nullopt;
 }
 
 void AppControl::setMasterVolume(double percent) {

@@ -48,9 +48,11 @@ class AppControl {
   };
 
   using ProcessName = std::function<std::optional<std::string>(pid_t)>;
+  using ParentPID = std::function<std::optional<pid_t>(pid_t)>;
 
   AppControl(MainQueue& queue, AudioProcessMonitor& monitor, MuteController& muter,
-             SystemVolumeController& systemVolume, ProcessName processName);
+             SystemVolumeController& systemVolume, ProcessName processName,
+             ParentPID parentPID = {});
   AppControl(const AppControl&) = delete;
   AppControl& operator=(const AppControl&) = delete;
 
@@ -63,6 +65,9 @@ class AppControl {
   AppListing unmute(const std::string& query);
   AppListing toggle(const std::string& query);
   AppListing setVolume(const std::string& query, double percent);
+  // Toggles the application `pid` belongs to: its own row, or the row of the nearest
+  // ancestor that has one (a browser's sound comes from a child). None when it has no row.
+  std::optional<AppListing> toggleProcess(pid_t pid);
   void setMasterVolume(double percent);
   void setMasterMuted(bool muted);
   int masterVolume() const;
@@ -83,6 +88,7 @@ class AppControl {
   MuteController& muter_;
   SystemVolumeController& systemVolume_;
   ProcessName processName_;
+  ParentPID parentPID_;
   std::function<void(const AppListing&)> appChanged_;
   std::function<void(int, bool)> masterChanged_;
   std::vector<AppListing> lastApps_;

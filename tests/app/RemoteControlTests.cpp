@@ -5,9 +5,11 @@
 #include <QTest>
 
 #include "app/AppRemoteControl.h"
+#include "desktop/runtime/GlobalShortcuts.h"
 #include "desktop/runtime/SingleInstance.h"
 #include "harness/AppStateFixture.h"
 #include "harness/DBusClient.h"
+#include "harness/FakeShortcutPortal.h"
 #include "harness/SessionBus.h"
 
 namespace quellix {
@@ -15,12 +17,16 @@ namespace {
 
 const QString kControl = QStringLiteral("com.norvalin.Quellix.Control");
 
+// Qt keeps its first session connection: every test of the program shares one private bus.
+void usePrivateSessionBus() {
+  static testing::SessionBus bus;
+}
+
 // The instance's object on a private bus, called from a connection of a script's own.
 class RemoteControlTest : public testing::AppStateTest {
  protected:
   void SetUp() override {
-    // Qt keeps its first session connection: every test of the program shares one bus.
-    static testing::SessionBus bus;
+    usePrivateSessionBus();
     AppStateTest::SetUp();
     addPlayingApp(100, "org.example.Music", "Music");
     addPlayingApp(200, "org.example.Radio", "Radio");
@@ -120,6 +126,34 @@ TEST_F(RemoteControlTest, MasterVolumeAndMuteAreSetAndTold) {
   EXPECT_EQ(master.arguments()[0].toUInt(), 42u);
   EXPECT_TRUE(master.arguments()[1].toBool());
   EXPECT_TRUE(QTest::qWaitFor([&] { return masterChanges.count() >= 2; }));
+}
+
+TEST(GlobalShortcutsTest, OffersTheShortcutsAndReportsTheirActivation) {
+  usePrivateSessionBus();
+  testing::FakeShortcutPortal portal(testing::connectPrivately());
+  auto logs = std::make_shared<CapturingLogSink>();
+  GlobalShortcuts shortcuts(QDBusConnection::sessionBus(), logs);
+  QStringList activated;
+  QObject::connect(&shortcuts, &GlobalShortcuts::activated,
+                   [&](const QString& id) { activated << id; });
+  shortcuts.registerShortcuts({{"toggle-current-player", "Umschalten"}, {"unmute-all", "Alle"}});
+  ASSERT_TRUE(QTest::qWaitFor([&] { return shortcuts.isBound(); }));
+  EXPECT_EQ(portal.boundIds, (QStringList{"toggle-current-player", "unmute-all"}));
+  EXPECT_EQ(portal.boundDescriptions, (QStringList{"Umschalten", "Alle"}));
+
+  portal.activate("unmute-all");
+  ASSERT_TRUE(QTest::qWaitFor([&] { return !activated.isEmpty(); }));
+  EXPECT_EQ(activated, QStringList{"unmute-all"});
+  EXPECT_TRUE(logs->messages().empty());
+}
+
+TEST(GlobalShortcutsTest, WithoutThePortalOnlyOneLogLine) {
+  usePrivateSessionBus();
+  auto logs = std::make_shared<CapturingLogSink>();
+  GlobalShortcuts shortcuts(QDBusConnection::sessionBus(), logs);
+  shortcuts.registerShortcuts({{"unmute-all", "Alle"}});
+  EXPECT_EQ(logs->messages().size(), 1u);
+  EXPECT_FALSE(shortcuts.isBound());
 }
 
 }  // namespace

@@ -129,5 +129,16 @@ TEST_F(AppControlTest, ChangesAreToldOnceEachWhateverCausedThem) {
   EXPECT_EQ(masterChanges, (std::vector<std::pair<int, bool>>{{30, false}, {30, true}}));
 }
 
+TEST_F(AppControlTest, APlayersProcessTogglesTheRowOfItsNearestAncestorWithOne) {
+  system.addProcess({.pid = 201, .parent = 200, .executable = "firefox-content"});
+  AppControl& control = startWithApps();
+  const auto viaChild = control.toggleProcess(201);
+  ASSERT_TRUE(viaChild);
+  EXPECT_EQ(viaChild->id, "org.mozilla.firefox");
+  EXPECT_TRUE(viaChild->muted);
+  EXPECT_FALSE(control.toggleProcess(4242)) << "a process with no row changes nothing";
+  EXPECT_EQ(state->muter().mutedKeys().get(), (std::set<std::string>{"org.mozilla.firefox"}));
+}
+
 }  // namespace
 }  // namespace quellix
