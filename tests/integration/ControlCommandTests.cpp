@@ -21,6 +21,9 @@ constexpr auto kSilenceSettling = std::chrono::milliseconds(600);
 constexpr auto kLevelWindow = std::chrono::milliseconds(100);
 constexpr auto kStartTimeout = std::chrono::seconds(20);
 constexpr auto kExitTimeout = std::chrono::seconds(10);
+const QString kService = QStringLiteral("com.norvalin.Quellix");
+const QString kPath = QStringLiteral("/com/norvalin/Quellix");
+const QString kControl = QStringLiteral("com.norvalin.Quellix.Control");
 
 QCoreApplication& application() {
   static int argc = 1;
@@ -59,9 +62,8 @@ class ControlCommandTest : public ::testing::Test {
   }
 
   RemoteAppList listed() {
-    const QDBusMessage answer = testing::callAndWait(
-        bus_, QStringLiteral("com.norvalin.Quellix"), QStringLiteral("/com/norvalin/Quellix"),
-        QStringLiteral("com.norvalin.Quellix.Control"), QStringLiteral("ListApps"));
+    const QDBusMessage answer =
+        testing::callAndWait(bus_, kService, kPath, kControl, QStringLiteral("ListApps"));
     RemoteAppList apps;
     if (answer.type() == QDBusMessage::ReplyMessage) {
       answer.arguments().first().value<QDBusArgument>() >> apps;
@@ -84,6 +86,8 @@ TEST_F(ControlCommandTest, MutesTheNamedAppAtTheOutputAndRefusesWhatItCannotDo) 
   ASSERT_TRUE(session_->eventually([&] { return !listed().isEmpty(); }, kStartTimeout))
       << "the instance never listed the player";
 
+  testing::DBusSignalRecorder appChanges(bus_, kService, kPath, kControl,
+                                         QStringLiteral("AppChanged"));
   testing::MonitorRecording sink(session_->scratchDir() / "out1.raw", "out1.monitor");
   std::this_thread::sleep_for(kRecorderSettling);
   const CommandResult muted = command({"--mute", "com.example.alpha"});
@@ -123,6 +127,14 @@ TEST_F(ControlCommandTest, MutesTheNamedAppAtTheOutputAndRefusesWhatItCannotDo) 
   ASSERT_EQ(apps.size(), 1);
   EXPECT_FALSE(apps.front().muted);
   EXPECT_EQ(apps.front().volume, 30u);
+  // The mute, the volume, the toggle: each told once, the refusals not at all.
+  EXPECT_TRUE(session_->eventually([&] { return appChanges.count() >= 3; }));
+  EXPECT_EQ(appChanges.count(), 3);
+
+  testing::callAndWait(bus_, kService, kPath, kControl, QStringLiteral("SetMasterMuted"), {true});
+  const QDBusMessage master =
+      testing::callAndWait(bus_, kService, kPath, kControl, QStringLiteral("GetMaster"));
+  EXPECT_TRUE(master.arguments().value(1).toBool()) << "the master mute was not set";
 }
 
 }  // namespace
