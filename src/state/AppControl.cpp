@@ -3,6 +3,7 @@
 #include <QString>
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace quellix {
 namespace {
@@ -182,6 +183,9 @@ bool AppControl::masterMuted() const {
 void AppControl::onAppChanged(std::function<void(const AppListing&)> changed) {
   appChanged_ = std::move(changed);
   lastApps_ = apps();
+  if (std::exchange(watchingApps_, true)) {
+    return;
+  }
   // Re-read once the change is complete, not in the middle of it.
   auto later = [this, alive = std::weak_ptr<bool>(alive_)] {
     queue_.post([this, alive] {
@@ -198,6 +202,9 @@ void AppControl::onAppChanged(std::function<void(const AppListing&)> changed) {
 void AppControl::onMasterChanged(std::function<void(int, bool)> changed) {
   masterChanged_ = std::move(changed);
   lastMaster_ = {masterVolume(), masterMuted()};
+  if (std::exchange(watchingMaster_, true)) {
+    return;
+  }
   auto later = [this, alive = std::weak_ptr<bool>(alive_)] {
     queue_.post([this, alive] {
       if (alive.lock()) {

@@ -93,6 +93,8 @@ class AppControl {
   std::function<void(int, bool)> masterChanged_;
   std::vector<AppListing> lastApps_;
   std::pair<int, bool> lastMaster_{-1, false};
+  bool watchingApps_ = false;
+  bool watchingMaster_ = false;
   std::vector<Subscription> subscriptions_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
