@@ -56,7 +56,11 @@ void GlobalShortcuts::absent(const QString& why) {
 
 void GlobalShortcuts::registerShortcuts(std::vector<Shortcut> shortcuts) {
   shortcuts_ = std::move(shortcuts);
-  if (!bus_.isConnected() || !bus_.interface()->isServiceRegistered(kPortalService)) {
+  // The portal usually starts on the first call to it: a name the bus can activate counts.
+  const QString portal = QString::fromLatin1(kPortalService);
+  if (!bus_.isConnected() ||
+      (!bus_.interface()->isServiceRegistered(portal) &&
+       !bus_.interface()->activatableServiceNames().value().contains(portal))) {
     absent(QStringLiteral("kein Desktop-Portal auf dem Session-Bus"));
     return;
   }
