@@ -70,6 +70,9 @@ std::optional<PropertyValue> snapshotPropertyValue(
     if (global && selector == kAudioDevicePropertyDeviceUID) {
       return PropertyValue::text(device->uid);
     }
+    if (global && selector == kAudioObjectPropertyName) {
+      return PropertyValue::text(device->name);
+    }
     if (global && selector == kAudioDevicePropertyNominalSampleRate) {
       return PropertyValue::of(device->sampleRate);
     }

@@ -187,6 +187,7 @@ void PulseBackend::onContextState(pa_context* context) {
       pendingListReplies_ = 0;
       failPendingOperations();
       moves_.clear();
+      routeMoves_.clear();
       leftoversSwept_ = false;
       {
         // Taps and aggregate devices died with the server; their IO paths stop here.
@@ -199,6 +200,7 @@ void PulseBackend::onContextState(pa_context* context) {
         }
         taps_.clear();
         aggregates_.clear();
+        routes_.clear();
       }
       model_.reset();
       publish();
@@ -268,6 +270,7 @@ void PulseBackend::publish() {
   }
   if (ready_) {
     keepStreamsOnTaps();
+    keepStreamsRouted();
   }
 }
 
@@ -308,6 +311,7 @@ void PulseBackend::onSubscription(pa_context* context, unsigned eventType, std::
     model_.remove(*kind, index);
     if (*kind == Kind::sinkInput) {
       moves_.erase(index);
+      routeMoves_.erase(index);
     }
     publish();
     return;

@@ -139,6 +139,10 @@ class PulseBackend final : public AudioBackend {
   void publish();
   void failPendingOperations();
   void keepStreamsOnTaps();
+  // Moves the streams of processes given an output device there, or to the default output
+  // device while theirs is away.
+  void keepStreamsRouted();
+  void onRouteMoveDone(std::uint32_t sinkInput, bool success);
   void removeLeftovers();
   void onMoveDone(std::uint32_t sinkInput, bool success);
 
@@ -148,6 +152,7 @@ class PulseBackend final : public AudioBackend {
   OSStatus runAnyOperation(const std::function<pa_operation*(pa_context*, void*)>& start,
                            std::uint32_t& index);
   OSStatus returnStreams(const Tap& tap);
+  OSStatus routeProcess(SInt32 pid, std::string deviceUID);
 
   // The latest snapshot for a reader, without a lock while it has not changed.
   const pulse::AudioSnapshot& currentSnapshot() const;
@@ -185,6 +190,7 @@ class PulseBackend final : public AudioBackend {
   std::vector<std::weak_ptr<Completion>> pendingOperations_;
 
   std::map<std::uint32_t, Move> moves_;
+  std::map<std::uint32_t, Move> routeMoves_;
   bool leftoversSwept_ = false;
 
   // Taps and aggregate devices: created on the main thread, read by the main-loop thread to
@@ -192,6 +198,9 @@ class PulseBackend final : public AudioBackend {
   mutable std::mutex objectsMutex_;
   std::map<AudioObjectID, Tap> taps_;
   std::map<AudioObjectID, Aggregate> aggregates_;
+  // The output device UID each process's streams were sent to, by PID ("": the default); a
+  // PID's entry goes with its last stream.
+  std::map<SInt32, std::string> routes_;
   // Taps and aggregate devices that went with a lost connection: their owners' calls to stop
   // and destroy them succeed, since what they ask for has happened.
   std::set<AudioObjectID> lostWithServer_;

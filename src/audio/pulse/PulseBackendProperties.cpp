@@ -20,6 +20,13 @@ std::optional<PropertyValue> PulseBackend::propertyValue(AudioObjectID object,
                                                          const AudioObjectPropertyAddress& address,
                                                          OSStatus& status) const {
   const AudioSnapshot& current = currentSnapshot();
+  if (address == pulse::kOutputDeviceAddress) {
+    if (const auto* process = current.process(object)) {
+      std::lock_guard lock(objectsMutex_);
+      const auto route = routes_.find(process->pid);
+      return PropertyValue::text(route != routes_.end() ? route->second : std::string());
+    }
+  }
   bool found = false;
   auto answer = snapshotPropertyValue(
       current, object, address,
@@ -87,14 +94,24 @@ OSStatus PulseBackend::setPropertyData(AudioObjectID object,
                                        const AudioObjectPropertyAddress& address, UInt32,
                                        const void*, UInt32 size, const void* data) {
   const auto current = snapshot();
+  if (const auto* process = current->process(object)) {
+    if (address != pulse::kOutputDeviceAddress) {
+      return kAudioHardwareUnknownPropertyError;
+    }
+    if (size != sizeof(CFStringRef)) {
+      return kAudioHardwareBadPropertySizeError;
+    }
+    CFStringRef uid = nullptr;
+    std::memcpy(&uid, data, sizeof uid);
+    return routeProcess(process->pid, std::string(CFStringView(uid)));
+  }
   const auto* device = current->device(object);
   if (device == nullptr) {
     if (!current->connected) {
       return kAudioHardwareNotRunningError;
     }
-    return current->process(object) != nullptr || object == kAudioObjectSystemObject
-               ? kAudioHardwareUnknownPropertyError
-               : kAudioHardwareBadObjectError;
+    return object == kAudioObjectSystemObject ? kAudioHardwareUnknownPropertyError
+                                              : kAudioHardwareBadObjectError;
   }
   const std::uint32_t sinkIndex = device->sinkIndex;
   if (address == kVolumeAddress) {
