@@ -88,6 +88,10 @@ RemoteApp AppRemoteControl::toggle(const QString& app) {
   return translatingErrors([&] { return remote(control_.toggle(app.toStdString())); });
 }
 
+RemoteApp AppRemoteControl::hearOnly(const QString& app) {
+  return translatingErrors([&] { return remote(control_.hearOnly(app.toStdString())); });
+}
+
 RemoteApp AppRemoteControl::setVolume(const QString& app, double volume) {
   return translatingErrors([&] { return remote(control_.setVolume(app.toStdString(), volume)); });
 }

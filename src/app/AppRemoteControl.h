@@ -15,6 +15,7 @@ class AppRemoteControl final : public RemoteControl {
   RemoteApp mute(const QString& app) override;
   RemoteApp unmute(const QString& app) override;
   RemoteApp toggle(const QString& app) override;
+  RemoteApp hearOnly(const QString& app) override;
   RemoteApp setVolume(const QString& app, double volume) override;
   void setMasterVolume(double volume) override;
   void setMasterMuted(bool muted) override;

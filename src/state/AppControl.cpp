@@ -121,6 +121,12 @@ AppListing AppControl::unmute(const std::string& query) {
   return setMuted(query, false);
 }
 
+AppListing AppControl::hearOnly(const std::string& query) {
+  const AudioApp app = find(query);
+  muter_.hearOnly(app);
+  return listing(app);
+}
+
 AppListing AppControl::toggle(const std::string& query) {
   const AudioApp app = find(query);
   muter_.toggle(app);

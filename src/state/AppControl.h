@@ -64,6 +64,8 @@ class AppControl {
   AppListing mute(const std::string& query);
   AppListing unmute(const std::string& query);
   AppListing toggle(const std::string& query);
+  // Mutes every other application, or puts their mutes back when it is heard alone already.
+  AppListing hearOnly(const std::string& query);
   AppListing setVolume(const std::string& query, double percent);
   // Toggles the application `pid` belongs to: its own row, or the row of the nearest
   // ancestor that has one (a browser's sound comes from a child). None when it has no row.

@@ -36,6 +36,7 @@ class RemoteControl {
   virtual RemoteApp mute(const QString& app) = 0;
   virtual RemoteApp unmute(const QString& app) = 0;
   virtual RemoteApp toggle(const QString& app) = 0;
+  virtual RemoteApp hearOnly(const QString& app) = 0;
   virtual RemoteApp setVolume(const QString& app, double volume) = 0;
   virtual void setMasterVolume(double volume) = 0;
   virtual void setMasterMuted(bool muted) = 0;

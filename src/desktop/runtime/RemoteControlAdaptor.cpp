@@ -63,6 +63,10 @@ bool RemoteControlAdaptor::Toggle(const QString& app, const QDBusMessage& messag
       .muted;
 }
 
+void RemoteControlAdaptor::HearOnly(const QString& app, const QDBusMessage& message) {
+  answer<RemoteApp>(message, [&](RemoteControl& control) { return control.hearOnly(app); });
+}
+
 void RemoteControlAdaptor::SetVolume(const QString& app, double volume,
                                      const QDBusMessage& message) {
   answer<RemoteApp>(message,

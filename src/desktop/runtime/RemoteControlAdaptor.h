@@ -35,6 +35,9 @@ class RemoteControlAdaptor final : public QDBusAbstractAdaptor {
               "      <arg name=\"app\" type=\"s\" direction=\"in\"/>\n"
               "      <arg name=\"muted\" type=\"b\" direction=\"out\"/>\n"
               "    </method>\n"
+              "    <method name=\"HearOnly\">\n"
+              "      <arg name=\"app\" type=\"s\" direction=\"in\"/>\n"
+              "    </method>\n"
               "    <method name=\"SetVolume\">\n"
               "      <arg name=\"app\" type=\"s\" direction=\"in\"/>\n"
               "      <arg name=\"volume\" type=\"d\" direction=\"in\"/>\n"
@@ -72,6 +75,7 @@ class RemoteControlAdaptor final : public QDBusAbstractAdaptor {
   void Mute(const QString& app, const QDBusMessage& message);
   void Unmute(const QString& app, const QDBusMessage& message);
   bool Toggle(const QString& app, const QDBusMessage& message);
+  void HearOnly(const QString& app, const QDBusMessage& message);
   void SetVolume(const QString& app, double volume, const QDBusMessage& message);
   uint GetMaster(bool& muted);
   void SetMasterVolume(double volume, const QDBusMessage& message);
