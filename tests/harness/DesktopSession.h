@@ -31,6 +31,8 @@ class DesktopSession {
  public:
   struct Options {
     std::string preferencesJson = R"({"onboardingCompleted": true})";
+    // False where a real panel brings its own watcher.
+    bool trayWatcher = true;
   };
 
   explicit DesktopSession(Options options);
@@ -42,6 +44,8 @@ class DesktopSession {
   const XServer& display() const { return *x_; }
   AccessibleUi& ui() { return *ui_; }
   const std::filesystem::path& scratchDir() const { return server_->runtimeDir(); }
+  // XDG_CONFIG_HOME of every program the session starts.
+  const std::filesystem::path& configHome() const { return configHome_; }
 
   // A test player playing to `sink` ("out1" is the default).
   TestPlayerProcess& play(const std::string& appID, const std::string& sink = "out1",

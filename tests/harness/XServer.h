@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QImage>
 #include <memory>
 #include <optional>
 #include <string>
@@ -32,9 +33,11 @@ class XServer {
 
   // The viewable window whose title is exactly `title`, if one is mapped now.
   std::optional<Geometry> visibleWindow(const std::string& title) const;
-  // Moves the pointer there and presses and releases the first button: real input, as a
-  // user's.
-  void click(int x, int y) const;
+  // Moves the pointer there and presses and releases `button` (1 left, 3 right, 4 and 5 the
+  // wheel up and down): real input, as a user's.
+  void click(int x, int y, int button = 1) const;
+  // The screen's pixels in `area`, as the user sees them.
+  QImage screenshot(const Geometry& area) const;
 
  private:
   std::unique_ptr<ChildProcess> process_;
