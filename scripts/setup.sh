@@ -13,7 +13,8 @@ QUELLIX_PACKAGES=(
   pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus dbus-daemon sox mpv mpv-mpris
   xvfb xauth x11-utils dbus-x11 imagemagick fonts-dejavu-core
   xdotool at-spi2-core
-  qt6-wayland xfce4-panel xfwm4 lxqt-panel openbox sway waybar
+  qt6-wayland xfce4-panel xfwm4 lxqt-panel openbox sway waybar grim
+  libwayland-dev libwayland-bin
 )
 
 # Only the benchmarks compare the program with these; ./test.sh does not install them.

@@ -7,11 +7,16 @@
 #include <QScreen>
 #include <QVBoxLayout>
 
+#include "app/SwayPanelPlacement.h"
+
 namespace quellix {
 namespace {
 
 // Space between the tray icon's click and the panel's edge.
 constexpr int kAnchorGap = 6;
+// sway places a window only once it is mapped, a few frames after show().
+constexpr int kSwayRetryMs = 40;
+constexpr int kSwayAttempts = 50;
 
 }  // namespace
 
@@ -24,7 +29,14 @@ PanelHost::PanelHost(std::unique_ptr<QWidget> content) : content_(content.releas
   setWindowTitle(QStringLiteral("Quellix"));
   setAttribute(Qt::WA_DeleteOnClose, false);
   setMode(Mode::window);
+  if (compositorPlacesPopups()) {
+    sway_ = SwayPanelPlacement::forSession();
+  }
+  swayRetry_.setInterval(kSwayRetryMs);
+  connect(&swayRetry_, &QTimer::timeout, this, &PanelHost::placeOnSway);
 }
+
+PanelHost::~PanelHost() = default;
 
 bool PanelHost::compositorPlacesPopups() {
   return QGuiApplication::platformName().startsWith(QStringLiteral("wayland"));
@@ -52,6 +64,9 @@ void PanelHost::setMode(Mode mode) {
 void PanelHost::present(QPoint anchor) {
   anchor_ = anchor.isNull() ? QCursor::pos() : anchor;
   placed_ = false;
+  if (sway_) {
+    sway_->restart();
+  }
   show();
   place();
   raise();
@@ -81,6 +96,11 @@ void PanelHost::place() {
     }
     return;
   }
+  if (sway_) {
+    swayAttemptsLeft_ = kSwayAttempts;
+    placeOnSway();
+    return;
+  }
   const QScreen* screen = QGuiApplication::screenAt(anchor_);
   if (screen == nullptr) {
     screen = QGuiApplication::primaryScreen();
@@ -88,19 +108,34 @@ void PanelHost::place() {
   if (screen == nullptr) {
     return;
   }
-  const QRect available = screen->availableGeometry();
-  const QSize size = this->size();
-  // Below an icon in a top panel, above one in a bottom panel.
-  const bool opensDownwards = anchor_.y() < available.center().y();
-  QPoint topLeft(anchor_.x() - size.width() / 2, opensDownwards
-                                                     ? anchor_.y() + kAnchorGap
-                                                     : anchor_.y() - kAnchorGap - size.height());
+  move(topLeftNextTo(anchor_, screen->availableGeometry(), size()));
+  placed_ = true;
+}
+
+QPoint PanelHost::topLeftNextTo(QPoint anchor, const QRect& available, const QSize& size) {
+  const bool opensDownwards = anchor.y() < available.center().y();
+  QPoint topLeft(anchor.x() - size.width() / 2, opensDownwards
+                                                    ? anchor.y() + kAnchorGap
+                                                    : anchor.y() - kAnchorGap - size.height());
   topLeft.setX(std::clamp(topLeft.x(), available.left(),
                           std::max(available.left(), available.right() - size.width() + 1)));
   topLeft.setY(std::clamp(topLeft.y(), available.top(),
                           std::max(available.top(), available.bottom() - size.height() + 1)));
-  move(topLeft);
-  placed_ = true;
+  return topLeft;
+}
+
+void PanelHost::placeOnSway() {
+  if (!isVisible() || swayAttemptsLeft_ <= 0) {
+    swayRetry_.stop();
+    return;
+  }
+  --swayAttemptsLeft_;
+  if (sway_->place(windowTitle(), size(), &PanelHost::topLeftNextTo)) {
+    swayRetry_.stop();
+    placed_ = true;
+  } else if (!swayRetry_.isActive()) {
+    swayRetry_.start();
+  }
 }
 
 bool PanelHost::event(QEvent* event) {

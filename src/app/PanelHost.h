@@ -1,10 +1,13 @@
 #pragma once
 
 #include <QPoint>
+#include <QTimer>
 #include <QWidget>
 #include <memory>
 
 namespace quellix {
+
+class SwayPanelPlacement;
 
 // Holds the panel: a frameless popup next to the tray icon where a tray exists, an ordinary
 // window where none does. Closing either only hides it; the content lives on.
@@ -13,6 +16,7 @@ class PanelHost final : public QWidget {
   enum class Mode { popup, window };
 
   explicit PanelHost(std::unique_ptr<QWidget> content);
+  ~PanelHost() override;
 
   Mode mode() const { return mode_; }
   void setMode(Mode mode);
@@ -23,6 +27,10 @@ class PanelHost final : public QWidget {
   void toggle(QPoint anchor = {});
   QWidget* content() const { return content_; }
 
+  // The popup's top left corner next to `anchor` (below an icon in a top bar, above one in a
+  // bottom bar), kept inside `available`.
+  static QPoint topLeftNextTo(QPoint anchor, const QRect& available, const QSize& size);
+
  protected:
   bool event(QEvent* event) override;
   void keyPressEvent(QKeyEvent* event) override;
@@ -30,12 +38,16 @@ class PanelHost final : public QWidget {
 
  private:
   void place();
+  void placeOnSway();
   static bool compositorPlacesPopups();
 
   QWidget* content_;
   Mode mode_ = Mode::window;
   QPoint anchor_;
   bool placed_ = false;
+  std::unique_ptr<SwayPanelPlacement> sway_;
+  QTimer swayRetry_;
+  int swayAttemptsLeft_ = 0;
 };
 
 }  // namespace quellix

@@ -47,7 +47,8 @@ class DesktopSession {
   // XDG_CONFIG_HOME of every program the session starts.
   const std::filesystem::path& configHome() const { return configHome_; }
 
-  // A test player playing to `sink` ("out1" is the default).
+  // A test player playing to `sink` ("out1" is the default), launched from a desktop entry
+  // named by the last part of `appID`, as a user starts an application.
   TestPlayerProcess& play(const std::string& appID, const std::string& sink = "out1",
                           double frequency = 440.0);
 

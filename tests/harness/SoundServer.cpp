@@ -229,4 +229,11 @@ std::string SoundServer::pactl(const std::vector<std::string>& arguments) const 
   return runProgram(command);
 }
 
+int SoundServer::volumePercent(const std::string& sink) const {
+  const std::string output = pactl({"get-sink-volume", sink});
+  const auto percent = output.find('%');
+  const auto start = output.rfind(' ', percent);
+  return std::stoi(output.substr(start + 1, percent - start - 1));
+}
+
 }  // namespace quellix::testing

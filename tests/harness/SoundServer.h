@@ -28,6 +28,8 @@ class SoundServer {
   void start();
 
   std::string pactl(const std::vector<std::string>& arguments) const;
+  // `sink`'s volume in percent, as pactl reports it for the first channel.
+  int volumePercent(const std::string& sink) const;
   // Until the server reports it: PipeWire's session manager may still be applying an earlier
   // choice and silently keep it. False when it never does.
   bool setDefaultSink(const std::string& name) const;

@@ -133,7 +133,7 @@ TEST_P(MuteControllerIntegrationTest, MutedPlayersAreSilentAgainSoonAfterTheServ
   ASSERT_EQ(controller->tapCount(), 3u);
 
   server->stop();
-  ASSERT_TRUE(eventually([&] { return !backend->isConnected(); }));
+  ASSERT_TRUE(eventually([&] { return !snapshot()->connected; }));
   // When each player's stream shows up on the new connection, and when it was last heard
   // (off a tap sink), watched closely while the main queue is served here.
   using Clock = std::chrono::steady_clock;
@@ -143,7 +143,7 @@ TEST_P(MuteControllerIntegrationTest, MutedPlayersAreSilentAgainSoonAfterTheServ
   std::atomic<bool> watching{true};
   std::thread watcher([&] {
     while (watching) {
-      const auto snapshot = backend->snapshot();
+      const auto snapshot = this->snapshot();
       std::size_t count = 0;
       for (const auto& stream : snapshot->sinkInputs) {
         if (stream.pid == 0 || stream.isOurIO) {
@@ -183,8 +183,8 @@ TEST_P(MuteControllerIntegrationTest, MutedPlayersAreSilentAgainSoonAfterTheServ
             0);
   // Nothing of the old connection: three taps, each with its one sink and its two streams.
   EXPECT_EQ(controller->tapCount(), 3u);
-  EXPECT_EQ(backend->snapshot()->tapSinks.size(), 3u);
-  const auto streams = backend->snapshot()->sinkInputs;
+  EXPECT_EQ(snapshot()->tapSinks.size(), 3u);
+  const auto streams = snapshot()->sinkInputs;
   EXPECT_EQ(std::count_if(streams.begin(), streams.end(), [](const auto& s) { return s.isOurIO; }),
             3);
 }
@@ -214,7 +214,7 @@ TEST_P(MuteControllerIntegrationTest, TappedSoundFollowsTheNewDefaultOutput) {
     // Both players on taps whose sound goes to the new default, and no stream of ours
     // anywhere else.
     auto followed = [&] {
-      const auto snapshot = backend->snapshot();
+      const auto snapshot = this->snapshot();
       const auto* output = snapshot->deviceWithUID(newDefault);
       if (output == nullptr || snapshot->defaultOutput != output->id ||
           snapshot->tapSinks.size() != 2) {

@@ -10,16 +10,6 @@
 namespace quellix {
 namespace {
 
-using testing::SoundServer;
-
-// The sink's volume in percent, as pactl reports it for the first channel.
-int sinkVolumePercent(const SoundServer& server, const std::string& sink) {
-  const std::string output = server.pactl({"get-sink-volume", sink});
-  const auto percent = output.find('%');
-  const auto start = output.rfind(' ', percent);
-  return std::stoi(output.substr(start + 1, percent - start - 1));
-}
-
 class SystemVolumeIntegrationTest : public testing::ServerTest {
  protected:
   int runQuellix(const std::vector<std::string>& arguments) {
@@ -37,12 +27,12 @@ TEST_P(SystemVolumeIntegrationTest, VolsetSetsTheDefaultSinkAndRejectsBadNumbers
   target.pop_back();
   const std::string other = target == "out1" ? "out2" : "out1";
   EXPECT_EQ(runQuellix({"--volset", "30"}), 0);
-  EXPECT_EQ(sinkVolumePercent(*server, target), 30);
-  EXPECT_EQ(sinkVolumePercent(*server, other), 100);
+  EXPECT_EQ(server->volumePercent(target), 30);
+  EXPECT_EQ(server->volumePercent(other), 100);
   for (const char* bad : {"100.5", "-1", " 5", "abc"}) {
     EXPECT_EQ(runQuellix({"--volset", bad}), 1) << bad;
   }
-  EXPECT_EQ(sinkVolumePercent(*server, target), 30);
+  EXPECT_EQ(server->volumePercent(target), 30);
 }
 
 TEST_P(SystemVolumeIntegrationTest, FollowsOutsideChangesAndTheDefaultSink) {
@@ -61,12 +51,12 @@ TEST_P(SystemVolumeIntegrationTest, FollowsOutsideChangesAndTheDefaultSink) {
 
   controller->setVolume(0.25);
   EXPECT_TRUE(eventually(
-      [&] { return sinkVolumePercent(*server, "out2") == 25 && !controller->isMuted().get(); }));
+      [&] { return server->volumePercent("out2") == 25 && !controller->isMuted().get(); }));
   EXPECT_EQ(server->pactl({"get-sink-mute", "out2"}), "Mute: no\n");
-  EXPECT_EQ(sinkVolumePercent(*server, "out1"), 65) << "the old default is left alone";
+  EXPECT_EQ(server->volumePercent("out1"), 65) << "the old default is left alone";
 }
 
-QUELLIX_ON_EVERY_SERVER(SystemVolumeIntegrationTest);
+QUELLIX_ON_EVERY_BACKEND(SystemVolumeIntegrationTest);
 
 }  // namespace
 }  // namespace quellix
