@@ -3,6 +3,7 @@
 #include <QDBusMetaType>
 #include <QIcon>
 #include <QImage>
+#include <QPainter>
 #include <QPixmap>
 #include <QtEndian>
 #include <array>
@@ -13,6 +14,18 @@ namespace {
 
 // Panels draw their icons at one of these sizes; sending them all spares the host a scaling.
 constexpr std::array kTrayIconSizes = {16, 22, 24, 32, 48};
+
+// Near white and near black rather than the extremes, so that the edge stays soft.
+constexpr QRgb kSymbolColor = 0xfff4f4f4;
+constexpr QRgb kOutlineColor = 0xff1c1c1c;
+
+QImage tinted(const QImage& shape, QRgb color) {
+  QImage image = shape;
+  QPainter painter(&image);
+  painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
+  painter.fillRect(image.rect(), QColor::fromRgba(color));
+  return image;
+}
 
 }  // namespace
 
@@ -136,15 +149,38 @@ void registerDBusTrayTypes() {
   (void)registered;
 }
 
-TrayIconPixmapList trayIconPixmaps(const QIcon& icon) {
+QImage outlinedTrayImage(const QIcon& symbol, int size) {
+  QImage image(size, size, QImage::Format_ARGB32_Premultiplied);
+  image.fill(Qt::transparent);
+  if (symbol.isNull() || size < 4) {
+    return image;
+  }
+  // One pixel of every side is left for the outline. One device pixel per pixel: the host
+  // scales for its own screen.
+  QImage shape(size, size, QImage::Format_ARGB32_Premultiplied);
+  shape.fill(Qt::transparent);
+  {
+    QPainter painter(&shape);
+    painter.drawPixmap(1, 1, symbol.pixmap(QSize(size - 2, size - 2), 1.0));
+  }
+  const QImage outline = tinted(shape, kOutlineColor);
+  QPainter painter(&image);
+  for (int dy = -1; dy <= 1; ++dy) {
+    for (int dx = -1; dx <= 1; ++dx) {
+      painter.drawImage(dx, dy, outline);
+    }
+  }
+  painter.drawImage(0, 0, tinted(shape, kSymbolColor));
+  return image;
+}
+
+TrayIconPixmapList trayIconPixmaps(const QIcon& symbol) {
   TrayIconPixmapList pixmaps;
-  if (icon.isNull()) {
+  if (symbol.isNull()) {
     return pixmaps;
   }
   for (const int size : kTrayIconSizes) {
-    // One device pixel per pixel: the host scales for its own screen.
-    const QImage image =
-        icon.pixmap(QSize(size, size), 1.0).toImage().convertToFormat(QImage::Format_ARGB32);
+    const QImage image = outlinedTrayImage(symbol, size).convertToFormat(QImage::Format_ARGB32);
     if (image.isNull()) {
       continue;
     }

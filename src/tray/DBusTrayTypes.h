@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QDBusArgument>
+#include <QImage>
 #include <QList>
 #include <QMetaType>
 #include <QString>
@@ -77,8 +78,13 @@ const QDBusArgument& operator>>(const QDBusArgument& argument, DBusMenuEvent& ev
 // Safe to call more than once.
 void registerDBusTrayTypes();
 
-// The icon drawn at each size the hosts commonly ask for, as the protocol wants it.
-TrayIconPixmapList trayIconPixmaps(const QIcon& icon);
+// The picture a host shows when it cannot find the icon by name: `symbol`'s shape, light and
+// ringed by a dark line, so that it reads on a light panel as well as on a dark one, as a
+// square image of `size` pixels.
+QImage outlinedTrayImage(const QIcon& symbol, int size);
+
+// `symbol` outlined as above at each size the hosts commonly ask for, as the protocol wants it.
+TrayIconPixmapList trayIconPixmaps(const QIcon& symbol);
 
 }  // namespace quellix
 

@@ -43,6 +43,8 @@ class StatusNotifierItemAdaptor final : public QDBusAbstractAdaptor {
   // Each setter tells the host only when something changed.
   void setTitle(const QString& title);
   void setIcon(const QString& iconName, const TrayIconPixmapList& pixmaps);
+  // Where hosts look for the icon names beside their own theme; set before the item is shown.
+  void setIconThemePath(const QString& path) { iconThemePath_ = path; }
   void setToolTip(const QString& title, const QString& text);
 
   QString category() const;
@@ -50,7 +52,7 @@ class StatusNotifierItemAdaptor final : public QDBusAbstractAdaptor {
   QString title() const { return title_; }
   QString status() const;
   int windowId() const { return 0; }
-  QString iconThemePath() const { return {}; }
+  QString iconThemePath() const { return iconThemePath_; }
   QString iconName() const { return iconName_; }
   TrayIconPixmapList iconPixmap() const { return pixmaps_; }
   QString noIconName() const { return {}; }
@@ -78,6 +80,7 @@ class StatusNotifierItemAdaptor final : public QDBusAbstractAdaptor {
   Handlers handlers_;
   QString title_;
   QString iconName_;
+  QString iconThemePath_;
   TrayIconPixmapList pixmaps_;
   QString toolTipTitle_;
   QString toolTipText_;

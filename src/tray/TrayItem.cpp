@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <QApplication>
+#include <QCoreApplication>
 #include <QCursor>
 #include <QDBusConnectionInterface>
 #include <QDBusError>
@@ -10,8 +11,10 @@
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
 #include <QDBusServiceWatcher>
+#include <QDir>
 #include <QFile>
 #include <QMenu>
+#include <QPixmap>
 #include <QSystemTrayIcon>
 #include <atomic>
 #include <chrono>
@@ -77,6 +80,7 @@ void TrayItem::exportOnBus() {
              }
            }});
   itemAdaptor_->setTitle(QStringLiteral("Quellix"));
+  itemAdaptor_->setIconThemePath(iconThemePath());
   menuAdaptor_ = new DBusMenuAdaptor(
       &menuObject_, [this](const QString& entryID) { emit menuEntryTriggered(entryID); });
 
@@ -281,18 +285,35 @@ QString TrayItem::xembedToolTip() const {
 }
 
 QString TrayItem::themeIconName(const QString& symbolName) {
+  // Names of our own: a theme's speaker of the same name would not be the one the panel and
+  // the about window show.
   if (symbolName == QLatin1String("speaker.wave.2.fill")) {
-    return QStringLiteral("audio-volume-high-symbolic");
+    return QStringLiteral("com.norvalin.quellix-speaker-symbolic");
   }
   if (symbolName == QLatin1String("speaker.slash.fill")) {
-    return QStringLiteral("audio-volume-muted-symbolic");
+    return QStringLiteral("com.norvalin.quellix-speaker-muted-symbolic");
   }
   return {};
 }
 
+QString TrayItem::iconThemePath() {
+  // Installed, and in the portable folder, the icons are in share/ beside bin/; a build tree
+  // keeps a copy in the same place relative to the program.
+  const QString path =
+      QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/../share/icons"));
+  const QString probe = path + QStringLiteral("/hicolor/scalable/status/") +
+                        themeIconName(QStringLiteral("speaker.wave.2.fill")) +
+                        QStringLiteral(".svg");
+  return QFile::exists(probe) ? path : QString();
+}
+
 QIcon TrayItem::currentIcon() const {
-  const QString themeName = themeIconName(symbolName_);
-  return themeName.isEmpty() ? picture_ : QIcon::fromTheme(themeName, picture_);
+  // The X11 tray takes a picture, never a name: the outlined one reads on any panel.
+  QIcon icon;
+  for (const int size : {16, 22, 24, 32, 48}) {
+    icon.addPixmap(QPixmap::fromImage(outlinedTrayImage(picture_, size)));
+  }
+  return icon;
 }
 
 void TrayItem::setSymbol(const QString& symbolName, const QIcon& picture) {
@@ -307,7 +328,14 @@ void TrayItem::setSymbol(const QString& symbolName, const QIcon& picture) {
 }
 
 void TrayItem::setSymbol(const QString& symbolName) {
-  const QString path = symbolDirectory_ + QLatin1Char('/') + symbolName + QStringLiteral(".svg");
+  // The tray's own drawing of a symbol where it has one, so that the picture matches the icon
+  // the hosts find by name.
+  const QString themeName = themeIconName(symbolName);
+  const QString trayPath = QStringLiteral(":/tray/") + themeName + QStringLiteral(".svg");
+  const QString path =
+      !themeName.isEmpty() && QFile::exists(trayPath)
+          ? trayPath
+          : symbolDirectory_ + QLatin1Char('/') + symbolName + QStringLiteral(".svg");
   if (!QFile::exists(path)) {
     logger_.error("No picture for the symbol " + symbolName.toStdString() + " at " +
                   path.toStdString());

@@ -38,8 +38,9 @@ class TrayItem final : public QObject {
   TrayItem(const TrayItem&) = delete;
   TrayItem& operator=(const TrayItem&) = delete;
 
-  // Shows the named symbol ("speaker.wave.2.fill", "speaker.slash.fill"). Hosts draw the
-  // icon theme's picture of the same meaning where the theme has one, else `picture`.
+  // Shows the named symbol ("speaker.wave.2.fill", "speaker.slash.fill"). Hosts draw our
+  // icon of that name, recoloured for their panel, where they find it, else `picture`
+  // outlined.
   void setSymbol(const QString& symbolName, const QIcon& picture);
   // As above, with the picture read from "<symbolDirectory>/<symbolName>.svg".
   void setSymbol(const QString& symbolName);
@@ -56,8 +57,11 @@ class TrayItem final : public QObject {
   // The name the item holds on the session bus, empty without one.
   QString serviceName() const { return serviceName_; }
 
-  // The icon theme's name for a symbol, empty when the theme has no equivalent.
+  // The icon name the tray's symbol is installed under, empty for other symbols.
   static QString themeIconName(const QString& symbolName);
+  // The folder holding the hicolor theme with those icons, beside the program; empty when the
+  // program runs from elsewhere and the hosts must find them in the system's themes.
+  static QString iconThemePath();
 
  signals:
   // The user clicked the icon; `where` is the click in global coordinates, or the null point

@@ -17,7 +17,7 @@ DesktopSession::DesktopSession(Options options)
       // it starts on demand inherits them.
       sessionBus_(std::make_unique<SessionBus>()),
       bus_(connectPrivately()),
-      watcher_(std::make_unique<StatusNotifierWatcher>()),
+      watcher_(options.trayWatcher ? std::make_unique<StatusNotifierWatcher>() : nullptr),
       ui_(std::make_unique<AccessibleUi>(bus_)),
       configHome_(server_->runtimeDir() / "config") {
   std::filesystem::create_directories(configHome_ / "quellix");
@@ -80,7 +80,7 @@ std::unique_ptr<ChildProcess> DesktopSession::startQuellix(
 }
 
 std::optional<QString> DesktopSession::trayItem() const {
-  const QStringList items = watcher_->registeredItems();
+  const QStringList items = watcher_ ? watcher_->registeredItems() : QStringList();
   if (items.isEmpty()) {
     return std::nullopt;
   }

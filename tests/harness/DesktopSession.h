@@ -33,6 +33,8 @@ class DesktopSession {
     std::string preferencesJson = R"({"onboardingCompleted": true})";
     // A window manager to run on the display (its command line), none when empty.
     std::vector<std::string> windowManager;
+    // False where a real panel brings its own watcher.
+    bool trayWatcher = true;
   };
 
   explicit DesktopSession(Options options);
@@ -44,6 +46,8 @@ class DesktopSession {
   const XServer& display() const { return *x_; }
   AccessibleUi& ui() { return *ui_; }
   const std::filesystem::path& scratchDir() const { return server_->runtimeDir(); }
+  // XDG_CONFIG_HOME of every program the session starts.
+  const std::filesystem::path& configHome() const { return configHome_; }
 
   // A test player playing to `sink` ("out1" is the default), launched from a desktop entry
   // named by the last part of `appID`, as a user starts an application.

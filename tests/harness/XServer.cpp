@@ -1,5 +1,7 @@
 #include "harness/XServer.h"
 
+#include <QTemporaryDir>
+
 #include <stdlib.h>
 
 #include <map>
@@ -67,12 +69,21 @@ std::optional<std::string> XServer::activeWindow() const {
   return title;
 }
 
-void XServer::click(int x, int y) const {
+void XServer::click(int x, int y, int button) const {
   // The server takes the motion and the button in the order sent; waiting for the motion
   // (--sync) would wait forever when the pointer is already there.
   // A user's pointer arrives from somewhere: widgets see it enter before the press.
   runProgram({"xdotool", "mousemove", std::to_string(x + 1), std::to_string(y + 1), "mousemove",
-              std::to_string(x), std::to_string(y), "click", "1"});
+              std::to_string(x), std::to_string(y), "click", std::to_string(button)});
+}
+
+QImage XServer::screenshot(const Geometry& area) const {
+  const std::string crop = std::to_string(area.width) + "x" + std::to_string(area.height) + "+" +
+                           std::to_string(area.x) + "+" + std::to_string(area.y);
+  QTemporaryDir folder;
+  const std::string png = folder.filePath(QStringLiteral("screen.png")).toStdString();
+  runProgram({"import", "-window", "root", "-crop", crop, png});
+  return QImage(QString::fromStdString(png));
 }
 
 void XServer::key(const std::string& keys) const {

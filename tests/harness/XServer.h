@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QImage>
 #include <memory>
 #include <optional>
 #include <string>
@@ -34,11 +35,13 @@ class XServer {
   std::optional<Geometry> visibleWindow(const std::string& title) const;
   // The title of the window that has the focus, as the window manager says.
   std::optional<std::string> activeWindow() const;
-  // Moves the pointer there and presses and releases the first button: real input, as a
-  // user's.
-  void click(int x, int y) const;
   // Presses and releases `keys` (xdotool's names: "Escape") in the focused window.
   void key(const std::string& keys) const;
+  // Moves the pointer there and presses and releases `button` (1 left, 3 right, 4 and 5 the
+  // wheel up and down): real input, as a user's.
+  void click(int x, int y, int button = 1) const;
+  // The screen's pixels in `area`, as the user sees them.
+  QImage screenshot(const Geometry& area) const;
 
  private:
   std::unique_ptr<ChildProcess> process_;

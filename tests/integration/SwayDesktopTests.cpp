@@ -202,8 +202,8 @@ TEST(SwayDesktopTest, TrayIconPanelRowWheelAndMenu) {
   testing::AccessibleUi ui(testing::connectPrivately());
   std::optional<testing::AccessibleUi::Element> row;
   ASSERT_TRUE(eventually([&] {
-    return (row = ui.showingButton(quellix.pid(), QStringLiteral("mpv"),
-                                   {QStringLiteral(" stummschalten")}))
+    return (row = ui.showingControl(quellix.pid(), QStringLiteral("mpv"),
+                                    {QStringLiteral(" stummschalten")}))
         .has_value();
   })) << "the panel lists no player";
   EXPECT_GT(testing::settledLevel(dir, "out1.monitor"), testing::kHeardAboveDbfs);

@@ -109,7 +109,7 @@ TEST_F(WholeProgramTest, TrayPanelMuteSecondStartAndQuit) {
   ASSERT_TRUE(session_->eventually([&] {
     return !trayIcon().isEmpty() || !tray_->iconPixmaps().empty();
   })) << "the tray item has no icon";
-  EXPECT_EQ(trayIcon().toStdString(), "audio-volume-high-symbolic");
+  EXPECT_EQ(trayIcon().toStdString(), "com.norvalin.quellix-speaker-symbolic");
   const auto newIcons = tray_->follow(tray_->itemPath(), testing::TrayHost::kItemInterface,
                                       QStringLiteral("NewIcon"));
 
@@ -136,8 +136,10 @@ TEST_F(WholeProgramTest, TrayPanelMuteSecondStartAndQuit) {
   })) << "the recorders deliver nothing";
   const QPoint centre = alphaRow->extents.center();
   session_->display().click(centre.x(), centre.y());
-  EXPECT_TRUE(session_->eventually([&] { return trayIcon() == "audio-volume-muted-symbolic"; }))
-      << "the tray icon still shows " << trayIcon().toStdString();
+  EXPECT_TRUE(session_->eventually([&] {
+    return trayIcon() == "com.norvalin.quellix-speaker-muted-symbolic";
+  })) << "the tray icon still shows "
+      << trayIcon().toStdString();
   EXPECT_TRUE(session_->eventually([&] { return newIcons->count() > 0; }))
       << "the tray was not told of the new icon";
   std::this_thread::sleep_for(kSilenceSettling);
@@ -158,8 +160,10 @@ TEST_F(WholeProgramTest, TrayPanelMuteSecondStartAndQuit) {
     const auto heard = session_->ui().showingControl(quellix_->pid(), alpha);
     return heard && heard->description == alpha + " stummschalten";
   })) << "the row still shows the player silenced";
-  EXPECT_TRUE(session_->eventually([&] { return trayIcon() == "audio-volume-high-symbolic"; }))
-      << "the tray icon still shows " << trayIcon().toStdString();
+  EXPECT_TRUE(session_->eventually([&] {
+    return trayIcon() == "com.norvalin.quellix-speaker-symbolic";
+  })) << "the tray icon still shows "
+      << trayIcon().toStdString();
 
   // Another click on the icon closes the panel; a second start opens it again and ends.
   ASSERT_TRUE(tray_->activate(kTrayClick));

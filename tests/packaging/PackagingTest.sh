@@ -71,6 +71,13 @@ if [ -e "$source_dir/resources/icons/$app_id.svg" ]; then
 else
   echo "note: no application icon in the sources yet"
 fi
+tray_icons=(com.norvalin.quellix-speaker-symbolic com.norvalin.quellix-speaker-muted-symbolic)
+has_tray_icons() {  # prefix
+  for icon in "${tray_icons[@]}"; do
+    [ -f "$1/share/icons/hicolor/scalable/status/$icon.svg" ] || fail "$1 lacks the tray's $icon"
+  done
+}
+has_tray_icons "$work/destdir/usr"
 
 step "the Debian package passes lintian"
 cpack --config "$build_dir/CPackConfig.cmake" -B "$work/deb" >/dev/null
@@ -97,6 +104,7 @@ step "apt installs the package, and the installed program lists the player"
 "${apt[@]}" install "$deb" >"$work/apt.log" 2>&1 ||
   { cat "$work/apt.log"; fail "apt-get install failed"; }
 dpkg-query -L "$package" >"$work/files"
+has_tray_icons /usr
 lists_the_player /usr/bin/quellix
 
 step "purging the package leaves nothing behind"
@@ -119,6 +127,7 @@ tar -C "$downloads" -xzf "$archive"
 folder="$downloads/Quellix"
 [ -f "$folder/quellix-portable" ] || fail "the portable folder has no marker"
 [ -x "$folder/bin/quellix" ] || fail "the portable folder has no bin/quellix"
+has_tray_icons "$folder"
 ldd "$folder/bin/quellix" >"$work/ldd"
 if grep -q 'not found' "$work/ldd"; then
   cat "$work/ldd"

@@ -202,7 +202,7 @@ TEST(ScrollReadingTest, OneNotchUpIsOneNotchUpOnEveryHost) {
   }
 }
 
-TEST(TrayItemTest, TheSymbolPicksTheThemeIconAndSendsPicturesInNetworkByteOrder) {
+TEST(TrayItemTest, TheSymbolPicksOurIconAndSendsOutlinedPicturesInNetworkByteOrder) {
   TrayItem item(std::make_shared<StderrLogSink>());
   item.setSymbol(QStringLiteral("speaker.wave.2.fill"), uniformIcon(QColor(0x11, 0x22, 0x33)));
   TrayHost host(itemOf(item));
@@ -211,13 +211,21 @@ TEST(TrayItemTest, TheSymbolPicksTheThemeIconAndSendsPicturesInNetworkByteOrder)
   QSignalSpy iconChanged(newIcon.get(), &DBusSignalRecorder::received);
   QSignalSpy toolTipChanged(newToolTip.get(), &DBusSignalRecorder::received);
 
-  EXPECT_EQ(host.itemProperty(QStringLiteral("IconName")).toString(), "audio-volume-high-symbolic");
+  const QString iconName = host.itemProperty(QStringLiteral("IconName")).toString();
+  EXPECT_EQ(iconName, "com.norvalin.quellix-speaker-symbolic");
+  // The build tree holds the theme beside the programs, as an installation does.
+  const QString themePath = host.itemProperty(QStringLiteral("IconThemePath")).toString();
+  EXPECT_TRUE(QFile::exists(themePath + "/hicolor/scalable/status/" + iconName + ".svg"))
+      << themePath.toStdString();
   const auto pixmaps = host.iconPixmaps();
   ASSERT_EQ(pixmaps.size(), 5u);
   for (const auto& pixmap : pixmaps) {
     EXPECT_EQ(pixmap.width, pixmap.height);
     ASSERT_EQ(pixmap.argb.size(), pixmap.width * pixmap.height * 4);
-    EXPECT_EQ(pixmap.argb.left(4), QByteArray::fromHex("ff112233")) << pixmap.width;
+    // Whatever colour the picture has, it is sent light inside a dark edge.
+    EXPECT_EQ(pixmap.argb.left(4), QByteArray::fromHex("ff1c1c1c")) << pixmap.width;
+    const int middle = (pixmap.width / 2 * pixmap.width + pixmap.width / 2) * 4;
+    EXPECT_EQ(pixmap.argb.mid(middle, 4), QByteArray::fromHex("fff4f4f4")) << pixmap.width;
   }
   EXPECT_EQ(pixmaps.front().width, 16);
   EXPECT_EQ(pixmaps.back().width, 48);
@@ -225,7 +233,7 @@ TEST(TrayItemTest, TheSymbolPicksTheThemeIconAndSendsPicturesInNetworkByteOrder)
   item.setSymbol(QStringLiteral("speaker.slash.fill"), uniformIcon(Qt::black));
   ASSERT_TRUE(waitFor(iconChanged));
   EXPECT_EQ(host.itemProperty(QStringLiteral("IconName")).toString(),
-            "audio-volume-muted-symbolic");
+            "com.norvalin.quellix-speaker-muted-symbolic");
 
   // The same symbol again tells the host nothing: the tooltip's signal, sent after it,
   // arrives with no icon signal before it.
@@ -235,23 +243,33 @@ TEST(TrayItemTest, TheSymbolPicksTheThemeIconAndSendsPicturesInNetworkByteOrder)
   EXPECT_EQ(iconChanged.size(), 1);
 }
 
-TEST(TrayItemTest, SymbolPicturesComeFromTheSymbolDirectory) {
+TEST(TrayItemTest, TheTraysOwnSymbolsWinOverTheSymbolDirectory) {
+  // Full squares in the directory: a picture from there is light in its top right corner,
+  // where the tray's speakers have nothing.
   QTemporaryDir directory;
-  QFile svg(directory.filePath(QStringLiteral("speaker.slash.fill.svg")));
-  ASSERT_TRUE(svg.open(QIODevice::WriteOnly));
-  svg.write(R"(<svg xmlns="http://www.w3.org/2000/svg" width="16" height="16">)"
-            R"(<rect x="0" y="0" width="16" height="16" fill="#000"/></svg>)");
-  svg.close();
-
-  TrayItem item(std::make_shared<StderrLogSink>());
-  item.setSymbolDirectory(directory.path());
-  item.setSymbol(QStringLiteral("speaker.slash.fill"));
-  TrayHost host(itemOf(item));
-
-  const auto pixmaps = host.iconPixmaps();
-  ASSERT_EQ(pixmaps.size(), 5u);
-  EXPECT_EQ(pixmaps.back().width, 48);
-  EXPECT_EQ(pixmaps.back().argb.left(4), QByteArray::fromHex("ff000000"));
+  for (const char* name : {"speaker.slash.fill", "waveform"}) {
+    QFile svg(directory.filePath(QString::fromLatin1(name) + ".svg"));
+    ASSERT_TRUE(svg.open(QIODevice::WriteOnly));
+    svg.write(R"(<svg xmlns="http://www.w3.org/2000/svg" width="16" height="16">)"
+              R"(<rect x="0" y="0" width="16" height="16" fill="#000"/></svg>)");
+  }
+  const auto topRight = [](const TrayHost::Pixmap& pixmap) {
+    return pixmap.argb.mid((2 * pixmap.width + pixmap.width - 3) * 4, 4);
+  };
+  const struct {
+    const char* symbol;
+    QByteArray topRight;
+  } cases[] = {{"speaker.slash.fill", QByteArray(4, '\0')},
+               {"waveform", QByteArray::fromHex("fff4f4f4")}};
+  for (const auto& c : cases) {
+    TrayItem item(std::make_shared<StderrLogSink>());
+    item.setSymbolDirectory(directory.path());
+    item.setSymbol(QString::fromLatin1(c.symbol));
+    TrayHost host(itemOf(item));
+    const auto pixmaps = host.iconPixmaps();
+    ASSERT_EQ(pixmaps.size(), 5u) << c.symbol;
+    EXPECT_EQ(topRight(pixmaps.back()), c.topRight) << c.symbol;
+  }
 }
 
 TEST(TrayItemTest, TheMenuLayoutCarriesTheEntriesAndAClickTriggersOne) {
