@@ -126,6 +126,18 @@ void SoundServer::stop() {
   }
 }
 
+void SoundServer::freeze() {
+  for (const auto& process : processes_) {
+    process->signal(SIGSTOP);
+  }
+}
+
+void SoundServer::thaw() {
+  for (const auto& process : processes_) {
+    process->signal(SIGCONT);
+  }
+}
+
 void SoundServer::startPulseAudio() {
   const auto script = runtimeDir_ / "quellix-test.pa";
   std::ofstream(script) << "load-module module-native-protocol-unix auth-anonymous=1\n"

@@ -26,6 +26,9 @@ class SoundServer {
 
   void stop();
   void start();
+  // Stops and continues every process of the server (SIGSTOP, SIGCONT): a server that hangs.
+  void freeze();
+  void thaw();
 
   std::string pactl(const std::vector<std::string>& arguments) const;
   // `sink`'s volume in percent, as pactl reports it for the first channel.

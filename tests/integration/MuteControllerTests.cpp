@@ -6,6 +6,7 @@
 #include <functional>
 #include <thread>
 
+#include "audio/CoreAudioSupport.h"
 #include "audio/pulse/PulseBackend.h"
 #include "harness/LevelMeter.h"
 #include "harness/ServerTest.h"
@@ -239,6 +240,67 @@ TEST_P(MuteControllerIntegrationTest, TappedSoundFollowsTheNewDefaultOutput) {
     EXPECT_EQ(controller->tapCount(), 2u);
     EXPECT_NEAR(level(newDefault), kToneDbfs + kHalfGainDb + kTwoTonesDb, kLevelToleranceDb)
         << server->lastLevels();
+  }
+}
+
+// A server that hangs holds up no call of the main thread; once it answers again the sound is
+// what the calls asked for, and each request it left unanswered in time failed with one line.
+TEST_P(MuteControllerIntegrationTest, AStoppedServerNeverHoldsUpTheMainThread) {
+  using namespace std::chrono;
+  constexpr auto kTimeout = milliseconds(500);
+  stopQuellix();
+  hardware.reset();
+  backend.reset();
+  connectBackend({.operationTimeout = kTimeout});
+  startQuellix();
+  TestPlayerProcess first({.appID = "org.example.First"});
+  TestPlayerProcess second({.appID = "org.example.Second", .frequency = 660});
+  const AudioApp muted = waitForApp("org.example.First");
+  const AudioApp quieter = waitForApp("org.example.Second");
+  const auto output =
+      read<UInt32>(*hardware, 1, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), 0);
+  const AudioObjectPropertyAddress volume{kAudioHardwareServiceDeviceProperty_VirtualMainVolume,
+                                          kAudioDevicePropertyScopeOutput, 0};
+  const AudioObjectPropertyAddress mute{kAudioDevicePropertyMute, kAudioDevicePropertyScopeOutput,
+                                        0};
+  logs->clear();
+
+  server->freeze();
+  nanoseconds worst{0};
+  const std::vector<std::function<void()>> calls = {
+      [&] { controller->toggle(muted); },
+      [&] { controller->setVolume(0.8f, quieter); },
+      [&] { write<Float32>(*hardware, output, volume, 0.9f); },
+      [&] { write<UInt32>(*hardware, output, mute, 1); },
+      [&] { controller->setVolume(0.5f, quieter); },
+      [&] { write<Float32>(*hardware, output, volume, 0.7f); },
+      [&] { write<UInt32>(*hardware, output, mute, 0); },
+      [&] { write<Float32>(*hardware, output, volume, 1.0f); },
+  };
+  for (const auto& call : calls) {
+    const auto begin = steady_clock::now();
+    call();
+    worst = std::max(worst, steady_clock::now() - begin);
+    queue.drain();
+  }
+  EXPECT_NEAR(read<Float32>(*hardware, output, volume, 0), 1.0f, 0.001f) << "read from the model";
+  const auto timedOut = [&] {
+    const auto lines = logs->messages("AudioBackend");
+    return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+      return line.find("failed: no answer from the sound server within 500 ms") !=
+             std::string::npos;
+    });
+  };
+  EXPECT_TRUE(eventually([&] { return timedOut() >= 3; })) << "tap, volume and mute lanes";
+  server->thaw();
+
+  EXPECT_LT(worst, milliseconds(100)) << duration_cast<milliseconds>(worst).count() << " ms";
+  EXPECT_TRUE(eventually([&] { return server->volumePercent("out1") == 100; }));
+  EXPECT_NEAR(level(), kToneDbfs + kHalfGainDb, kLevelToleranceDb) << server->lastLevels();
+  for (const auto& line : logs->messages("AudioBackend")) {
+    if (line.find("failed") != std::string::npos) {
+      EXPECT_NE(line.find("failed: no answer"), std::string::npos) << line;
+    }
   }
 }
 

@@ -48,7 +48,10 @@ PulseBackend::PulseBackend(Options options, std::shared_ptr<LogSink> logs)
     : options_(std::move(options)),
       snapshot_(std::make_shared<const AudioSnapshot>()),
       serial_(nextBackendSerial.fetch_add(1)),
-      logger_(std::move(logs), "AudioBackend") {}
+      logger_(std::move(logs), "AudioBackend") {
+  runner_ = std::make_unique<OperationRunner>(
+      options_.operationTimeout, [] { return OperationRunner::Clock::now(); }, logger_);
+}
 
 PulseBackend::~PulseBackend() {
   if (mainloop_ == nullptr) {
@@ -56,9 +59,14 @@ PulseBackend::~PulseBackend() {
   }
   // With the thread stopped no callback can run any more; then the context can go.
   pa_threaded_mainloop_stop(mainloop_);
+  // Abandons what is still in flight while the context that issued it is there.
+  runner_.reset();
   dropContext();
-  if (retryEvent_ != nullptr) {
-    pa_threaded_mainloop_get_api(mainloop_)->time_free(retryEvent_);
+  pa_mainloop_api* api = pa_threaded_mainloop_get_api(mainloop_);
+  for (pa_time_event* event : {retryEvent_, deadlineEvent_}) {
+    if (event != nullptr) {
+      api->time_free(event);
+    }
   }
   pa_threaded_mainloop_free(mainloop_);
 }
@@ -185,7 +193,9 @@ void PulseBackend::onContextState(pa_context* context) {
       }
       ready_ = false;
       pendingListReplies_ = 0;
-      failPendingOperations();
+      runner_->failAll("the connection to the sound server is gone");
+      armDeadline();
+      abandonedTapUUIDs_.clear();
       moves_.clear();
       leftoversSwept_ = false;
       {
@@ -262,12 +272,12 @@ void PulseBackend::publish() {
     previous = std::exchange(snapshot_, next);
     snapshotVersion_.fetch_add(1, std::memory_order_release);
   }
-  snapshotChanged_.notify_all();
   for (const auto& change : pulse::changesBetween(*previous, *next)) {
     listeners_.fire(change.object, change.address);
   }
   if (ready_) {
     keepStreamsOnTaps();
+    removeAbandonedTapSinks();
   }
 }
 
@@ -393,81 +403,6 @@ void PulseBackend::serverInfoCallback(pa_context* context, const pa_server_info*
   } else {
     self->publish();
   }
-}
-
-void PulseBackend::operationCallback(pa_context*, int success, void* userdata) {
-  auto* completion = static_cast<std::shared_ptr<Completion>*>(userdata);
-  (*completion)->finish(success != 0);
-  delete completion;
-}
-
-void PulseBackend::failPendingOperations() {
-  for (const auto& weak : pendingOperations_) {
-    if (auto completion = weak.lock()) {
-      completion->finish(false);
-    }
-  }
-  pendingOperations_.clear();
-}
-
-OSStatus PulseBackend::runOperation(const StartOperation& start) {
-  std::uint32_t unused = PA_INVALID_INDEX;
-  return runAnyOperation(
-      [&](pa_context* context, void* userdata) {
-        return start(context, &PulseBackend::operationCallback, userdata);
-      },
-      unused);
-}
-
-OSStatus PulseBackend::runIndexOperation(const StartIndexOperation& start, std::uint32_t& index) {
-  return runAnyOperation(
-      [&](pa_context* context, void* userdata) {
-        return start(context, &PulseBackend::indexOperationCallback, userdata);
-      },
-      index);
-}
-
-OSStatus PulseBackend::runAnyOperation(
-    const std::function<pa_operation*(pa_context*, void*)>& start, std::uint32_t& index) {
-  auto completion = std::make_shared<Completion>();
-  auto* userdata = new std::shared_ptr<Completion>(completion);
-  pa_operation* operation = nullptr;
-  {
-    MainloopLock lock(mainloop_);
-    if (!ready_ || context_ == nullptr) {
-      delete userdata;
-      return kAudioHardwareNotRunningError;
-    }
-    operation = start(context_, userdata);
-    if (operation == nullptr) {
-      delete userdata;
-      return kAudioHardwareUnspecifiedError;
-    }
-    std::erase_if(pendingOperations_, [](const auto& weak) { return weak.expired(); });
-    pendingOperations_.push_back(completion);
-  }
-  bool finished = false;
-  bool succeeded = false;
-  {
-    std::unique_lock lock(completion->mutex);
-    finished = completion->condition.wait_for(lock, options_.operationTimeout,
-                                              [&] { return completion->done; });
-    succeeded = completion->success;
-    index = completion->index;
-  }
-  {
-    MainloopLock lock(mainloop_);
-    // Under the lock the callback has either run (and freed its userdata) or never will.
-    if (pa_operation_get_state(operation) != PA_OPERATION_DONE) {
-      pa_operation_cancel(operation);
-      delete userdata;
-    }
-    pa_operation_unref(operation);
-  }
-  if (!finished) {
-    return kAudioHardwareNotRunningError;
-  }
-  return succeeded ? kAudioHardwareNoError : kAudioHardwareUnspecifiedError;
 }
 
 }  // namespace quellix

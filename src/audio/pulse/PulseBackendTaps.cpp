@@ -33,7 +33,6 @@ struct MoveRequest {
   std::uint32_t sinkInput;
 };
 
-constexpr auto kTapPlacementWait = std::chrono::milliseconds(1000);
 constexpr int kMaxMoveFailures = 5;
 
 }  // namespace
@@ -50,23 +49,6 @@ std::optional<PulseIOPath::Statistics> PulseBackend::ioStatistics(AudioObjectID 
     }
   }
   return std::nullopt;
-}
-
-bool PulseBackend::waitForSnapshot(
-    const std::function<bool(const pulse::AudioSnapshot&)>& condition,
-    std::chrono::milliseconds timeout) {
-  std::unique_lock lock(snapshotMutex_);
-  return snapshotChanged_.wait_for(lock, timeout, [&] { return condition(*snapshot_); });
-}
-
-void PulseBackend::indexOperationCallback(pa_context*, std::uint32_t index, void* userdata) {
-  auto* completion = static_cast<std::shared_ptr<Completion>*>(userdata);
-  {
-    std::lock_guard lock((*completion)->mutex);
-    (*completion)->index = index;
-  }
-  (*completion)->finish(index != PA_INVALID_INDEX);
-  delete completion;
 }
 
 void PulseBackend::moveCallback(pa_context* context, int success, void* userdata) {
@@ -172,118 +154,123 @@ OSStatus PulseBackend::createProcessTap(const CATapDescription& description,
       sanitizedLabel(description.name()) + "' " + pulse::kTapOwnerProperty + "=" +
       std::to_string(::getpid()) + " " + pulse::kTapOwnerStartProperty + "=" +
       pulse::processStartTime(::getpid()) + " " + pulse::kTapUUIDProperty + "=" + tap.uuid + "\"";
-  const OSStatus status = runIndexOperation(
-      [&](pa_context* context, auto callback, void* userdata) {
-        return pa_context_load_module(context, "module-null-sink", arguments.c_str(), callback,
-                                      userdata);
-      },
-      tap.module);
-  if (status != kAudioHardwareNoError) {
-    return status;
-  }
-  if (!waitForSnapshot([&](const auto& s) { return s.tapSinkWithUUID(tap.uuid) != nullptr; },
-                       options_.operationTimeout)) {
-    runOperation([&](pa_context* context, auto callback, void* userdata) {
-      return pa_context_unload_module(context, tap.module, callback, userdata);
-    });
-    return kAudioHardwareNotRunningError;
-  }
   {
     MainloopLock lock(mainloop_);
+    if (!ready_) {
+      return kAudioHardwareNotRunningError;
+    }
     tap.id = model_.allocateObjectID();
     outTap = tap.id;
     {
       std::lock_guard objectsLock(objectsMutex_);
       taps_.emplace(tap.id, tap);
     }
-    keepStreamsOnTaps();
+    // The sink's streams follow it as soon as the server reports it (keepStreamsOnTaps).
+    OperationRunner::Operation load;
+    load.description = "Creating the tap for " + description.name();
+    load.start = [this, id = tap.id, arguments](Finish finish) {
+      if (!ready_ || context_ == nullptr) {
+        finish(false);
+        return InFlight();
+      }
+      auto* reply = replyFor(std::move(finish), [this, id](std::uint32_t module) {
+        std::lock_guard objectsLock(objectsMutex_);
+        if (const auto found = taps_.find(id); found != taps_.end()) {
+          found->second.module = module;
+        }
+      });
+      return track(pa_context_load_module(context_, "module-null-sink", arguments.c_str(),
+                                          &PulseBackend::indexReply, reply),
+                   reply);
+    };
+    submit(tapLane(tap.id), std::move(load));
   }
-  // Audio flows through the tap once its streams are there; new ones follow as they come.
-  waitForSnapshot(
-      [&](const auto& s) {
-        const auto* sink = s.tapSinkWithUUID(tap.uuid);
-        return std::none_of(s.sinkInputs.begin(), s.sinkInputs.end(), [&](const auto& p) {
-          return !p.isOurIO && tap.pids.count(p.pid) > 0 && p.sink != sink->index;
-        });
-      },
-      kTapPlacementWait);
   listeners_.fire(kAudioObjectSystemObject,
                   {kAudioHardwarePropertyTapList, kAudioObjectPropertyScopeGlobal,
                    kAudioObjectPropertyElementMain});
   return kAudioHardwareNoError;
 }
 
-OSStatus PulseBackend::returnStreams(const Tap& tap) {
-  // Back to where each stream played before, or the default output when that is gone.
-  constexpr int kAttempts = 5;
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    const auto current = snapshot();
-    const auto* sink = current->tapSinkWithUUID(tap.uuid);
-    if (sink == nullptr) {
-      return kAudioHardwareNoError;
-    }
-    std::vector<std::pair<std::uint32_t, std::uint32_t>> moves;
-    const auto* fallback = current->device(current->defaultOutput);
-    for (const auto& placement : current->sinkInputs) {
-      if (placement.sink != sink->index) {
-        continue;
-      }
-      std::uint32_t target = fallback != nullptr ? fallback->sinkIndex : pulse::kInvalidIndex;
-      if (const auto original = tap.originalSinks.find(placement.index);
-          original != tap.originalSinks.end() &&
-          std::any_of(current->devices.begin(), current->devices.end(),
-                      [&](const auto& d) { return d.sinkIndex == original->second; })) {
-        target = original->second;
-      }
-      if (target != pulse::kInvalidIndex) {
-        moves.emplace_back(placement.index, target);
-      }
-    }
-    if (moves.empty()) {
-      return kAudioHardwareNoError;
-    }
-    if (attempt > 0) {
-      repeatedMoves_.fetch_add(moves.size(), std::memory_order_relaxed);
-    }
-    for (const auto& move : moves) {
-      const std::uint32_t stream = move.first;
-      const std::uint32_t destination = move.second;
-      runOperation([&](pa_context* context, auto callback, void* userdata) {
-        return pa_context_move_sink_input_by_index(context, stream, destination, callback,
-                                                   userdata);
-      });
-    }
-    waitForSnapshot(
-        [&](const auto& s) {
-          return std::none_of(s.sinkInputs.begin(), s.sinkInputs.end(),
-                              [&](const auto& p) { return p.sink == sink->index; });
-        },
-        kTapPlacementWait);
+std::string PulseBackend::tapLane(AudioObjectID tap) {
+  return "tap #" + std::to_string(tap);
+}
+
+PulseBackend::InFlight PulseBackend::takeDownTap(const Tap& tap, Finish finish) {
+  if (!ready_ || context_ == nullptr) {
+    finish(true);  // the server took the tap with the connection
+    return nullptr;
   }
-  return kAudioHardwareUnspecifiedError;
+  const auto current = snapshot();
+  const auto* sink = current->tapSinkWithUUID(tap.uuid);
+  const std::uint32_t module = sink != nullptr ? sink->ownerModule : tap.module;
+  if (module == pulse::kInvalidIndex) {
+    // Its creation went unanswered; the sink goes once the server reports it after all.
+    abandonedTapUUIDs_.insert(tap.uuid);
+    finish(true);
+    return nullptr;
+  }
+  // Back to where each stream played before, or the default output when that is gone. The
+  // server carries requests out in order: when the unload answers, the moves are done.
+  const auto* fallback = current->device(current->defaultOutput);
+  for (const auto& placement : current->sinkInputs) {
+    if (sink == nullptr || placement.sink != sink->index) {
+      continue;
+    }
+    std::uint32_t target = fallback != nullptr ? fallback->sinkIndex : pulse::kInvalidIndex;
+    if (const auto original = tap.originalSinks.find(placement.index);
+        original != tap.originalSinks.end() &&
+        std::any_of(current->devices.begin(), current->devices.end(),
+                    [&](const auto& d) { return d.sinkIndex == original->second; })) {
+      target = original->second;
+    }
+    if (target != pulse::kInvalidIndex) {
+      if (pa_operation* move = pa_context_move_sink_input_by_index(context_, placement.index,
+                                                                   target, nullptr, nullptr)) {
+        pa_operation_unref(move);
+      }
+    }
+  }
+  auto* reply = replyFor(std::move(finish));
+  return track(pa_context_unload_module(context_, module, &PulseBackend::successReply, reply),
+               reply);
+}
+
+void PulseBackend::removeAbandonedTapSinks() {
+  if (abandonedTapUUIDs_.empty()) {
+    return;
+  }
+  const auto current = snapshot();
+  for (const auto& sink : current->tapSinks) {
+    if (abandonedTapUUIDs_.erase(sink.uuid) > 0 && sink.ownerModule != pulse::kInvalidIndex) {
+      pa_operation_unref(pa_context_unload_module(context_, sink.ownerModule, nullptr, nullptr));
+    }
+  }
 }
 
 OSStatus PulseBackend::destroyProcessTap(AudioObjectID tapID) {
-  Tap tap;
   {
     MainloopLock lock(mainloop_);
-    std::lock_guard objectsLock(objectsMutex_);
-    const auto found = taps_.find(tapID);
-    if (found == taps_.end()) {
-      return lostWithServer_.erase(tapID) > 0 ? kAudioHardwareNoError
-                                              : kAudioHardwareBadObjectError;
+    Tap tap;
+    {
+      std::lock_guard objectsLock(objectsMutex_);
+      const auto found = taps_.find(tapID);
+      if (found == taps_.end()) {
+        return lostWithServer_.erase(tapID) > 0 ? kAudioHardwareNoError
+                                                : kAudioHardwareBadObjectError;
+      }
+      tap = std::move(found->second);
+      taps_.erase(found);
     }
-    tap = std::move(found->second);
-    taps_.erase(found);
+    // After whatever its lane still holds: a creation on its way is answered first.
+    OperationRunner::Operation takeDown;
+    takeDown.description = "Removing tap #" + std::to_string(tapID);
+    takeDown.start = [this, tap](Finish finish) { return takeDownTap(tap, std::move(finish)); };
+    submit(tapLane(tapID), std::move(takeDown));
   }
   listeners_.fire(kAudioObjectSystemObject,
                   {kAudioHardwarePropertyTapList, kAudioObjectPropertyScopeGlobal,
                    kAudioObjectPropertyElementMain});
-  const OSStatus moved = returnStreams(tap);
-  const OSStatus unloaded = runOperation([&](pa_context* context, auto callback, void* userdata) {
-    return pa_context_unload_module(context, tap.module, callback, userdata);
-  });
-  return unloaded != kAudioHardwareNoError ? unloaded : moved;
+  return kAudioHardwareNoError;
 }
 
 OSStatus PulseBackend::createAggregateDevice(const CFDictionary& description,
@@ -355,49 +342,70 @@ OSStatus PulseBackend::createIOProcID(AudioObjectID device, MainQueue*, AudioDev
     return kAudioHardwareBadDeviceError;
   }
   outProc = reinterpret_cast<AudioDeviceIOProcID>(++lastIOProcID_);
-  found->second.procs.emplace(outProc, IOProc{std::move(block), nullptr});
+  found->second.procs.emplace(outProc, IOProc{std::move(block), false, nullptr});
   return kAudioHardwareNoError;
 }
 
 OSStatus PulseBackend::startDevice(AudioObjectID device, AudioDeviceIOProcID proc) {
-  PulseIOPath::Config config;
+  MainloopLock lock(mainloop_);
+  AudioObjectID tap = kAudioObjectUnknown;
   {
-    std::lock_guard lock(objectsMutex_);
+    std::lock_guard objectsLock(objectsMutex_);
     const auto aggregate = aggregates_.find(device);
     if (aggregate == aggregates_.end()) {
       return kAudioHardwareBadDeviceError;
     }
     const auto ioProc = aggregate->second.procs.find(proc);
-    const auto tap = taps_.find(aggregate->second.tap);
-    if (ioProc == aggregate->second.procs.end() || tap == taps_.end()) {
+    if (ioProc == aggregate->second.procs.end() || taps_.count(aggregate->second.tap) == 0) {
       return kAudioHardwareIllegalOperationError;
     }
-    if (ioProc->second.path) {
+    if (ioProc->second.started) {
       return kAudioHardwareNoError;
     }
-    config.server = options_.server;
-    config.sourceName = tap->second.sinkName + ".monitor";
-    config.sinkName = aggregate->second.mainSinkName;
-    config.sampleRate = tap->second.sampleRate;
-    config.block = ioProc->second.block;
-    config.timeout = options_.operationTimeout;
+    ioProc->second.started = true;
+    tap = aggregate->second.tap;
   }
-  OSStatus status = kAudioHardwareNoError;
-  auto path = PulseIOPath::start(std::move(config), status);
-  if (!path) {
-    return status;
-  }
-  std::lock_guard lock(objectsMutex_);
-  const auto aggregate = aggregates_.find(device);
-  if (aggregate == aggregates_.end()) {
-    return kAudioHardwareBadDeviceError;
-  }
-  const auto ioProc = aggregate->second.procs.find(proc);
-  if (ioProc == aggregate->second.procs.end()) {
-    return kAudioHardwareIllegalOperationError;
-  }
-  ioProc->second.path = std::move(path);
+  // In the tap's lane: the monitor it records is there once the tap's creation is answered.
+  OperationRunner::Operation start;
+  start.description = "Starting the IO of device #" + std::to_string(device);
+  start.start = [this, device, proc](Finish finish) {
+    return launchIO(device, proc, std::move(finish));
+  };
+  submit(tapLane(tap), std::move(start));
   return kAudioHardwareNoError;
+}
+
+PulseBackend::InFlight PulseBackend::launchIO(AudioObjectID device, AudioDeviceIOProcID proc,
+                                              Finish finish) {
+  bool launched = true;  // stopped or gone meanwhile: nothing left to start
+  {
+    std::lock_guard lock(objectsMutex_);
+    const auto aggregate = aggregates_.find(device);
+    const auto tap =
+        aggregate != aggregates_.end() ? taps_.find(aggregate->second.tap) : taps_.end();
+    if (tap != taps_.end()) {
+      const auto ioProc = aggregate->second.procs.find(proc);
+      if (ioProc != aggregate->second.procs.end() && ioProc->second.started &&
+          !ioProc->second.path) {
+        PulseIOPath::Config config;
+        config.server = options_.server;
+        config.sourceName = tap->second.sinkName + ".monitor";
+        config.sinkName = aggregate->second.mainSinkName;
+        config.sampleRate = tap->second.sampleRate;
+        config.block = ioProc->second.block;
+        // The path connects on its own thread and reports a failure from there.
+        config.onStartFailed = [logger = logger_, device] {
+          logger.error("Starting the IO of device #" + std::to_string(device) +
+                       " failed: its streams did not connect");
+        };
+        ioProc->second.path = PulseIOPath::launch(std::move(config));
+        launched = ioProc->second.path != nullptr;
+      }
+    }
+  }
+  // Outside the lock: the lane's next operation starts from here.
+  finish(launched);
+  return nullptr;
 }
 
 OSStatus PulseBackend::stopDevice(AudioObjectID device, AudioDeviceIOProcID proc) {
@@ -413,6 +421,7 @@ OSStatus PulseBackend::stopDevice(AudioObjectID device, AudioDeviceIOProcID proc
     if (ioProc == aggregate->second.procs.end()) {
       return kAudioHardwareIllegalOperationError;
     }
+    ioProc->second.started = false;
     path = std::move(ioProc->second.path);
   }
   return kAudioHardwareNoError;  // the path stops as it goes, outside the lock
