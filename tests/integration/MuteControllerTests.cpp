@@ -279,6 +279,9 @@ TEST_P(HungServerTest, NoCallOfTheMainThreadWaitsForIt) {
       [&] { write<Float32>(*hardware, output, volume, 0.7f); },
       [&] { write<UInt32>(*hardware, output, mute, 0); },
       [&] { write<Float32>(*hardware, output, volume, 1.0f); },
+      // Taken down behind its own creation, and built again.
+      [&] { controller->toggle(muted); },
+      [&] { controller->toggle(muted); },
   };
   for (const auto& call : calls) {
     const auto begin = steady_clock::now();
@@ -299,6 +302,8 @@ TEST_P(HungServerTest, NoCallOfTheMainThreadWaitsForIt) {
 
   EXPECT_LT(worst, milliseconds(100)) << duration_cast<milliseconds>(worst).count() << " ms";
   EXPECT_TRUE(eventually([&] { return server->volumePercent("out1") == 100; }));
+  EXPECT_TRUE(eventually([&] { return backend->snapshot()->tapSinks.size() == 2; }))
+      << server->pactl({"list", "short", "sinks"});
   EXPECT_NEAR(level(), kToneDbfs + kHalfGainDb, kLevelToleranceDb) << server->lastLevels();
   for (const auto& line : logs->messages("AudioBackend")) {
     if (line.find("failed") != std::string::npos) {
