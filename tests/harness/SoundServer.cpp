@@ -126,15 +126,9 @@ void SoundServer::stop() {
   }
 }
 
-void SoundServer::freeze() {
+void SoundServer::signal(int signal) {
   for (const auto& process : processes_) {
-    process->signal(SIGSTOP);
-  }
-}
-
-void SoundServer::thaw() {
-  for (const auto& process : processes_) {
-    process->signal(SIGCONT);
+    process->signal(signal);
   }
 }
 
