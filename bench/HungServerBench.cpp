@@ -3,6 +3,8 @@
 // stopped by SIGSTOP, against the same calls with it running, in the same run.
 //
 //   hung_server_bench
+#include <signal.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -91,9 +93,9 @@ int main() {
       read<UInt32>(hardware, 1, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), 0);
 
   const double running = worstCallMs(hardware, output, process, logs);
-  server.freeze();
+  server.signal(SIGSTOP);
   const double stopped = worstCallMs(hardware, output, process, logs);
-  server.thaw();
+  server.signal(SIGCONT);
 
   std::printf("worst main-thread call of %d, server running: %.2f ms\n", kOperations, running);
   std::printf("worst main-thread call of %d, server stopped: %.2f ms (%.1fx)\n", kOperations,
