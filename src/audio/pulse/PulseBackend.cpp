@@ -5,6 +5,8 @@
 #include <pulse/pulseaudio.h>
 #include <unistd.h>
 
+#include <thread>
+
 #include "support/BuildInfo.h"
 
 namespace quellix {
@@ -13,6 +15,8 @@ namespace {
 using pulse::AudioSnapshot;
 using pulse::backendOf;
 using pulse::MainloopLock;
+
+constexpr auto kDrainPoll = std::chrono::milliseconds(10);
 
 }  // namespace
 
@@ -43,6 +47,18 @@ PulseBackend::PulseBackend(Options options, std::shared_ptr<LogSink> logs)
 PulseBackend::~PulseBackend() {
   if (mainloop_ == nullptr) {
     return;
+  }
+  // A quit takes its taps down itself: what is still queued gets its time-out to be carried
+  // out, so that the guard finds nothing to clean up.
+  const auto deadline = std::chrono::steady_clock::now() + options_.operationTimeout;
+  while (std::chrono::steady_clock::now() < deadline) {
+    {
+      MainloopLock lock(mainloop_);
+      if (!ready_ || runner_->pendingCount() == 0) {
+        break;
+      }
+    }
+    std::this_thread::sleep_for(kDrainPoll);
   }
   // With the thread stopped no callback can run any more; then the context can go.
   pa_threaded_mainloop_stop(mainloop_);
