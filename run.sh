@@ -11,9 +11,8 @@ quellix_install_packages
 quellix_use_ccache
 
 cmake --preset release >/dev/null
-cmake --build --preset release -j "$(nproc)" --target quellix quellix-test-player
+cmake --build --preset release -j "$(nproc)" --target quellix
 quellix=$PWD/build/release/src/quellix
-player=$PWD/build/release/tests/quellix-test-player
 
 if [ $# -gt 0 ]; then
   exec "$quellix" "$@"
@@ -53,10 +52,15 @@ fi
 if ! pactl info >/dev/null 2>&1; then
   echo "No sound server answers; starting a private PulseAudio with two test players."
   private_desktop_sound
-  sleep infinity | "$player" --name "Test Tone A" --app-id org.example.ToneA >/dev/null &
-  pids+=($!)
-  sleep infinity | "$player" --name "Test Tone B" --frequency 660 >/dev/null &
-  pids+=($!)
+  # Each plays until its standard input closes.
+  play() {
+    sleep infinity | env "${@:3}" mpv --no-config --really-quiet --no-video --ao=pulse \
+      --audio-client-name="$1" --input-ipc-client=fd://0 \
+      "av://lavfi:aevalsrc=0.5*sin(2*PI*$2*t)|0.5*sin(2*PI*$2*t):s=48000" >/dev/null &
+    pids+=($!)
+  }
+  play "Test Tone A" 440 PULSE_PROP=application.id=org.example.ToneA
+  play "Test Tone B" 660
 fi
 
 "$quellix" &

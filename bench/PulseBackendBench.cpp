@@ -8,11 +8,12 @@
 
 #include <cstdio>
 #include <map>
+#include <memory>
+#include <vector>
 
 #include "audio/CoreAudioSupport.h"
 #include "audio/pulse/PulseBackend.h"
 #include "harness/SoundServer.h"
-#include "harness/TestPlayerProcess.h"
 #include "support/Logger.h"
 
 namespace {
@@ -79,7 +80,13 @@ BENCHMARK(BM_ServerRoundTrip)->Repetitions(5)->ReportAggregatesOnly(true);
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   testing::SoundServer server(testing::SoundServer::Kind::pulseAudio);
-  testing::TestPlayerProcess player({.fakePIDs = kProcesses - 1, .pidBase = 4000000});
+  // One process object each: a client playing silence at a long latency costs the server little.
+  std::vector<std::unique_ptr<testing::ChildProcess>> players;
+  for (int i = 0; i < kProcesses; ++i) {
+    players.push_back(std::make_unique<testing::ChildProcess>(
+        std::vector<std::string>{"pacat", "--latency-msec=1000", "/dev/zero"},
+        testing::ChildProcess::Options{}));
+  }
   auto backend = PulseBackend::create({}, std::make_shared<CapturingLogSink>());
   AudioHardware hardware(backend);
   const bool listed =

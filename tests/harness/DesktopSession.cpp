@@ -5,6 +5,8 @@
 #include <QCoreApplication>
 #include <fstream>
 
+#include "harness/TestSupport.h"
+
 namespace quellix::testing {
 
 DesktopSession::DesktopSession(Options options)
@@ -20,6 +22,7 @@ DesktopSession::DesktopSession(Options options)
   std::filesystem::create_directories(configHome_ / "quellix");
   std::ofstream(configHome_ / "quellix" / "preferences.json") << options.preferencesJson;
   ::setenv("XDG_CONFIG_HOME", configHome_.c_str(), 1);
+  ::setenv("XDG_DATA_HOME", (scratchDir() / "data").c_str(), 1);
   ::setenv("QT_QPA_PLATFORM", "xcb", 1);
   ::setenv("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1", 1);
 }
@@ -33,14 +36,18 @@ DesktopSession::~DesktopSession() {
   x_.reset();
   server_.reset();
   ::unsetenv("XDG_CONFIG_HOME");
+  ::unsetenv("XDG_DATA_HOME");
   ::unsetenv("QT_LINUX_ACCESSIBILITY_ALWAYS_ON");
 }
 
 TestPlayerProcess& DesktopSession::play(const std::string& appID, const std::string& sink,
                                         double frequency) {
+  const auto entry = scratchDir() / "data" / "applications" / (appID + ".desktop");
+  writeFile(entry, "[Desktop Entry]\nType=Application\nName=" + appID.substr(appID.rfind('.') + 1) +
+                       "\nExec=mpv\n");
   ::setenv("PULSE_SINK", sink.c_str(), 1);
-  players_.push_back(std::make_unique<TestPlayerProcess>(
-      TestPlayerProcess::Options{.name = appID, .appID = appID, .frequency = frequency}));
+  players_.push_back(std::make_unique<TestPlayerProcess>(TestPlayerProcess::Options{
+      .name = appID, .appID = appID, .frequency = frequency, .launchedFrom = entry}));
   ::unsetenv("PULSE_SINK");
   return *players_.back();
 }

@@ -43,7 +43,8 @@ class DesktopSession {
   AccessibleUi& ui() { return *ui_; }
   const std::filesystem::path& scratchDir() const { return server_->runtimeDir(); }
 
-  // A test player playing to `sink` ("out1" is the default).
+  // A test player playing to `sink` ("out1" is the default), launched from a desktop entry
+  // named by the last part of `appID`, as a user starts an application.
   TestPlayerProcess& play(const std::string& appID, const std::string& sink = "out1",
                           double frequency = 440.0);
 

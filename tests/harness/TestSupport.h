@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 
@@ -48,6 +50,17 @@ inline TemporaryDirectory::TemporaryDirectory() {
 inline TemporaryDirectory::~TemporaryDirectory() {
   std::error_code error;
   std::filesystem::remove_all(path_, error);
+}
+
+// A file with these contents, its folders made as needed.
+inline void writeFile(const std::filesystem::path& path, const std::string& contents) {
+  std::filesystem::create_directories(path.parent_path());
+  std::ofstream(path) << contents;
+}
+
+inline std::string readFile(const std::filesystem::path& path) {
+  std::ifstream file(path);
+  return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
 }  // namespace quellix::testing

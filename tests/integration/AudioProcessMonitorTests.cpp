@@ -44,12 +44,16 @@ class AudioProcessMonitorIntegrationTest : public testing::ServerTest {
   // Started as a launcher starts an application: the launched process carries its desktop
   // file in its environment; its child does the playing (and keeps our stdin open).
   std::unique_ptr<testing::ChildProcess> launchApplication() {
-    const std::string script = "exec env GIO_LAUNCHED_DESKTOP_FILE='" + desktopFile.string() +
-                               "' GIO_LAUNCHED_DESKTOP_FILE_PID=$$ sh -c '" QUELLIX_TEST_PLAYER
-                               " <&3 & wait' 3<&0";
+    std::vector<std::string> command = {
+        "sh", "-c",
+        "exec env GIO_LAUNCHED_DESKTOP_FILE='" + desktopFile.string() +
+            "' GIO_LAUNCHED_DESKTOP_FILE_PID=$$ sh -c '\"$@\" <&3 & wait' player \"$@\" 3<&0",
+        "launcher"};
+    for (const auto& word : TestPlayerProcess::arguments({})) {
+      command.push_back(word);
+    }
     return std::make_unique<testing::ChildProcess>(
-        std::vector<std::string>{"sh", "-c", script},
-        testing::ChildProcess::Options{.pipeStdin = true, .outputFile = "/dev/null"});
+        command, testing::ChildProcess::Options{.pipeStdin = true, .outputFile = "/dev/null"});
   }
 
   const AudioApp* appWithID(pid_t pid) {

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs Quellix the ways a user would, on this machine:
-#   PackagingTest.sh BUILD_DIR TEST_PLAYER
+#   PackagingTest.sh BUILD_DIR
 # the installed desktop files pass their validators; the Debian package passes lintian,
 # installs with apt, lists a playing application against a private sound server, and is
 # purged without a trace; the portable folder, unpacked into a downloads folder, finds its
@@ -20,7 +20,6 @@ if [ "$(id -u)" -ne 0 ] || ! command -v apt-get >/dev/null; then
 fi
 
 build_dir=$(realpath "$1")
-player=$(realpath "$2")
 source_dir=$(realpath "$(dirname "$0")/../..")
 readonly package=quellix
 readonly app_id=com.norvalin.quellix
@@ -87,10 +86,12 @@ private_desktop_runtime "$work/runtime"
 private_desktop_sound || fail "the private sound server did not start"
 # The player plays until its standard input closes, which this script holds open.
 mkfifo "$work/player.in"
-"$player" <"$work/player.in" >"$work/player.out" 2>&1 &
+mpv --no-config --really-quiet --no-video --ao=pulse --input-ipc-client=fd://0 \
+  'av://lavfi:aevalsrc=0.5*sin(2*PI*440*t):s=48000' <"$work/player.in" >"$work/player.out" 2>&1 &
 player_pid=$!
 exec 3>"$work/player.in"
-wait_for 30 grep -q '^ok' "$work/player.out" || fail "the test player did not start playing"
+wait_for 30 sh -c "pactl list sink-inputs | grep -q 'application.process.id = \"$player_pid\"'" ||
+  fail "the test player did not start playing"
 
 step "apt installs the package, and the installed program lists the player"
 "${apt[@]}" install "$deb" >"$work/apt.log" 2>&1 ||

@@ -5,7 +5,6 @@
 #include <QProcess>
 #include <QStandardPaths>
 #include <fstream>
-#include <sstream>
 
 #include "desktop/apps/DesktopEntries.h"
 #include "harness/TestSupport.h"
@@ -15,6 +14,8 @@ namespace quellix::SelfMover {
 namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using testing::readFile;
+using testing::writeFile;
 
 class ScriptedAlerts final : public MoveAlerts {
  public:
@@ -31,23 +32,10 @@ class ScriptedAlerts final : public MoveAlerts {
 
 constexpr const char* kGreeting = "hello from the copy";
 
-void writeFile(const fs::path& path, const std::string& text, bool executable = false) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path) << text;
-  if (executable) {
-    fs::permissions(path, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec,
-                    fs::perm_options::replace);
-  }
-}
-
-std::string readFile(const fs::path& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
-
 void writeProgram(const fs::path& path) {
-  writeFile(path, std::string("#!/bin/sh\necho '") + kGreeting + "'\n", true);
+  writeFile(path, std::string("#!/bin/sh\necho '") + kGreeting + "'\n");
+  fs::permissions(path, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec,
+                  fs::perm_options::replace);
 }
 
 // What a program prints when run from where it now lies.

@@ -15,17 +15,9 @@ namespace quellix {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::readFile;
 using testing::TemporaryDirectory;
-
-void writeFile(const fs::path& path, const std::string& contents) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path) << contents;
-}
-
-std::string readFile(const fs::path& path) {
-  std::ifstream file(path);
-  return std::string(std::istreambuf_iterator<char>(file), {});
-}
+using testing::writeFile;
 
 std::set<fs::path> filesIn(const fs::path& directory) {
   std::set<fs::path> files;

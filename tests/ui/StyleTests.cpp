@@ -2,6 +2,7 @@
 
 #include <QApplication>
 #include <QImage>
+#include <QSvgRenderer>
 
 #include "ui/Hairline.h"
 #include "ui/Style.h"
@@ -50,6 +51,7 @@ TEST(SymbolImagesTest, EverySymbolTheViewsNameIsDrawnInItsTint) {
     EXPECT_TRUE(ink.onlyTint) << name;
   }
   EXPECT_FALSE(SymbolImages::exists(QStringLiteral("no.such.symbol")));
+  EXPECT_TRUE(QSvgRenderer(QStringLiteral(":/icons/com.norvalin.quellix.svg")).isValid());
 }
 
 TEST(SymbolImagesTest, WaveformPartsCanBeLitOneByOne) {
