@@ -122,6 +122,22 @@ it appears here.</translation>
         <source>Update verfügbar: Version %1</source>
         <translation>Update available: version %1</translation>
     </message>
+    <message>
+        <source>Optionen für %1</source>
+        <translation>Options for %1</translation>
+    </message>
+    <message>
+        <source>Standardausgabe</source>
+        <translation>Default Output</translation>
+    </message>
+    <message>
+        <source>%1 (nicht verbunden)</source>
+        <translation>%1 (not connected)</translation>
+    </message>
+    <message>
+        <source>Nur diese hören</source>
+        <translation>Hear Only This</translation>
+    </message>
 </context>
 <context>
     <name>OnboardingView</name>

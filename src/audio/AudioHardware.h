@@ -95,10 +95,20 @@ inline constexpr AudioObjectPropertySelector kAudioProcessPropertyBundleID =
 // Ours: the name the process's streams give their application (a CFString, empty when none).
 inline constexpr AudioObjectPropertySelector kAudioProcessPropertyApplicationName =
     quellix::fourCC("qapn");
+// Ours: where the process's output streams play, as the UID of an output device (a CFString;
+// empty: the default output device). Setting it moves every output stream the process has or
+// opens later onto that device. While no device has that UID they play on the default output
+// device, and they go back once it is there again; an empty text moves them to the default
+// output device and lets them follow it when it changes. Streams held by a muting tap stay on
+// the tap and take the setting when it lets them go. Reading gives what was set.
+inline constexpr AudioObjectPropertySelector kAudioProcessPropertyOutputDeviceUID =
+    quellix::fourCC("qpod");
 inline constexpr AudioObjectPropertySelector kAudioProcessPropertyIsRunning =
     quellix::fourCC("pir?");
 inline constexpr AudioObjectPropertySelector kAudioProcessPropertyIsRunningOutput =
     quellix::fourCC("piro");
+// The name a person knows the object by (a CFString): a device's description.
+inline constexpr AudioObjectPropertySelector kAudioObjectPropertyName = quellix::fourCC("lnam");
 inline constexpr AudioObjectPropertySelector kAudioDevicePropertyDeviceUID =
     quellix::fourCC("uid ");
 inline constexpr AudioObjectPropertySelector kAudioDevicePropertyNominalSampleRate =

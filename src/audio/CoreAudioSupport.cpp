@@ -139,4 +139,11 @@ std::optional<std::string> readProcessApplicationName(AudioHardware& hardware,
   return readProcessText(hardware, process, kAudioProcessPropertyApplicationName);
 }
 
+void writeText(AudioHardware& hardware, AudioObjectID object,
+               const AudioObjectPropertyAddress& address, std::string_view text) {
+  const CFString string(text);
+  const CFStringRef ref = string.get();
+  writeBytes(hardware, object, address, &ref, static_cast<UInt32>(sizeof ref));
+}
+
 }  // namespace quellix

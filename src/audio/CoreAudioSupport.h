@@ -3,6 +3,7 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -65,6 +66,10 @@ void write(AudioHardware& hardware, AudioObjectID object, const AudioObjectPrope
   static_assert(std::is_trivially_copyable_v<T>, "only fixed-size values can be written");
   writeBytes(hardware, object, address, &value, static_cast<UInt32>(sizeof(T)));
 }
+
+// Writes a text property: the call borrows the string's reference. Throws TextError.
+void writeText(AudioHardware& hardware, AudioObjectID object,
+               const AudioObjectPropertyAddress& address, std::string_view text);
 
 std::vector<AudioObjectID> readProcessList(AudioHardware& hardware);
 std::vector<AudioObjectID> readDeviceList(AudioHardware& hardware);

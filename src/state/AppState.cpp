@@ -68,6 +68,16 @@ void AppState::setLaunchAtLogin(bool enabled) {
   launchAtLogin_.set(isEnabled(item));
 }
 
+bool AppState::hearOnly(const std::string& appKey) {
+  for (const auto& app : monitor_->apps().get()) {
+    if (app.key() == appKey) {
+      muter_->hearOnly(app);
+      return true;
+    }
+  }
+  return false;
+}
+
 void AppState::showOnboarding() {
   windows_->show(kOnboardingWindow, [this] {
     auto completion = [weakState = weak_from_this(), &defaults = environment_.defaults] {

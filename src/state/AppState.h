@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 
 #include "desktop/login/LoginItem.h"
 #include "desktop/mpris/MediaPlayers.h"
@@ -58,6 +59,9 @@ class AppState : public std::enable_shared_from_this<AppState> {
   const Observable<bool>& launchAtLogin() const { return launchAtLogin_; }
 
   void setLaunchAtLogin(bool enabled);
+  // Hears the running application with `appKey` (AudioApp::key()) alone, or, when it is heard
+  // alone already, puts back the mutes that changed. False when no running application has it.
+  bool hearOnly(const std::string& appKey);
   void showOnboarding();
   void showAbout();
 

@@ -1,6 +1,11 @@
 #include "ui/AppRowView.h"
 
+#include <QAccessible>
+#include <QAccessibleWidget>
+#include <QContextMenuEvent>
 #include <QCoreApplication>
+#include <QKeyEvent>
+#include <QMenu>
 #include <QPainter>
 #include <QVBoxLayout>
 
@@ -19,6 +24,66 @@ constexpr int kNameSize = 13;
 constexpr int kPlayingSize = 10;
 constexpr int kStateSize = 13;
 
+bool opensContextMenu(const QKeyEvent& event) {
+  return event.key() == Qt::Key_Menu ||
+         (event.key() == Qt::Key_F10 && event.modifiers() == Qt::ShiftModifier);
+}
+
+// The row's button: a button that says it has a menu and opens it for an assistive technology.
+class RowButton final : public PlainButton {
+ public:
+  explicit RowButton(AppRowView* row) : PlainButton(row), row_(row) {}
+  AppRowView& row() const { return *row_; }
+
+ private:
+  AppRowView* row_;
+};
+
+class RowButtonAccessible final : public QAccessibleWidget {
+ public:
+  explicit RowButtonAccessible(RowButton* button)
+      : QAccessibleWidget(button, QAccessible::Button), button_(button) {}
+
+  QAccessible::State state() const override {
+    QAccessible::State state = QAccessibleWidget::state();
+    state.hasPopup = button_->row().hasContextMenu();
+    return state;
+  }
+
+  QStringList actionNames() const override {
+    QStringList names{pressAction()};
+    if (button_->row().hasContextMenu()) {
+      names << showMenuAction();
+    }
+    return names + QAccessibleWidget::actionNames();
+  }
+
+  QStringList keyBindingsForAction(const QString& action) const override {
+    if (action == showMenuAction()) {
+      return {QStringLiteral("Shift+F10")};
+    }
+    return QAccessibleWidget::keyBindingsForAction(action);
+  }
+
+  void doAction(const QString& action) override {
+    if (action == pressAction()) {
+      button_->click();
+    } else if (action == showMenuAction()) {
+      button_->row().showContextMenu(button_->row().keyboardMenuPosition());
+    } else {
+      QAccessibleWidget::doAction(action);
+    }
+  }
+
+ private:
+  RowButton* button_;
+};
+
+QAccessibleInterface* rowButtonAccessible(const QString&, QObject* object) {
+  auto* button = dynamic_cast<RowButton*>(object);
+  return button != nullptr ? new RowButtonAccessible(button) : nullptr;
+}
+
 }  // namespace
 
 AppRowView::AppRowView(std::function<void()> toggle, std::function<void(float)> setVolume,
@@ -31,7 +96,14 @@ AppRowView::AppRowView(std::function<void()> toggle, std::function<void(float)> 
   stack->setContentsMargins(kHorizontalMargin, kVerticalMargin, kHorizontalMargin, kVerticalMargin);
   stack->setSpacing(kStackSpacing);
 
-  button_ = new PlainButton(this);
+  static const bool accessibleInstalled = [] {
+    QAccessible::installFactory(&rowButtonAccessible);
+    return true;
+  }();
+  (void)accessibleInstalled;
+
+  button_ = new RowButton(this);
+  button_->installEventFilter(this);
   button_->contents().setSpacing(kLabelSpacing);
   icon_ = new AppIconView(kIconSide);
   button_->addToLabel(icon_);
@@ -54,6 +126,7 @@ AppRowView::AppRowView(std::function<void()> toggle, std::function<void(float)> 
   sliderRow->setContentsMargins(kSliderIndent, 0, 0, 0);
   slider_ = new VolumeSlider(VolumeSlider::ControlSize::mini);
   slider_->onUserChange([this](double position) { setVolume_(static_cast<float>(position)); });
+  slider_->installEventFilter(this);
   sliderRow->addWidget(slider_);
   stack->addLayout(sliderRow);
 
@@ -83,6 +156,47 @@ void AppRowView::update(const AudioApp& app, bool isMuted, float volume) {
   slider_->setOpacity(ViewRules::sliderOpacity(isMuted, volume));
   slider_->setAccessibleName(
       QCoreApplication::translate("AppRowView", "Lautstärke von %1").arg(name));
+}
+
+void AppRowView::setContextMenu(std::function<void(QMenu&)> fill) {
+  fillMenu_ = std::move(fill);
+}
+
+QMenu* AppRowView::openMenu() const {
+  return menu_;
+}
+
+QPoint AppRowView::keyboardMenuPosition() const {
+  return mapToGlobal(QPoint(kHorizontalMargin + kSliderIndent, button_->geometry().bottom()));
+}
+
+void AppRowView::showContextMenu(const QPoint& globalPosition) {
+  if (!fillMenu_ || menu_) {
+    return;
+  }
+  auto* menu = new QMenu(this);
+  menu->setAttribute(Qt::WA_DeleteOnClose);
+  fillMenu_(*menu);
+  if (menu->isEmpty()) {
+    delete menu;
+    return;
+  }
+  menu_ = menu;
+  menu->popup(globalPosition);
+}
+
+void AppRowView::contextMenuEvent(QContextMenuEvent* event) {
+  showContextMenu(event->reason() == QContextMenuEvent::Mouse ? event->globalPos()
+                                                              : keyboardMenuPosition());
+  event->accept();
+}
+
+bool AppRowView::eventFilter(QObject* watched, QEvent* event) {
+  if (event->type() == QEvent::KeyPress && opensContextMenu(*static_cast<QKeyEvent*>(event))) {
+    showContextMenu(keyboardMenuPosition());
+    return true;
+  }
+  return QWidget::eventFilter(watched, event);
 }
 
 void AppRowView::setHovering(bool hovering) {

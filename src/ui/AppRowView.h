@@ -1,9 +1,12 @@
 #pragma once
 
+#include <QPointer>
 #include <QWidget>
 #include <functional>
 
 #include "engine/monitor/AudioProcessMonitor.h"
+
+class QMenu;
 
 namespace quellix::ui {
 
@@ -14,8 +17,9 @@ class TextLabel;
 class VolumeSlider;
 
 // One application in the panel's list: icon, name, whether it plays, whether it is muted, and
-// its own volume slider. It knows nothing of the mute controller: the panel keeps one row per
-// application and hands it the values to show and the two actions to call.
+// its own volume slider, with a context menu (right click, the menu key or Shift+F10). It knows
+// nothing of the mute controller: the panel keeps one row per application and hands it the
+// values to show, the two actions to call and what goes into the menu.
 class AppRowView : public QWidget {
  public:
   static constexpr int kIconSide = 22;
@@ -36,6 +40,16 @@ class AppRowView : public QWidget {
   // Shows `app` with its mute state and volume; never calls an action.
   void update(const AudioApp& app, bool isMuted, float volume);
 
+  // Fills the context menu each time it opens; the row has a menu once this is set.
+  void setContextMenu(std::function<void(QMenu&)> fill);
+  bool hasContextMenu() const { return static_cast<bool>(fillMenu_); }
+  // Opens the menu at `globalPosition`, unless it is open already.
+  void showContextMenu(const QPoint& globalPosition);
+  // Where the keyboard opens the menu: under the application's name.
+  QPoint keyboardMenuPosition() const;
+  // The menu while it is open.
+  QMenu* openMenu() const;
+
   const AudioApp& app() const { return app_; }
   bool isMuted() const { return isMuted_; }
   bool isHovering() const { return hovering_; }
@@ -51,12 +65,16 @@ class AppRowView : public QWidget {
   void paintEvent(QPaintEvent* event) override;
   void enterEvent(QEnterEvent* event) override;
   void leaveEvent(QEvent* event) override;
+  void contextMenuEvent(QContextMenuEvent* event) override;
+  bool eventFilter(QObject* watched, QEvent* event) override;
 
  private:
   void setHovering(bool hovering);
 
   std::function<void()> toggle_;
   std::function<void(float)> setVolume_;
+  std::function<void(QMenu&)> fillMenu_;
+  QPointer<QMenu> menu_;
   AudioApp app_;
   bool isMuted_ = false;
   bool hovering_ = false;

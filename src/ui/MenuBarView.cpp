@@ -1,13 +1,16 @@
 #include "ui/MenuBarView.h"
 
+#include <QActionGroup>
 #include <QApplication>
 #include <QCheckBox>
 #include <QCoreApplication>
 #include <QDesktopServices>
 #include <QHBoxLayout>
+#include <QMenu>
 #include <QShortcut>
 #include <QSignalBlocker>
 #include <QVBoxLayout>
+#include <algorithm>
 
 #include "ui/AppRowView.h"
 #include "ui/Hairline.h"
@@ -340,6 +343,7 @@ void MenuBarView::renderRows(const std::vector<AudioApp>& apps) {
             }
           },
           rowList_);
+      row->setContextMenu([this, id = app.id](QMenu& menu) { fillRowMenu(menu, id); });
       row->setFixedWidth(kWidth - 2 * kContentSide);
     }
     const std::string key = app.key();
@@ -365,6 +369,62 @@ void MenuBarView::renderRows(const std::vector<AudioApp>& apps) {
       animateListChange(previousHeight);
     }
   }
+}
+
+void MenuBarView::fillRowMenu(QMenu& menu, pid_t id) {
+  const AppRowView* shown = rowFor(id);
+  if (shown == nullptr) {
+    return;
+  }
+  MuteController& muter = state_.muter();
+  const std::string key = shown->app().key();
+  const QString name = QString::fromStdString(shown->app().name);
+  menu.setTitle(translated(QT_TRANSLATE_NOOP("MenuBarView", "Optionen für %1")).arg(name));
+  menu.setAccessibleName(menu.title());
+
+  const auto& choices = muter.outputChoices().get();
+  const auto choice = choices.find(key);
+  const std::string current = choice != choices.end() ? choice->second : std::string();
+  auto* outputs = new QActionGroup(&menu);
+  auto addOutput = [&](const QString& text, const std::string& uid) {
+    QAction* action = menu.addAction(QString(text).replace(QLatin1Char('&'), QLatin1String("&&")));
+    action->setCheckable(true);
+    action->setChecked(uid == current);
+    outputs->addAction(action);
+    connect(action, &QAction::triggered, this, [this, id, uid] {
+      if (const AppRowView* row = rowFor(id)) {
+        state_.muter().setOutputDevice(uid, row->app());
+      }
+    });
+  };
+  addOutput(translated(QT_TRANSLATE_NOOP("MenuBarView", "Standardausgabe")), {});
+  bool currentListed = current.empty();
+  const std::vector<OutputDevice>& devices = muter.outputDevices().get();
+  for (const OutputDevice& device : devices) {
+    // Two devices of one name (two headsets of a kind) are told apart by their UIDs.
+    const bool shared = std::count_if(devices.begin(), devices.end(), [&](const auto& other) {
+                          return other.name == device.name;
+                        }) > 1;
+    addOutput(QString::fromStdString(shared ? device.name + " (" + device.uid + ")" : device.name),
+              device.uid);
+    currentListed = currentListed || device.uid == current;
+  }
+  // A chosen device that is away stays chosen: it is shown so that it can be changed.
+  if (!currentListed) {
+    addOutput(translated(QT_TRANSLATE_NOOP("MenuBarView", "%1 (nicht verbunden)"))
+                  .arg(QString::fromStdString(current)),
+              current);
+  }
+
+  menu.addSeparator();
+  QAction* alone = menu.addAction(translated(QT_TRANSLATE_NOOP("MenuBarView", "Nur diese hören")));
+  alone->setCheckable(true);
+  alone->setChecked(muter.hearOnlyKey().get() == key);
+  connect(alone, &QAction::triggered, this, [this, id] {
+    if (const AppRowView* row = rowFor(id)) {
+      state_.muter().hearOnly(row->app());
+    }
+  });
 }
 
 void MenuBarView::animateListChange(int previousHeight) {

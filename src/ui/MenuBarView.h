@@ -11,6 +11,7 @@
 #include "state/AppState.h"
 
 class QCheckBox;
+class QMenu;
 class QVBoxLayout;
 
 namespace quellix::ui {
@@ -73,6 +74,8 @@ class MenuBarView : public QWidget {
   void activateLayouts();
   void fitHeight();
   const AppRowView* rowFor(pid_t id) const;
+  // The row's context menu: where the application plays, and hearing it alone.
+  void fillRowMenu(QMenu& menu, pid_t id);
 
   AppState& state_;
   bool renderPending_ = false;

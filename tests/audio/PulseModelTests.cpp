@@ -159,7 +159,9 @@ TEST(PulseModel, TheVerifiedPIDWinsUnlessItIsTheProxys) {
 TEST(PulseModel, DevicesAverageTheirChannelsAndOurTapsAreNoDevices) {
   PulseModel model;
   model.applySink(sink(0, "out1", {kVolumeNorm / 2, kVolumeNorm}));
-  model.applySink(sink(1, "loud", {kVolumeNorm * 2, kVolumeNorm * 2}));
+  SinkInfo loud = sink(1, "loud", {kVolumeNorm * 2, kVolumeNorm * 2});
+  loud.properties["device.description"] = "Lautsprecher";
+  model.applySink(loud);
   SinkInfo tap = sink(2, "Quellix-Player");
   tap.properties[kTapOwnerProperty] = "123";
   model.applySink(tap);
@@ -169,6 +171,8 @@ TEST(PulseModel, DevicesAverageTheirChannelsAndOurTapsAreNoDevices) {
   EXPECT_FLOAT_EQ(snapshot.devices[0].volume, 0.75f);
   EXPECT_FLOAT_EQ(snapshot.devices[1].volume, 1.0f) << "at most 1";
   EXPECT_EQ(snapshot.defaultOutput, snapshot.devices[1].id);
+  EXPECT_EQ(snapshot.devices[0].name, "out1") << "no description: the sink's name";
+  EXPECT_EQ(snapshot.devices[1].name, "Lautsprecher");
   EXPECT_EQ(snapshot.deviceWithUID("Quellix-Player"), nullptr);
 }
 
@@ -185,6 +189,7 @@ TEST(PulseModel, ChangesBetweenSnapshotsAreTheListenerNotifications) {
   model.applySinkInput(stream(10, 1, /*corked=*/true));
   SinkInfo quieter = sink(0, "out1", {kVolumeNorm / 2, kVolumeNorm / 2});
   quieter.mute = true;
+  quieter.properties["device.description"] = "Kopfhörer";
   model.applySink(quieter);
   model.setDefaultSinkName("out2");
   const auto after = model.snapshot(true);
@@ -203,6 +208,7 @@ TEST(PulseModel, ChangesBetweenSnapshotsAreTheListenerNotifications) {
                 {process, global(kAudioProcessPropertyIsRunningOutput)},
                 {out1, output(kAudioHardwareServiceDeviceProperty_VirtualMainVolume)},
                 {out1, output(kAudioDevicePropertyMute)},
+                {out1, global(kAudioObjectPropertyName)},
             }));
 
   model.reset();

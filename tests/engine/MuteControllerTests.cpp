@@ -338,5 +338,87 @@ TEST_F(MuteControllerTest, MuteAllAndUnmuteAllKeepVolumes) {
   EXPECT_FLOAT_EQ(heard(), 0.5f + 0.125f);
 }
 
+// An untouched application is sent to its device, a turned-down one's tap plays there; both
+// play on the default output while the device is away and go back when it returns.
+TEST_F(MuteControllerTest, AnAppPlaysOnItsChosenOutputWhileItIsThereMutedOrNot) {
+  const AudioObjectID player = sim->addProcess({.pid = 10, .level = 0.5f});
+  auto controller = makeController();
+  AudioObjectID headphones = sim->addDevice({.uid = "usb-headset", .name = "USB Headset"});
+  queue.drain();
+  const AudioApp music = app("org.example.Music", {player});
+  controller->reconcile({music});
+  EXPECT_EQ(controller->outputDevices().get(),
+            (std::vector<OutputDevice>{{output, "speakers", "speakers"},
+                                       {headphones, "usb-headset", "USB Headset"}}));
+  controller->setOutputDevice("usb-headset", music);
+  for (const float volume : {1.0f, 0.5f}) {
+    SCOPED_TRACE(volume);
+    controller->setVolume(volume, music);
+    EXPECT_FLOAT_EQ(sim->render(8)[headphones][7], 0.5f * volume);
+    EXPECT_FLOAT_EQ(heard(), 0.0f);
+    sim->removeDevice(headphones);
+    queue.drain();
+    EXPECT_FLOAT_EQ(heard(), 0.5f * volume) << "the default output while it is away";
+    headphones = sim->addDevice({.uid = "usb-headset", .name = "USB Headset"});
+    queue.drain();
+    EXPECT_FLOAT_EQ(sim->render(8)[headphones][7], 0.5f * volume) << "and back when it returns";
+    EXPECT_FLOAT_EQ(heard(), 0.0f);
+  }
+  const AudioObjectID speakers2 = sim->addDevice({.uid = "hdmi"});
+  sim->setDefaultOutputDevice(speakers2);
+  queue.drain();
+  EXPECT_EQ(sim->callCount(Call::createProcessTap), 3u) << "a new default moves no chosen tap";
+  controller->setOutputDevice("", music);
+  EXPECT_FLOAT_EQ(sim->render(8)[speakers2][7], 0.25f);
+  controller->setVolume(1.0f, music);
+  EXPECT_FLOAT_EQ(sim->render(8)[speakers2][7], 0.5f);
+}
+
+TEST_F(MuteControllerTest, OutputChoicesPersistAndUnreadableOnesAreReportedAndKept) {
+  const auto path = directory.path() / "preferences.json";
+  std::ofstream(path) << R"({"appOutputDevices": {"a.app": "usb-headset", "b.app": 3, "c": ""}})";
+  auto controller = makeController();
+  EXPECT_EQ(controller->outputChoices().get(),
+            (std::map<std::string, std::string>{{"a.app", "usb-headset"}}));
+  EXPECT_EQ(logs->messages("Defaults").size(), 2u);
+  const AudioObjectID player = sim->addProcess({.pid = 123});
+  controller->setOutputDevice("hdmi", app("", {player}, 123));
+  controller->setOutputDevice("hdmi", app("c", {}));
+  controller.reset();
+  defaults.reset();
+  EXPECT_EQ(nlohmann::json::parse(std::ifstream(path))["appOutputDevices"],
+            nlohmann::json({{"a.app", "usb-headset"}, {"b.app", 3}, {"c", "hdmi"}}));
+}
+
+// Heard alone and back: the mutes it changed return, the user's later choices stay.
+TEST_F(MuteControllerTest, HearOnlyMutesTheOthersAndUsedAgainPutsBackWhatItChanged) {
+  std::vector<AudioApp> apps;
+  for (const pid_t pid : {10, 11, 12}) {
+    apps.push_back(app("app" + std::to_string(pid), {sim->addProcess({.pid = pid})}, pid));
+  }
+  auto controller = makeController();
+  controller->reconcile(apps);
+  controller->toggle(apps[0]);
+  controller->toggle(apps[1]);
+  controller->hearOnly(apps[0]);
+  EXPECT_EQ(controller->mutedKeys().get(), (std::set<std::string>{"app11", "app12"}));
+  EXPECT_EQ(controller->hearOnlyKey().get(), "app10");
+  EXPECT_FLOAT_EQ(heard(), 0.5f);
+  const AudioApp later = app("app13", {sim->addProcess({.pid = 13})}, 13);
+  apps.push_back(later);
+  controller->reconcile(apps);
+  controller->toggle(later);
+  controller->hearOnly(apps[0]);
+  EXPECT_EQ(controller->mutedKeys().get(), (std::set<std::string>{"app10", "app11", "app13"}));
+  EXPECT_EQ(controller->hearOnlyKey().get(), std::nullopt);
+  EXPECT_EQ(controller->statsMuteCount().get(), 3) << "only the user's mutes count";
+
+  controller->hearOnly(apps[2]);
+  controller->muteAll();
+  EXPECT_EQ(controller->hearOnlyKey().get(), std::nullopt) << "a mass action ends it";
+  controller->hearOnly(apps[2]);
+  EXPECT_EQ(controller->mutedKeys().get(), (std::set<std::string>{"app10", "app11", "app13"}));
+}
+
 }  // namespace
 }  // namespace quellix

@@ -112,7 +112,7 @@ TEST_P(AudioProcessMonitorIntegrationTest, TheListFollowsPlayersStartingCorkingA
   EXPECT_TRUE(eventually([&] { return monitor->apps().get().empty(); }));
 }
 
-QUELLIX_ON_EVERY_SERVER(AudioProcessMonitorIntegrationTest);
+QUELLIX_ON_EVERY_BACKEND(AudioProcessMonitorIntegrationTest);
 
 }  // namespace
 }  // namespace quellix

@@ -166,6 +166,7 @@ TEST(SwayDesktopTest, TrayIconPanelRowWheelAndMenu) {
   };
   const QImage emptyBar = screenshot();
 
+  // mpv's own desktop entry names its row.
   testing::TestPlayerProcess player({.name = "com.example.alpha", .appID = "com.example.alpha"});
   fs::create_directories(dir / "config" / "quellix");
   std::ofstream(dir / "config" / "quellix" / "preferences.json")
@@ -201,7 +202,7 @@ TEST(SwayDesktopTest, TrayIconPanelRowWheelAndMenu) {
   testing::AccessibleUi ui(testing::connectPrivately());
   std::optional<testing::AccessibleUi::Element> row;
   ASSERT_TRUE(eventually([&] {
-    return (row = ui.showingButton(quellix.pid(), QStringLiteral("alpha"),
+    return (row = ui.showingButton(quellix.pid(), QStringLiteral("mpv"),
                                    {QStringLiteral(" stummschalten")}))
         .has_value();
   })) << "the panel lists no player";

@@ -56,7 +56,7 @@ TEST_P(SystemVolumeIntegrationTest, FollowsOutsideChangesAndTheDefaultSink) {
   EXPECT_EQ(server->volumePercent("out1"), 65) << "the old default is left alone";
 }
 
-QUELLIX_ON_EVERY_SERVER(SystemVolumeIntegrationTest);
+QUELLIX_ON_EVERY_BACKEND(SystemVolumeIntegrationTest);
 
 }  // namespace
 }  // namespace quellix

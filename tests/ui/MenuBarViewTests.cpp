@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <QAccessible>
 #include <QCheckBox>
+#include <QMenu>
 #include <QShortcut>
 #include <QTest>
 #include <algorithm>
@@ -228,6 +230,38 @@ TEST_F(PanelTest, EveryButtonCallsItsAction) {
   EXPECT_EQ(shortcut->key(), QKeySequence(QKeySequence::Quit));
   emit shortcut->activated();
   EXPECT_EQ(quits, 2);
+}
+
+// The menu opens from the keyboard and for an assistive technology, which is told it is there.
+TEST_F(PanelTest, ARowsMenuSendsTheAppToAnOutputAndHearsItAlone) {
+  sim->addDevice({.uid = "usb-headset", .name = "USB & Headset"});
+  sim->addDevice({.uid = "usb-headset-2", .name = "USB & Headset"});
+  AppState& app = startWithApps(2);
+  AppRowView& row = *panel->rows()[0];
+  QAccessibleInterface* button = QAccessible::queryAccessibleInterface(&row.rowButton());
+  EXPECT_TRUE(button->state().hasPopup);
+  row.rowButton().setFocus();
+  QTest::keyClick(&row.rowButton(), Qt::Key_F10, Qt::ShiftModifier);
+  ASSERT_NE(row.openMenu(), nullptr);
+  QMenu& menu = *row.openMenu();
+  testing::saveRenders(menu, QStringLiteral("row-menu"));
+  QStringList texts;
+  for (const QAction* action : menu.actions()) {
+    texts << action->text() + (action->isChecked() ? QStringLiteral(" *") : QString());
+  }
+  EXPECT_EQ(texts, QStringList({"Standardausgabe *", "speakers", "USB && Headset (usb-headset)",
+                                "USB && Headset (usb-headset-2)", "", "Nur diese hören"}));
+  EXPECT_EQ(menu.accessibleName(), QStringLiteral("Optionen für App 1"));
+  menu.actions()[2]->trigger();
+  EXPECT_EQ(app.muter().outputChoices().get().at("org.example.App1"), "usb-headset");
+  menu.close();
+  settle();
+
+  button->actionInterface()->doAction(QAccessibleActionInterface::showMenuAction());
+  ASSERT_NE(row.openMenu(), nullptr);
+  EXPECT_TRUE(row.openMenu()->actions()[2]->isChecked());
+  row.openMenu()->actions().back()->trigger();
+  EXPECT_EQ(app.muter().mutedKeys().get(), (std::set<std::string>{"org.example.App2"}));
 }
 
 TEST_F(PanelTest, RowsFollowTheListAndAChangedListAnimatesAndShrinksBack) {

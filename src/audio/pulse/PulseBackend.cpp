@@ -200,6 +200,7 @@ void PulseBackend::onContextState(pa_context* context) {
       armDeadline();
       abandonedTapUUIDs_.clear();
       moves_.clear();
+      routeMoves_.clear();
       leftoversSwept_ = false;
       {
         // Taps and aggregate devices died with the server; their IO paths stop here.
@@ -212,6 +213,7 @@ void PulseBackend::onContextState(pa_context* context) {
         }
         taps_.clear();
         aggregates_.clear();
+        routes_.clear();
       }
       model_.reset();
       publish();

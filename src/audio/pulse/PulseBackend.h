@@ -139,6 +139,10 @@ class PulseBackend final : public AudioBackend {
   void listReplyFinished();
   void publish();
   void keepStreamsOnTaps();
+  // Moves the streams of processes given an output device there, or to the default output
+  // device while theirs is away.
+  void keepStreamsRouted();
+  void onRouteMoveDone(std::uint32_t sinkInput, bool success);
   void removeLeftovers();
   void removeAbandonedTapSinks();
   void onMoveDone(std::uint32_t sinkInput, bool success);
@@ -156,6 +160,8 @@ class PulseBackend final : public AudioBackend {
   InFlight takeDownTap(const Tap& tap, Finish finish);
   InFlight launchIO(AudioObjectID device, AudioDeviceIOProcID proc, Finish finish);
   static std::string tapLane(AudioObjectID tap);
+  // Sends a process's streams to a device ("": the default output) from now on.
+  OSStatus routeProcess(SInt32 pid, std::string deviceUID);
 
   // The latest snapshot for a reader, without a lock while it has not changed.
   const pulse::AudioSnapshot& currentSnapshot() const;
@@ -195,6 +201,7 @@ class PulseBackend final : public AudioBackend {
   std::set<std::string> abandonedTapUUIDs_;
 
   std::map<std::uint32_t, Move> moves_;
+  std::map<std::uint32_t, Move> routeMoves_;
   bool leftoversSwept_ = false;
 
   // Taps and aggregate devices: created on the main thread, read by the main-loop thread to
@@ -202,6 +209,9 @@ class PulseBackend final : public AudioBackend {
   mutable std::mutex objectsMutex_;
   std::map<AudioObjectID, Tap> taps_;
   std::map<AudioObjectID, Aggregate> aggregates_;
+  // The output device UID each process's streams were sent to, by PID ("": the default); a
+  // PID's entry goes with its last stream.
+  std::map<SInt32, std::string> routes_;
   // Taps and aggregate devices that went with a lost connection: their owners' calls to stop
   // and destroy them succeed, since what they ask for has happened.
   std::set<AudioObjectID> lostWithServer_;

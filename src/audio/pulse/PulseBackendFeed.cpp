@@ -76,6 +76,7 @@ void PulseBackend::publish() {
   }
   if (ready_) {
     keepStreamsOnTaps();
+    keepStreamsRouted();
     removeAbandonedTapSinks();
   }
 }
@@ -117,6 +118,7 @@ void PulseBackend::onSubscription(pa_context* context, unsigned eventType, std::
     model_.remove(*kind, index);
     if (*kind == Kind::sinkInput) {
       moves_.erase(index);
+      routeMoves_.erase(index);
     }
     publish();
     return;

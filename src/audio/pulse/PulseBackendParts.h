@@ -16,6 +16,9 @@ inline constexpr AudioObjectPropertyAddress kVolumeAddress{
     kAudioObjectPropertyElementMain};
 inline constexpr AudioObjectPropertyAddress kMuteAddress{
     kAudioDevicePropertyMute, kAudioDevicePropertyScopeOutput, kAudioObjectPropertyElementMain};
+inline constexpr AudioObjectPropertyAddress kOutputDeviceAddress{
+    kAudioProcessPropertyOutputDeviceUID, kAudioObjectPropertyScopeGlobal,
+    kAudioObjectPropertyElementMain};
 
 class MainloopLock {
  public:

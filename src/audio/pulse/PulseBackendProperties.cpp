@@ -4,6 +4,7 @@
 #include <pulse/pulseaudio.h>
 
 #include "audio/PropertyValue.h"
+#include "audio/SnapshotProperties.h"
 #include "audio/pulse/PulseBackendParts.h"
 #include "audio/pulse/PulseRecords.h"
 
@@ -18,112 +19,46 @@ using pulse::scaledVolume;
 std::optional<PropertyValue> PulseBackend::propertyValue(AudioObjectID object,
                                                          const AudioObjectPropertyAddress& address,
                                                          OSStatus& status) const {
-  const AudioSnapshot* current = &currentSnapshot();
-  const auto selector = address.mSelector;
-  const bool global = address.mScope == kAudioObjectPropertyScopeGlobal;
-  const bool output = address.mScope == kAudioDevicePropertyScopeOutput;
-  status = kAudioHardwareUnknownPropertyError;
-
-  if (object == kAudioObjectSystemObject) {
-    if (!current->connected) {
-      status = kAudioHardwareNotRunningError;
-      return std::nullopt;
-    }
-    if (!global) {
-      return std::nullopt;
-    }
-    if (selector == kAudioHardwarePropertyProcessObjectList) {
-      std::vector<AudioObjectID> ids;
-      for (const auto& process : current->processes) {
-        ids.push_back(process.id);
-      }
-      return PropertyValue::list(ids);
-    }
-    if (selector == kAudioHardwarePropertyDevices) {
-      std::vector<AudioObjectID> ids;
-      for (const auto& device : current->devices) {
-        ids.push_back(device.id);
-      }
+  const AudioSnapshot& current = currentSnapshot();
+  if (address == pulse::kOutputDeviceAddress) {
+    if (const auto* process = current.process(object)) {
       std::lock_guard lock(objectsMutex_);
-      for (const auto& entry : aggregates_) {
-        ids.push_back(entry.first);
-      }
-      std::sort(ids.begin(), ids.end());
-      return PropertyValue::list(ids);
-    }
-    if (selector == kAudioHardwarePropertyTapList) {
-      std::vector<AudioObjectID> ids;
-      std::lock_guard lock(objectsMutex_);
-      for (const auto& entry : taps_) {
-        ids.push_back(entry.first);
-      }
-      return PropertyValue::list(ids);
-    }
-    if (selector == kAudioHardwarePropertyDefaultOutputDevice) {
-      return PropertyValue::of(current->defaultOutput);
-    }
-    return std::nullopt;
-  }
-
-  if (const auto* process = current->process(object)) {
-    if (!global) {
-      return std::nullopt;
-    }
-    if (selector == kAudioProcessPropertyPID)
-      return PropertyValue::of(process->pid);
-    if (selector == kAudioProcessPropertyBundleID)
-      return PropertyValue::text(process->bundleID);
-    if (selector == kAudioProcessPropertyApplicationName)
-      return PropertyValue::text(process->applicationName);
-    if (selector == kAudioProcessPropertyIsRunning) {
-      return PropertyValue::of(static_cast<UInt32>(process->running ? 1 : 0));
-    }
-    if (selector == kAudioProcessPropertyIsRunningOutput) {
-      return PropertyValue::of(static_cast<UInt32>(process->runningOutput ? 1 : 0));
-    }
-    return std::nullopt;
-  }
-
-  if (const auto* device = current->device(object)) {
-    if (global && selector == kAudioDevicePropertyDeviceUID) {
-      return PropertyValue::text(device->uid);
-    }
-    if (global && selector == kAudioDevicePropertyNominalSampleRate) {
-      return PropertyValue::of(device->sampleRate);
-    }
-    if (output && selector == kAudioHardwareServiceDeviceProperty_VirtualMainVolume) {
-      return PropertyValue::of(device->volume);
-    }
-    if (output && selector == kAudioDevicePropertyMute) {
-      return PropertyValue::of(static_cast<UInt32>(device->mute ? 1 : 0));
-    }
-    return std::nullopt;
-  }
-
-  {
-    std::lock_guard lock(objectsMutex_);
-    if (const auto tap = taps_.find(object); tap != taps_.end()) {
-      if (global && selector == kAudioTapPropertyFormat) {
-        const Float64 rate = tap->second.sampleRate;
-        return PropertyValue::of(AudioStreamBasicDescription{
-            rate, kAudioFormatLinearPCM, kAudioFormatFlagIsFloat | kAudioFormatFlagIsPacked, 8, 1,
-            8, 2, 32, 0});
-      }
-      return std::nullopt;
-    }
-    if (const auto aggregate = aggregates_.find(object); aggregate != aggregates_.end()) {
-      if (global && selector == kAudioDevicePropertyDeviceUID) {
-        return PropertyValue::text(aggregate->second.uid);
-      }
-      if (global && selector == kAudioDevicePropertyNominalSampleRate) {
-        const auto tap = taps_.find(aggregate->second.tap);
-        return PropertyValue::of(
-            static_cast<Float64>(tap != taps_.end() ? tap->second.sampleRate : 0));
-      }
-      return std::nullopt;
+      const auto route = routes_.find(process->pid);
+      return PropertyValue::text(route != routes_.end() ? route->second : std::string());
     }
   }
-  status = current->connected ? kAudioHardwareBadObjectError : kAudioHardwareNotRunningError;
+  bool found = false;
+  auto answer = snapshotPropertyValue(
+      current, object, address,
+      [&](AudioObjectPropertySelector selector) {
+        std::vector<AudioObjectID> ids;
+        std::lock_guard lock(objectsMutex_);
+        if (selector == kAudioHardwarePropertyTapList) {
+          for (const auto& entry : taps_) {
+            ids.push_back(entry.first);
+          }
+        } else {
+          for (const auto& entry : aggregates_) {
+            ids.push_back(entry.first);
+          }
+        }
+        return ids;
+      },
+      status, found);
+  if (found) {
+    return answer;
+  }
+  std::lock_guard lock(objectsMutex_);
+  if (const auto tap = taps_.find(object); tap != taps_.end()) {
+    status = kAudioHardwareUnknownPropertyError;
+    return tapPropertyValue(tap->second.sampleRate, address);
+  }
+  if (const auto aggregate = aggregates_.find(object); aggregate != aggregates_.end()) {
+    status = kAudioHardwareUnknownPropertyError;
+    const auto tap = taps_.find(aggregate->second.tap);
+    return aggregatePropertyValue(aggregate->second.uid,
+                                  tap != taps_.end() ? tap->second.sampleRate : 0, address);
+  }
   return std::nullopt;
 }
 
@@ -159,14 +94,24 @@ OSStatus PulseBackend::setPropertyData(AudioObjectID object,
                                        const AudioObjectPropertyAddress& address, UInt32,
                                        const void*, UInt32 size, const void* data) {
   const auto current = snapshot();
+  if (const auto* process = current->process(object)) {
+    if (address != pulse::kOutputDeviceAddress) {
+      return kAudioHardwareUnknownPropertyError;
+    }
+    if (size != sizeof(CFStringRef)) {
+      return kAudioHardwareBadPropertySizeError;
+    }
+    CFStringRef uid = nullptr;
+    std::memcpy(&uid, data, sizeof uid);
+    return routeProcess(process->pid, std::string(CFStringView(uid)));
+  }
   const auto* device = current->device(object);
   if (device == nullptr) {
     if (!current->connected) {
       return kAudioHardwareNotRunningError;
     }
-    return current->process(object) != nullptr || object == kAudioObjectSystemObject
-               ? kAudioHardwareUnknownPropertyError
-               : kAudioHardwareBadObjectError;
+    return object == kAudioObjectSystemObject ? kAudioHardwareUnknownPropertyError
+                                              : kAudioHardwareBadObjectError;
   }
   const std::uint32_t sinkIndex = device->sinkIndex;
   if (address == kVolumeAddress) {

@@ -12,6 +12,7 @@ constexpr const char* kReportedPID = "application.process.id";
 constexpr const char* kSandboxAppID = "pipewire.access.portal.app_id";
 constexpr const char* kApplicationID = "application.id";
 constexpr const char* kApplicationName = "application.name";
+constexpr const char* kDeviceDescription = "device.description";
 // Removed indices remembered per kind of object, against late replies.
 constexpr std::size_t kRemovedIndicesKept = 256;
 
@@ -122,6 +123,9 @@ std::vector<PropertyChange> changesBetween(const AudioSnapshot& before,
     }
     if (old->mute != device.mute) {
       changes.push_back({device.id, output(kAudioDevicePropertyMute)});
+    }
+    if (old->name != device.name) {
+      changes.push_back({device.id, global(kAudioObjectPropertyName)});
     }
   }
   return changes;
@@ -316,6 +320,8 @@ AudioSnapshot PulseModel::snapshot(bool connected) {
     device.id = known != deviceIDs_.end() ? known->second : allocateObjectID();
     device.sinkIndex = index;
     device.uid = sink.name;
+    const auto* description = property(sink.properties, kDeviceDescription);
+    device.name = description != nullptr ? *description : sink.name;
     device.sampleRate = sink.sampleRate;
     device.volume = averageVolume(sink.channelVolumes);
     device.mute = sink.mute;

@@ -65,6 +65,7 @@ struct DeviceObject {
   AudioObjectID id = kAudioObjectUnknown;
   std::uint32_t sinkIndex = kInvalidIndex;
   std::string uid;
+  std::string name;  // the sink's description, else its name
   Float64 sampleRate = 0;
   Float32 volume = 0;
   bool mute = false;

@@ -254,6 +254,8 @@ std::optional<PropertyValue> SimAudioBackend::propertyValue(
       return PropertyValue::text(p.bundleID);
     if (selector == kAudioProcessPropertyApplicationName)
       return PropertyValue::text(p.applicationName);
+    if (selector == kAudioProcessPropertyOutputDeviceUID)
+      return PropertyValue::text(p.outputDeviceUID);
     if (selector == kAudioProcessPropertyIsRunning) {
       return PropertyValue::of(static_cast<UInt32>(p.running ? 1 : 0));
     }
@@ -267,6 +269,8 @@ std::optional<PropertyValue> SimAudioBackend::propertyValue(
     const Device& d = device->second;
     if (global && selector == kAudioDevicePropertyDeviceUID)
       return PropertyValue::text(d.uid);
+    if (global && selector == kAudioObjectPropertyName)
+      return PropertyValue::text(d.name);
     if (global && selector == kAudioDevicePropertyNominalSampleRate && d.sampleRate) {
       return PropertyValue::of(*d.sampleRate);
     }
@@ -353,11 +357,27 @@ OSStatus SimAudioBackend::setPropertyData(AudioObjectID object,
   if (auto fault = injectedFault(Call::setPropertyData, object, address.mSelector)) {
     return *fault;
   }
+  if (auto process = processes_.find(object); process != processes_.end()) {
+    if (address.mSelector != kAudioProcessPropertyOutputDeviceUID ||
+        address.mScope != kAudioObjectPropertyScopeGlobal) {
+      return kAudioHardwareUnknownPropertyError;
+    }
+    if (size != sizeof(CFStringRef)) {
+      return kAudioHardwareBadPropertySizeError;
+    }
+    CFStringRef uid = nullptr;
+    std::memcpy(&uid, data, sizeof uid);
+    const std::string text(CFStringView(uid));
+    if (process->second.outputDeviceUID != text) {
+      process->second.outputDeviceUID = text;
+      fire(object, kAudioProcessPropertyOutputDeviceUID);
+    }
+    return kAudioHardwareNoError;
+  }
   auto device = devices_.find(object);
   if (device == devices_.end()) {
-    return processes_.count(object) > 0 || object == kAudioObjectSystemObject
-               ? kAudioHardwareUnknownPropertyError
-               : kAudioHardwareBadObjectError;
+    return object == kAudioObjectSystemObject ? kAudioHardwareUnknownPropertyError
+                                              : kAudioHardwareBadObjectError;
   }
   if (address.mScope != kAudioDevicePropertyScopeOutput) {
     return kAudioHardwareUnknownPropertyError;

@@ -25,10 +25,12 @@ class SimAudioBackend final : public AudioBackend {
     bool running = true;          // "pir?": some input or output is running
     bool runningOutput = true;    // "piro"
     float level = 0.5f;           // the constant sample value it plays on every channel
+    std::string outputDeviceUID;  // "qpod"
   };
 
   struct Device {
     std::string uid;
+    std::string name;  // "lnam"
     std::optional<Float64> sampleRate = 48000.0;
     bool hasVolume = true;
     Float32 volume = 1.0f;
@@ -94,10 +96,10 @@ class SimAudioBackend final : public AudioBackend {
   std::vector<AggregateState> aggregates() const;
   std::optional<Device> device(AudioObjectID device) const;
 
-  // One IO cycle of `frames` frames: every process plays its level into the default output
-  // device unless a muting tap diverts it; every started IO block gets its tap's stereo
-  // mixdown as input and its output is added to the aggregate's main sub-device. Returns each
-  // output device's interleaved samples.
+  // One IO cycle of `frames` frames: every process plays its level into its output device (the
+  // default one unless it chose one that is there) unless a muting tap diverts it; every started IO
+  // block gets its tap's stereo mixdown as input and its output is added to the aggregate's main
+  // sub-device. Returns each output device's interleaved samples.
   std::map<AudioObjectID, std::vector<float>> render(UInt32 frames);
 
   // AudioBackend
@@ -150,6 +152,7 @@ class SimAudioBackend final : public AudioBackend {
   std::vector<AudioObjectID> deviceList() const;
   std::optional<AudioObjectID> deviceWithUID(const std::string& uid) const;
   bool isMutedByTap(AudioObjectID process) const;
+  AudioObjectID outputDeviceOf(const Process& process) const;
   void fire(AudioObjectID object, AudioObjectPropertySelector selector,
             AudioObjectPropertyScope scope = kAudioObjectPropertyScopeGlobal);
 

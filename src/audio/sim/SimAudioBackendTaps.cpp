@@ -181,6 +181,15 @@ bool SimAudioBackend::isMutedByTap(AudioObjectID process) const {
   return false;
 }
 
+AudioObjectID SimAudioBackend::outputDeviceOf(const Process& process) const {
+  if (!process.outputDeviceUID.empty()) {
+    if (const auto chosen = deviceWithUID(process.outputDeviceUID)) {
+      return *chosen;
+    }
+  }
+  return defaultOutput_;
+}
+
 std::map<AudioObjectID, std::vector<float>> SimAudioBackend::render(UInt32 frames) {
   std::lock_guard lock(mutex_);
   std::map<AudioObjectID, std::vector<float>> outputs;
@@ -195,11 +204,10 @@ std::map<AudioObjectID, std::vector<float>> SimAudioBackend::render(UInt32 frame
     }
   };
 
-  if (auto output = outputs.find(defaultOutput_); output != outputs.end()) {
-    for (const auto& [id, process] : processes_) {
-      if (process.runningOutput && !isMutedByTap(id)) {
-        playInto(output->second, process.level);
-      }
+  for (const auto& [id, process] : processes_) {
+    auto output = outputs.find(outputDeviceOf(process));
+    if (output != outputs.end() && process.runningOutput && !isMutedByTap(id)) {
+      playInto(output->second, process.level);
     }
   }
 

@@ -5,6 +5,7 @@
 #include <limits>
 #include <optional>
 
+#include "audio/CoreAudioSupport.h"
 #include "support/Parsing.h"
 #include "support/TextError.h"
 
@@ -13,6 +14,7 @@ namespace {
 
 constexpr const char* kMutedBundleIDsKey = "mutedBundleIDs";
 constexpr const char* kAppVolumesKey = "appVolumes";
+constexpr const char* kAppOutputDevicesKey = "appOutputDevices";
 constexpr const char* kMuteCountKey = "stats.muteCount";
 constexpr const char* kMutedSecondsKey = "stats.mutedSeconds";
 constexpr const char* kRunScopedKeyPrefix = "pid:";
@@ -52,6 +54,20 @@ std::shared_ptr<MuteController> MuteController::create(MainQueue& queue, AudioHa
                                                    listener) == kAudioHardwareNoError) {
     controller->deviceListener_ = std::move(listener);
   }
+  auto listListener = makeListenerBlock([weak = std::weak_ptr<MuteController>(controller), &queue](
+                                            UInt32, const AudioObjectPropertyAddress*) {
+    queue.post([weak] {
+      if (auto self = weak.lock()) {
+        self->refreshOutputDevices();
+      }
+    });
+  });
+  if (hardware.AudioObjectAddPropertyListenerBlock(kAudioObjectSystemObject,
+                                                   &controller->deviceListAddress_, &queue,
+                                                   listListener) == kAudioHardwareNoError) {
+    controller->deviceListListener_ = std::move(listListener);
+  }
+  controller->refreshOutputDevices();
   return controller;
 }
 
@@ -94,6 +110,21 @@ void MuteController::load() {
     }
   }
   volumes_.set(std::move(volumes));
+
+  // A choice that is no UID is reported and kept as it was; a UID of a device that is away
+  // is a choice like any other.
+  std::map<std::string, std::string> choices;
+  if (const auto stored = defaults_.dictionary(kAppOutputDevicesKey)) {
+    for (const auto& [key, value] : *stored) {
+      if (value.is_string() && !value.get<std::string>().empty()) {
+        choices[key] = value.get<std::string>();
+      } else {
+        defaults_.reportBadValue(kAppOutputDevicesKey, value, "the UID of an output device", key);
+        unreadableOutputChoices_[key] = value;
+      }
+    }
+  }
+  outputChoices_.set(std::move(choices));
 
   std::int64_t muteCount = defaults_.integer(kMuteCountKey);
   if (muteCount < 0) {
@@ -202,7 +233,8 @@ void MuteController::reconcile(const std::vector<AudioApp>& apps) {
   for (const auto& key : tappedKeys) {
     const auto app = byKey.find(key);
     const bool current = needsTap(key) && app != byKey.end() &&
-                         tappedObjectIDs_[key] == app->second->processObjectIDs;
+                         tappedObjectIDs_[key] == app->second->processObjectIDs &&
+                         taps_[key]->outputUID() == effectiveOutputUID(key);
     if (current) {
       continue;
     }
@@ -223,7 +255,8 @@ void MuteController::reconcile(const std::vector<AudioApp>& apps) {
     std::unique_ptr<ProcessMuteTap> tap;
     try {
       tap = std::make_unique<ProcessMuteTap>(hardware_, app.name, app.processObjectIDs,
-                                             effectiveGain(key), logger_.sink());
+                                             effectiveGain(key), logger_.sink(),
+                                             effectiveOutputUID(key));
     } catch (const std::exception& error) {
       logger_.error("Tap für " + app.name + " fehlgeschlagen: " + errorDescription(error));
       continue;
@@ -235,6 +268,7 @@ void MuteController::reconcile(const std::vector<AudioApp>& apps) {
       muteStartDates_.modify([&](auto& starts) { starts[key] = clock_.now(); });
     }
   }
+  sendStreamsToOutputs(lastApps_);
 }
 
 void MuteController::toggle(const AudioApp& app) {
@@ -274,6 +308,8 @@ void MuteController::setVolume(float volume, const AudioApp& app) {
 }
 
 void MuteController::muteAll() {
+  hearOnly_.reset();
+  hearOnlyKey_.set(std::nullopt);
   mutedKeys_.modify([&](auto& keys) {
     for (const auto& app : lastApps_) {
       keys.insert(app.key());
@@ -284,6 +320,8 @@ void MuteController::muteAll() {
 }
 
 void MuteController::unmuteAll() {
+  hearOnly_.reset();
+  hearOnlyKey_.set(std::nullopt);
   mutedKeys_.set({});
   std::vector<std::string> running;
   for (const auto& entry : muteStartDates_.get()) {
@@ -297,20 +335,167 @@ void MuteController::unmuteAll() {
 }
 
 void MuteController::rebuildAllTaps() {
-  if (taps_.empty()) {
+  // Taps that play on a chosen device stay where they are.
+  std::vector<std::string> following;
+  for (const auto& [key, tap] : taps_) {
+    if (tap->outputUID().empty()) {
+      following.push_back(key);
+    }
+  }
+  if (following.empty()) {
     // A tap that failed while there was no default output (its sink gone, the next one not
     // yet reported) is built now that there is one.
     reconcile(std::vector<AudioApp>(lastApps_));
     return;
   }
-  logger_.info("Default-Output gewechselt — baue " + std::to_string(taps_.size()) +
+  logger_.info("Default-Output gewechselt — baue " + std::to_string(following.size()) +
                " Tap(s) neu auf");
-  for (auto& [key, tap] : taps_) {
-    tap->invalidate();
+  for (const auto& key : following) {
+    taps_[key]->invalidate();
+    forgetTap(key);
   }
-  taps_.clear();
-  tappedObjectIDs_.clear();
-  tappedKeys_.set({});
+  reconcile(std::vector<AudioApp>(lastApps_));
+}
+
+void MuteController::refreshOutputDevices() {
+  std::vector<AudioObjectID> ids;
+  try {
+    ids = readDeviceList(hardware_);
+  } catch (const TextError& error) {
+    logger_.error("Ausgabegeräte nicht lesbar: " + errorDescription(error));
+    return;
+  }
+  std::vector<OutputDevice> devices;
+  for (const AudioObjectID id : ids) {
+    OutputDevice device{id, {}, {}};
+    try {
+      device.uid =
+          read(hardware_, id, globalAddress(kAudioDevicePropertyDeviceUID), CFString()).str();
+      device.name = read(hardware_, id, globalAddress(kAudioObjectPropertyName), CFString()).str();
+    } catch (const TextError&) {
+      // A device without a name is still one: its UID stands in.
+    }
+    if (device.uid.empty() || device.uid.rfind(ProcessMuteTap::kAggregateUIDPrefix, 0) == 0) {
+      continue;  // gone meanwhile, or one of our taps' aggregate devices
+    }
+    if (device.name.empty()) {
+      device.name = device.uid;
+    }
+    devices.push_back(std::move(device));
+  }
+  // A chosen device that comes or goes moves its taps.
+  if (outputDevices_.set(std::move(devices))) {
+    reconcile(std::vector<AudioApp>(lastApps_));
+  }
+}
+
+std::string MuteController::effectiveOutputUID(const std::string& key) const {
+  const auto& choices = outputChoices_.get();
+  const auto choice = choices.find(key);
+  if (choice == choices.end()) {
+    return {};
+  }
+  const auto& devices = outputDevices_.get();
+  const bool present = std::any_of(devices.begin(), devices.end(), [&](const auto& device) {
+    return device.uid == choice->second;
+  });
+  return present ? choice->second : std::string();
+}
+
+void MuteController::sendStreamsToOutputs(const std::vector<AudioApp>& apps) {
+  // Applications never sent anywhere are left to the sound server; one sent back to the default
+  // output is told once.
+  const auto& choices = outputChoices_.get();
+  std::map<AudioObjectID, std::string> sent;
+  for (const auto& app : apps) {
+    const auto choice = choices.find(app.key());
+    const std::string wanted = choice != choices.end() ? choice->second : std::string();
+    for (const AudioObjectID object : app.processObjectIDs) {
+      const auto before = sentOutputs_.find(object);
+      const bool told = before != sentOutputs_.end() && before->second == wanted;
+      if (told || (wanted.empty() && before == sentOutputs_.end())) {
+        if (told && !wanted.empty()) {
+          sent.emplace(object, wanted);
+        }
+        continue;
+      }
+      try {
+        writeText(hardware_, object, globalAddress(kAudioProcessPropertyOutputDeviceUID), wanted);
+        if (!wanted.empty()) {
+          sent.emplace(object, wanted);
+        }
+      } catch (const TextError& error) {
+        // Said once: the next choice tries again, not every reconciliation.
+        logger_.error("Ausgabe für " + app.name + " nicht gesetzt: " + errorDescription(error));
+        sent.emplace(object, wanted);
+      }
+    }
+  }
+  sentOutputs_ = std::move(sent);
+}
+
+void MuteController::persistOutputChoices() {
+  nlohmann::json stored = unreadableOutputChoices_;
+  for (const auto& [key, uid] : outputChoices_.get()) {
+    if (!isRunScoped(key)) {
+      stored[key] = uid;
+    }
+  }
+  defaults_.set(kAppOutputDevicesKey, std::move(stored));
+}
+
+void MuteController::setOutputDevice(const std::string& deviceUID, const AudioApp& app) {
+  const std::string key = app.key();
+  outputChoices_.modify([&](auto& choices) {
+    if (deviceUID.empty()) {
+      choices.erase(key);
+    } else {
+      choices[key] = deviceUID;
+    }
+  });
+  unreadableOutputChoices_.erase(key);
+  persistOutputChoices();
+  reconcile(std::vector<AudioApp>(lastApps_));
+}
+
+void MuteController::hearOnly(const AudioApp& app) {
+  const std::string key = app.key();
+  const bool putBack = hearOnly_ && hearOnly_->key == key;
+  auto muted = mutedKeys_.get();
+  std::vector<std::string> unmuted;
+  if (hearOnly_) {
+    for (const auto& other : hearOnly_->mutedByIt) {
+      if (muted.erase(other) > 0) {
+        unmuted.push_back(other);
+      }
+    }
+    if (hearOnly_->unmutedIt) {
+      muted.insert(hearOnly_->key);
+    }
+    hearOnly_.reset();
+  }
+  if (!putBack) {
+    HearOnly state{key, {}, false};
+    for (const auto& other : lastApps_) {
+      const std::string otherKey = other.key();
+      if (otherKey != key && muted.insert(otherKey).second) {
+        state.mutedByIt.insert(otherKey);
+      }
+    }
+    if (muted.erase(key) > 0) {
+      state.unmutedIt = true;
+      unmuted.push_back(key);
+    }
+    hearOnly_ = std::move(state);
+  }
+  mutedKeys_.set(std::move(muted));
+  for (const auto& other : unmuted) {
+    if (mutedKeys_.get().count(other) == 0) {
+      accumulateMuteTime(other);
+    }
+  }
+  hearOnlyKey_.set(hearOnly_ ? std::optional<std::string>(key) : std::nullopt);
+  persist();
   reconcile(std::vector<AudioApp>(lastApps_));
 }
 

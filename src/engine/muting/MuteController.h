@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -17,8 +18,18 @@
 
 namespace quellix {
 
-// Knows which applications the user muted or turned down, keeps a tap for each of them that
-// is running, saves the choices, and counts muting for the statistics. Main thread only.
+// An output device an application can be sent to, as the audio system names it.
+struct OutputDevice {
+  AudioObjectID id = kAudioObjectUnknown;
+  std::string uid;
+  std::string name;
+  friend bool operator==(const OutputDevice&, const OutputDevice&) = default;
+};
+
+// Knows which applications the user muted or turned down and where each one plays, keeps a
+// tap for each muted or turned-down one that is running (playing back on its output), sends the
+// others' streams to their output, saves the choices, and counts muting for the statistics.
+// Main thread only.
 class MuteController : public std::enable_shared_from_this<MuteController> {
  public:
   // At or above this volume an application is at full volume: no entry, no tap.
@@ -47,6 +58,22 @@ class MuteController : public std::enable_shared_from_this<MuteController> {
   void muteAll();
   void unmuteAll();
 
+  // The output devices there are, and the one each application was sent to by its key (none:
+  // it follows the default output). A chosen device that is away stays chosen: the
+  // application plays on the default output until it is back.
+  const Observable<std::vector<OutputDevice>>& outputDevices() const { return outputDevices_; }
+  const Observable<std::map<std::string, std::string>>& outputChoices() const {
+    return outputChoices_;
+  }
+  // An empty UID: back to following the default output.
+  void setOutputDevice(const std::string& deviceUID, const AudioApp& app);
+
+  // Mutes every other running application and unmutes this one. Used again for the same
+  // application, it puts back the mutes it changed; later choices of the user stay.
+  void hearOnly(const AudioApp& app);
+  // The application heard alone, until its mutes are put back or all are muted or unmuted.
+  const Observable<std::optional<std::string>>& hearOnlyKey() const { return hearOnlyKey_; }
+
   // What a test or a view may know about a key's tap.
   bool hasTap(const std::string& key) const { return taps_.count(key) > 0; }
   float tapGain(const std::string& key) const;
@@ -63,6 +90,11 @@ class MuteController : public std::enable_shared_from_this<MuteController> {
   float effectiveGain(const std::string& key) const;
   void rebuildAllTaps();
   void forgetTap(const std::string& key);
+  void refreshOutputDevices();
+  // The chosen device's UID while it is there; empty for the default output.
+  std::string effectiveOutputUID(const std::string& key) const;
+  void sendStreamsToOutputs(const std::vector<AudioApp>& apps);
+  void persistOutputChoices();
 
   AudioHardware& hardware_;
   DefaultsStore& defaults_;
@@ -77,10 +109,27 @@ class MuteController : public std::enable_shared_from_this<MuteController> {
   Observable<std::int64_t> statsMuteCount_{0};
   Observable<double> statsMutedSeconds_{0.0};
   Observable<std::map<std::string, WallClock::TimePoint>> muteStartDates_;
+  Observable<std::vector<OutputDevice>> outputDevices_;
+  Observable<std::map<std::string, std::string>> outputChoices_;
+  // Stored choices that could not be read, written back as they were.
+  nlohmann::json unreadableOutputChoices_ = nlohmann::json::object();
+  // The output UID each process object was last sent to.
+  std::map<AudioObjectID, std::string> sentOutputs_;
+  struct HearOnly {
+    std::string key;
+    std::set<std::string> mutedByIt;
+    bool unmutedIt = false;  // the application heard alone was muted before
+  };
+  std::optional<HearOnly> hearOnly_;
+  Observable<std::optional<std::string>> hearOnlyKey_;
   AudioObjectPropertyListenerBlock deviceListener_;
+  AudioObjectPropertyListenerBlock deviceListListener_;
   AudioObjectPropertyAddress defaultOutputAddress_{kAudioHardwarePropertyDefaultOutputDevice,
                                                    kAudioObjectPropertyScopeGlobal,
                                                    kAudioObjectPropertyElementMain};
+  AudioObjectPropertyAddress deviceListAddress_{kAudioHardwarePropertyDevices,
+                                                kAudioObjectPropertyScopeGlobal,
+                                                kAudioObjectPropertyElementMain};
   Logger logger_;
 };
 

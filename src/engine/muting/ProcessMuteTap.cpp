@@ -39,9 +39,10 @@ const std::string ProcessMuteTap::kAggregateUIDPrefix =
 
 ProcessMuteTap::ProcessMuteTap(AudioHardware& hardware, std::string label,
                                std::vector<AudioObjectID> processObjectIDs, float gain,
-                               std::shared_ptr<LogSink> logs)
+                               std::shared_ptr<LogSink> logs, std::string outputUID)
     : hardware_(hardware),
       label_(std::move(label)),
+      outputUID_(std::move(outputUID)),
       renderer_(TapRenderer::create(gain)),
       logger_(std::move(logs), kLogCategory) {
   const std::size_t processCount = processObjectIDs.size();
@@ -61,17 +62,21 @@ ProcessMuteTap::ProcessMuteTap(AudioHardware& hardware, std::string label,
   tapID_ = tap;
 
   try {
-    const auto outputDevice =
-        read<UInt32>(hardware_, kAudioObjectSystemObject,
-                     globalAddress(kAudioHardwarePropertyDefaultOutputDevice), 0);
-    const CFString outputUID =
-        read(hardware_, outputDevice, globalAddress(kAudioDevicePropertyDeviceUID), CFString());
+    std::string playbackUID = outputUID_;
+    if (playbackUID.empty()) {
+      const auto outputDevice =
+          read<UInt32>(hardware_, kAudioObjectSystemObject,
+                       globalAddress(kAudioHardwarePropertyDefaultOutputDevice), 0);
+      playbackUID =
+          read(hardware_, outputDevice, globalAddress(kAudioDevicePropertyDeviceUID), CFString())
+              .str();
+    }
     const std::string tapUUID = description.UUID().uuidString();
 
     AudioObjectID aggregate = kAudioObjectUnknown;
     status = hardware_.AudioHardwareCreateAggregateDevice(
-        aggregateDescription(kObjectNamePrefix + label_, kAggregateUIDPrefix + tapUUID,
-                             outputUID.str(), tapUUID),
+        aggregateDescription(kObjectNamePrefix + label_, kAggregateUIDPrefix + tapUUID, playbackUID,
+                             tapUUID),
         &aggregate);
     if (status != kAudioHardwareNoError) {
       throw TextError(failure("AudioHardwareCreateAggregateDevice", status));

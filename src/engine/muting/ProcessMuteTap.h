@@ -21,11 +21,12 @@ class ProcessMuteTap {
   // Every aggregate device we create has a UID that starts with this.
   static const std::string kAggregateUIDPrefix;
 
-  // Builds and starts the tap, the aggregate device and the IO procedure. Throws TextError and
-  // leaves nothing behind when any step fails.
+  // Builds and starts the tap, the aggregate device and the IO procedure, which plays on the
+  // output device `outputUID` (empty: the default output). Throws TextError and leaves nothing
+  // behind when any step fails.
   ProcessMuteTap(AudioHardware& hardware, std::string label,
                  std::vector<AudioObjectID> processObjectIDs, float gain,
-                 std::shared_ptr<LogSink> logs);
+                 std::shared_ptr<LogSink> logs, std::string outputUID = {});
   ~ProcessMuteTap();
   ProcessMuteTap(const ProcessMuteTap&) = delete;
   ProcessMuteTap& operator=(const ProcessMuteTap&) = delete;
@@ -40,6 +41,8 @@ class ProcessMuteTap {
   AudioObjectID tapID() const { return tapID_; }
   AudioObjectID aggregateID() const { return aggregateID_; }
   const std::string& label() const { return label_; }
+  // The device it plays on as it was asked for: empty while it follows the default output.
+  const std::string& outputUID() const { return outputUID_; }
 
   // Removes aggregate devices an earlier run left behind.
   static void sweepOrphans(AudioHardware& hardware, std::shared_ptr<LogSink> logs);
@@ -50,6 +53,7 @@ class ProcessMuteTap {
 
   AudioHardware& hardware_;
   std::string label_;
+  std::string outputUID_;
   AudioObjectID tapID_ = kAudioObjectUnknown;
   AudioObjectID aggregateID_ = kAudioObjectUnknown;
   std::optional<AudioDeviceIOProcID> ioProcID_;
