@@ -6,6 +6,9 @@
 // program (xdotool, pactl), so each pays one process start.
 //
 //   panel_latency_bench [rounds]    (default 10)
+//
+// QUELLIX_BENCH_WM names a window manager to run on the display (xfwm4, openbox), as on a
+// desktop; without one the panel's windows meet no focus handling at all.
 #include <QCoreApplication>
 #include <algorithm>
 #include <chrono>
@@ -86,7 +89,11 @@ std::vector<std::size_t> silenceOnsets(const std::vector<float>& samples) {
 }  // namespace
 
 int measure(int rounds) {
-  DesktopSession session(DesktopSession::Options{});
+  DesktopSession::Options options;
+  if (const char* manager = std::getenv("QUELLIX_BENCH_WM")) {
+    options.windowManager = {manager};
+  }
+  DesktopSession session(options);
   const pid_t player = session.play("com.example.alpha").pid();
   const auto quellix = session.startQuellix();
   if (!session.eventually([&] { return session.trayItem().has_value(); },
@@ -115,8 +122,8 @@ int measure(int rounds) {
   tray->activate(kTrayClick);
   std::optional<AccessibleUi::Element> row;
   if (!session.eventually([&] {
-        return (row = session.ui().showingButton(quellix->pid(), QStringLiteral("alpha"),
-                                                 {QStringLiteral(" stummschalten")}))
+        return (row = session.ui().showingControl(quellix->pid(), QStringLiteral("alpha"),
+                                                  {QStringLiteral(" stummschalten")}))
             .has_value();
       })) {
     std::fprintf(stderr, "no row for the player\n");
@@ -151,10 +158,12 @@ int measure(int rounds) {
     // Each click is confirmed by the tray icon before the next, so a lost one shows.
     const auto clickUntil = [&](const char* icon) {
       // The row changes its layout with its state: find it anew each time.
-      row = session.ui().showingButton(
+      row = session.ui().showingControl(
           quellix->pid(), QStringLiteral("alpha"),
           {QStringLiteral(" stummschalten"), QStringLiteral(" wieder hörbar machen")});
       if (!row) {
+        std::fprintf(stderr, "no row on the screen; the panel is %s\n",
+                     shown() ? "open" : "closed");
         return std::optional<Clock::time_point>();
       }
       const QPoint centre = row->extents.center();
@@ -164,7 +173,7 @@ int measure(int rounds) {
           session.eventually([&] { return trayIcon() == icon; }, std::chrono::seconds(3));
       session.eventually([] { return false; }, kHold);
       if (!confirmed) {
-        const auto after = session.ui().showingButton(
+        const auto after = session.ui().showingControl(
             quellix->pid(), QStringLiteral("alpha"),
             {QStringLiteral(" stummschalten"), QStringLiteral(" wieder hörbar machen")});
         std::fprintf(stderr,

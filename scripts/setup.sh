@@ -6,7 +6,7 @@ set -euo pipefail
 QUELLIX_PACKAGES=(
   build-essential cmake ninja-build pkg-config git ccache
   clang clang-format libclang-rt-14-dev
-  qt6-base-dev qt6-svg-dev qt6-tools-dev
+  qt6-base-dev qt6-svg-dev qt6-tools-dev libxcb1-dev
   libpulse-dev libpipewire-0.3-dev libspeexdsp-dev nlohmann-json3-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   qt6-l10n-tools dpkg-dev lintian desktop-file-utils appstream patchelf

@@ -6,14 +6,19 @@
 #include <QKeyEvent>
 #include <QScreen>
 #include <QVBoxLayout>
+#include <QWindow>
 
 #include "app/SwayPanelPlacement.h"
+#include "app/X11Activation.h"
 
 namespace quellix {
 namespace {
 
 // Space between the tray icon's click and the panel's edge.
 constexpr int kAnchorGap = 6;
+// A click on the tray icon takes the focus from the open panel before the tray says it was
+// clicked: within this time of losing the focus that way, the click is the one that closed it.
+constexpr qint64 kReopenGuardMilliseconds = 300;
 // sway places a window only once it is mapped, a few frames after show().
 constexpr int kSwayRetryMs = 40;
 constexpr int kSwayAttempts = 50;
@@ -29,6 +34,17 @@ PanelHost::PanelHost(std::unique_ptr<QWidget> content) : content_(content.releas
   setWindowTitle(QStringLiteral("Quellix"));
   setAttribute(Qt::WA_DeleteOnClose, false);
   setMode(Mode::window);
+  // Followed on the application, not through the window's own activation events: a panel
+  // shown again before Qt heard that hiding took its focus is never told it is active, and
+  // so never that it is not any more.
+  QObject::connect(qGuiApp, &QGuiApplication::focusWindowChanged, this, [this](QWindow* focus) {
+    if (focus != nullptr && focus == windowHandle()) {
+      hasFocus_ = true;
+    } else if (hasFocus_) {
+      hasFocus_ = false;
+      hideOnFocusLoss();
+    }
+  });
   if (compositorPlacesPopups()) {
     sway_ = SwayPanelPlacement::forSession();
   }
@@ -48,12 +64,9 @@ void PanelHost::setMode(Mode mode) {
   if (mode == Mode::window) {
     setWindowFlags(Qt::Window | Qt::WindowTitleHint | Qt::WindowCloseButtonHint |
                    Qt::CustomizeWindowHint);
-  } else if (compositorPlacesPopups()) {
-    // A Wayland popup needs a parent surface the tray does not give us: a frameless window
-    // that hides when it loses focus behaves the same to the user.
-    setWindowFlags(Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint);
   } else {
-    setWindowFlags(Qt::Popup | Qt::FramelessWindowHint);
+    // Also on Wayland, where a popup would need a parent surface the tray does not give us.
+    setWindowFlags(Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint);
   }
   placed_ = false;
   if (wasVisible && mode == Mode::window) {
@@ -70,7 +83,12 @@ void PanelHost::present(QPoint anchor) {
   show();
   place();
   raise();
+  hasFocus_ =
+      QGuiApplication::focusWindow() != nullptr && QGuiApplication::focusWindow() == windowHandle();
   activateWindow();
+  if (mode_ == Mode::popup) {
+    activateForUser(*this);
+  }
   // Keyboard users start inside the panel: Tab walks its controls, Escape closes it.
   if (!content_->isAncestorOf(QApplication::focusWidget())) {
     focusNextChild();
@@ -79,9 +97,25 @@ void PanelHost::present(QPoint anchor) {
 
 void PanelHost::toggle(QPoint anchor) {
   if (isVisible()) {
-    hide();
-  } else {
+    dismiss();
+  } else if (!hiddenByFocusLoss_.isValid() ||
+             hiddenByFocusLoss_.hasExpired(kReopenGuardMilliseconds)) {
     present(anchor);
+  }
+}
+
+void PanelHost::dismiss() {
+  hide();
+  // Hiding takes the focus away on the way: that was this dismissal, not another window.
+  hiddenByFocusLoss_.invalidate();
+}
+
+void PanelHost::hideOnFocusLoss() {
+  // Also when one of our own windows takes the focus (the about window opened from the
+  // panel): the panel is a menu, not a window to come back to.
+  if (mode_ == Mode::popup && isVisible()) {
+    hiddenByFocusLoss_.start();
+    hide();
   }
 }
 
@@ -138,17 +172,9 @@ void PanelHost::placeOnSway() {
   }
 }
 
-bool PanelHost::event(QEvent* event) {
-  if (event->type() == QEvent::WindowDeactivate && mode_ == Mode::popup &&
-      compositorPlacesPopups()) {
-    hide();
-  }
-  return QWidget::event(event);
-}
-
 void PanelHost::keyPressEvent(QKeyEvent* event) {
   if (event->key() == Qt::Key_Escape) {
-    hide();
+    dismiss();
     return;
   }
   QWidget::keyPressEvent(event);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QElapsedTimer>
 #include <QPoint>
 #include <QTimer>
 #include <QWidget>
@@ -9,8 +10,13 @@ namespace quellix {
 
 class SwayPanelPlacement;
 
-// Holds the panel: a frameless popup next to the tray icon where a tray exists, an ordinary
+// Holds the panel: a frameless window next to the tray icon where a tray exists, an ordinary
 // window where none does. Closing either only hides it; the content lives on.
+//
+// The tray's panel is a tool window that hides itself when it loses the focus, not a Qt
+// popup: a popup grabs the pointer, which a window manager answers by taking the focus back
+// and closing it before the user's click arrives, and Qt leaves popups out of the windows an
+// assistive technology can reach from the application.
 class PanelHost final : public QWidget {
  public:
   enum class Mode { popup, window };
@@ -32,12 +38,13 @@ class PanelHost final : public QWidget {
   static QPoint topLeftNextTo(QPoint anchor, const QRect& available, const QSize& size);
 
  protected:
-  bool event(QEvent* event) override;
   void keyPressEvent(QKeyEvent* event) override;
   bool eventFilter(QObject* watched, QEvent* event) override;
 
  private:
   void place();
+  void dismiss();
+  void hideOnFocusLoss();
   void placeOnSway();
   static bool compositorPlacesPopups();
 
@@ -45,6 +52,10 @@ class PanelHost final : public QWidget {
   Mode mode_ = Mode::window;
   QPoint anchor_;
   bool placed_ = false;
+  // Whether the panel's window has the focus, as Qt last said.
+  bool hasFocus_ = false;
+  // Since the panel last hid because another window took the focus.
+  QElapsedTimer hiddenByFocusLoss_;
   std::unique_ptr<SwayPanelPlacement> sway_;
   QTimer swayRetry_;
   int swayAttemptsLeft_ = 0;

@@ -7,6 +7,7 @@
 #include <QKeyEvent>
 #include <QMenu>
 #include <QPainter>
+#include <QSignalBlocker>
 #include <QVBoxLayout>
 
 #include "ui/AppIconView.h"
@@ -119,7 +120,9 @@ AppRowView::AppRowView(std::function<void()> toggle, std::function<void(float)> 
   state_ = new SymbolView(ViewRules::stateSymbol(false), kStateSize);
   state_->setFixedWidth(kStateFrameWidth);
   button_->addToLabel(state_, 0, Qt::AlignVCenter);
-  button_->onClick([this] { toggle_(); });
+  // A switch to assistive technologies, checked while the application is muted.
+  // Every flip is one toggle; the next update() shows what came of it.
+  button_->onToggle([this](bool) { toggle_(); });
   stack->addWidget(button_);
 
   auto* sliderRow = new QHBoxLayout;
@@ -150,6 +153,10 @@ void AppRowView::update(const AudioApp& app, bool isMuted, float volume) {
   const QString tooltip = ViewRules::rowTooltip(name, isMuted);
   button_->setTooltipText(tooltip);
   button_->setAccessibleName(name);
+  {
+    const QSignalBlocker blocker(button_);
+    button_->setChecked(isMuted);
+  }
 
   slider_->setPosition(static_cast<double>(volume));
   slider_->setEnabled(!isMuted);

@@ -217,7 +217,8 @@ void MenuBarView::build() {
   launchPalette.setColor(QPalette::WindowText,
                          Style::labelColor(launchPalette, LabelLevel::secondary));
   launch_->setPalette(launchPalette);
-  QObject::connect(launch_, &QCheckBox::clicked, this, [this](bool checked) {
+  // Toggled, not clicked: an assistive technology's toggle emits only that.
+  QObject::connect(launch_, &QCheckBox::toggled, this, [this](bool checked) {
     state_.setLaunchAtLogin(checked);
     // The box shows what the system reports now, also when that did not change.
     const QSignalBlocker blocker(launch_);

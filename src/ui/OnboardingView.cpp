@@ -303,7 +303,8 @@ QWidget* OnboardingView::launchStep() {
   launch_ = new QCheckBox(
       translated(QT_TRANSLATE_NOOP("OnboardingView", "Bei Anmeldung automatisch starten")));
   launch_->setFont(Style::font(kBodySize, QFont::Medium));
-  QObject::connect(launch_, &QCheckBox::clicked, this, [this](bool checked) {
+  // Toggled, not clicked: an assistive technology's toggle emits only that.
+  QObject::connect(launch_, &QCheckBox::toggled, this, [this](bool checked) {
     state_.setLaunchAtLogin(checked);
     const QSignalBlocker blocker(launch_);
     launch_->setChecked(state_.launchAtLogin().get());

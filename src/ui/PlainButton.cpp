@@ -37,6 +37,13 @@ void PlainButton::onClick(std::function<void()> action) {
                    [action = std::move(action)] { action(); });
 }
 
+void PlainButton::onToggle(std::function<void(bool)> action) {
+  setCheckable(true);
+  // An assistive technology's toggle emits toggled() but never clicked().
+  QObject::connect(this, &QAbstractButton::toggled, this,
+                   [action = std::move(action)](bool checked) { action(checked); });
+}
+
 QSize PlainButton::sizeHint() const {
   return layout_->sizeHint();
 }

@@ -16,7 +16,11 @@ class PlainButton : public QAbstractButton {
   // Adds a child to the label; it is made transparent for the mouse.
   void addToLabel(QWidget* child, int stretch = 0, Qt::Alignment alignment = {});
   void setTooltipText(const QString& text);
+  // What a click does; also an assistive technology's press.
   void onClick(std::function<void()> action);
+  // Makes the button a switch: a click or an assistive technology's toggle flips it and calls
+  // `action` with the new state.
+  void onToggle(std::function<void(bool)> action);
 
   QSize sizeHint() const override;
   QSize minimumSizeHint() const override;

@@ -4,6 +4,7 @@
 
 #include <QCoreApplication>
 #include <fstream>
+#include <stdexcept>
 
 #include "harness/TestSupport.h"
 
@@ -25,10 +26,28 @@ DesktopSession::DesktopSession(Options options)
   ::setenv("XDG_DATA_HOME", (scratchDir() / "data").c_str(), 1);
   ::setenv("QT_QPA_PLATFORM", "xcb", 1);
   ::setenv("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1", 1);
+  if (!options.windowManager.empty()) {
+    windowManager_ = std::make_unique<ChildProcess>(
+        options.windowManager,
+        ChildProcess::Options{.outputFile = (scratchDir() / "window-manager.log").string()});
+    // Windows mapped before the manager took the screen would meet none.
+    const auto managed = [] {
+      try {
+        return runProgram({"xprop", "-root", "_NET_SUPPORTING_WM_CHECK"}).find("window id") !=
+               std::string::npos;
+      } catch (const std::exception&) {
+        return false;
+      }
+    };
+    if (!eventually(managed)) {
+      throw std::runtime_error("the window manager did not take the display");
+    }
+  }
 }
 
 DesktopSession::~DesktopSession() {
   players_.clear();
+  windowManager_.reset();
   ui_.reset();
   watcher_.reset();
   QDBusConnection::disconnectFromBus(bus_.name());

@@ -31,6 +31,8 @@ class DesktopSession {
  public:
   struct Options {
     std::string preferencesJson = R"({"onboardingCompleted": true})";
+    // A window manager to run on the display (its command line), none when empty.
+    std::vector<std::string> windowManager;
   };
 
   explicit DesktopSession(Options options);
@@ -67,6 +69,7 @@ class DesktopSession {
   QDBusConnection bus_;
   std::unique_ptr<StatusNotifierWatcher> watcher_;
   std::unique_ptr<AccessibleUi> ui_;
+  std::unique_ptr<ChildProcess> windowManager_;
   std::vector<std::unique_ptr<TestPlayerProcess>> players_;
   std::filesystem::path configHome_;
   int startedPrograms_ = 0;

@@ -40,6 +40,13 @@ MonitorRecording::~MonitorRecording() {
   }
 }
 
+bool MonitorRecording::hasRecorded(std::chrono::milliseconds span) const {
+  std::error_code error;
+  const auto bytes = std::filesystem::file_size(file_, error);
+  return !error && bytes >= static_cast<std::uintmax_t>(kRate * span.count() / 1000) * kChannels *
+                                sizeof(float);
+}
+
 std::vector<float> MonitorRecording::stopSamples() {
   recorder_->signal(SIGTERM);
   recorder_->wait(std::chrono::seconds(5));

@@ -30,6 +30,9 @@ class MonitorRecording {
   MonitorRecording(const std::filesystem::path& file, const std::string& source);
   ~MonitorRecording();
 
+  // Whether the recorder has delivered `span` of sound yet (it starts late, and later on a
+  // busy machine).
+  bool hasRecorded(std::chrono::milliseconds span) const;
   // Stops and returns the level of each `window` of the recording.
   std::vector<double> stop(std::chrono::milliseconds window = std::chrono::milliseconds(250));
   // Stops and returns what was recorded, interleaved.

@@ -59,12 +59,24 @@ std::optional<XServer::Geometry> XServer::visibleWindow(const std::string& title
   return Geometry{values["X"], values["Y"], values["WIDTH"], values["HEIGHT"]};
 }
 
+std::optional<std::string> XServer::activeWindow() const {
+  auto title = tryProgram({"xdotool", "getactivewindow", "getwindowname"});
+  if (title && !title->empty() && title->back() == '\n') {
+    title->pop_back();
+  }
+  return title;
+}
+
 void XServer::click(int x, int y) const {
   // The server takes the motion and the button in the order sent; waiting for the motion
   // (--sync) would wait forever when the pointer is already there.
   // A user's pointer arrives from somewhere: widgets see it enter before the press.
   runProgram({"xdotool", "mousemove", std::to_string(x + 1), std::to_string(y + 1), "mousemove",
               std::to_string(x), std::to_string(y), "click", "1"});
+}
+
+void XServer::key(const std::string& keys) const {
+  runProgram({"xdotool", "key", keys});
 }
 
 }  // namespace quellix::testing

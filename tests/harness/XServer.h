@@ -32,9 +32,13 @@ class XServer {
 
   // The viewable window whose title is exactly `title`, if one is mapped now.
   std::optional<Geometry> visibleWindow(const std::string& title) const;
+  // The title of the window that has the focus, as the window manager says.
+  std::optional<std::string> activeWindow() const;
   // Moves the pointer there and presses and releases the first button: real input, as a
   // user's.
   void click(int x, int y) const;
+  // Presses and releases `keys` (xdotool's names: "Escape") in the focused window.
+  void key(const std::string& keys) const;
 
  private:
   std::unique_ptr<ChildProcess> process_;
