@@ -45,8 +45,13 @@ class TapTest : public testing::ServerTest {
   std::unique_ptr<ProcessMuteTap> tapPlayer(const TestPlayerProcess& player, float gain) {
     connectBackend();
     EXPECT_TRUE(testing::eventually([&] { return !objectsOf(player.pid()).empty(); }));
-    return std::make_unique<ProcessMuteTap>(*hardware, "Player", objectsOf(player.pid()), gain,
-                                            logs);
+    auto tap =
+        std::make_unique<ProcessMuteTap>(*hardware, "Player", objectsOf(player.pid()), gain, logs);
+    // The tap's calls return before its sound flows.
+    EXPECT_TRUE(!backend || testing::eventually([&] {
+      return backend->ioStatistics(tap->aggregateID()).value_or(PulseIOPath::Statistics{}).cycles;
+    }));
+    return tap;
   }
 
   bool nothingOfOursLeft() {
