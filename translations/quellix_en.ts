@@ -51,6 +51,13 @@
     </message>
 </context>
 <context>
+    <name>ControlCommand</name>
+    <message>
+        <source>Quellix läuft nicht.</source>
+        <translation>Quellix is not running.</translation>
+    </message>
+</context>
+<context>
     <name>MenuBarView</name>
     <message>
         <source>Vorheriger Titel</source>
@@ -249,6 +256,33 @@ and needs next to no resources while it does.</translation>
     <message>
         <source>Beenden</source>
         <translation>Quit</translation>
+    </message>
+    <message>
+        <source>Aktuellen Mediaplayer stummschalten oder wieder hörbar machen</source>
+        <translation>Mute or unmute the current media player</translation>
+    </message>
+    <message>
+        <source>Alle wieder hörbar machen</source>
+        <translation>Unmute all</translation>
+    </message>
+</context>
+<context>
+    <name>RemoteControl</name>
+    <message>
+        <source>Quellix startet noch.</source>
+        <translation>Quellix is still starting.</translation>
+    </message>
+    <message>
+        <source>Keine Anwendung „%1“ spielt gerade Ton.</source>
+        <translation>No application “%1” is playing sound.</translation>
+    </message>
+    <message>
+        <source>„%1“ passt auf mehrere Anwendungen: %2</source>
+        <translation>“%1” matches more than one application: %2</translation>
+    </message>
+    <message>
+        <source>Die Lautstärke muss eine Zahl von 0 bis 100 sein, nicht „%1“.</source>
+        <translation>The volume must be a number from 0 to 100, not “%1”.</translation>
     </message>
 </context>
 <context>

@@ -3,9 +3,11 @@
 #include <QApplication>
 #include <algorithm>
 
+#include "app/AppRemoteControl.h"
 #include "app/PanelHost.h"
 #include "audio/BackendSelection.h"
 #include "desktop/mpris/MprisPlayers.h"
+#include "desktop/runtime/GlobalShortcuts.h"
 #include "desktop/runtime/HttpClient.h"
 #include "desktop/runtime/QtMainQueue.h"
 #include "desktop/runtime/SingleInstance.h"
@@ -24,6 +26,8 @@ namespace {
 const QString kOpenPanel = QStringLiteral("open");
 const QString kAbout = QStringLiteral("about");
 const QString kQuit = QStringLiteral("quit");
+const QString kToggleCurrentPlayerShortcut = QStringLiteral("toggle-current-player");
+const QString kUnmuteAllShortcut = QStringLiteral("unmute-all");
 
 }  // namespace
 
@@ -166,6 +170,25 @@ int QuellixApp::run(int argc, char** argv, std::shared_ptr<LogSink> logs) {
           },
   });
   QObject::connect(&instance, &SingleInstance::activationRequested, &scene, &QuellixApp::showPanel);
+  AppRemoteControl remoteControl(scene.state().control(), instance.control());
+  GlobalShortcuts shortcuts(QDBusConnection::sessionBus(), logs);
+  QObject::connect(&shortcuts, &GlobalShortcuts::activated, &scene, [&](const QString& id) {
+    AppState& state = scene.state();
+    if (id == kUnmuteAllShortcut) {
+      state.muter().unmuteAll();
+    } else if (id == kToggleCurrentPlayerShortcut) {
+      const auto pid = mediaPlayers.currentPlayerProcess();
+      if (!pid || !state.control().toggleProcess(*pid)) {
+        logger.info("Tastenkürzel: kein Mediaplayer mit einer Zeile in der Liste");
+      }
+    }
+  });
+  shortcuts.registerShortcuts({
+      {kToggleCurrentPlayerShortcut,
+       QCoreApplication::translate(
+           "QuellixApp", "Aktuellen Mediaplayer stummschalten oder wieder hörbar machen")},
+      {kUnmuteAllShortcut, QCoreApplication::translate("QuellixApp", "Alle wieder hörbar machen")},
+  });
   const int status = QApplication::exec();
   defaults.flush();
   return status;

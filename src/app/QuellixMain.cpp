@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <algorithm>
 
+#include "app/ControlCommand.h"
 #include "app/SpikeRunner.h"
 #include "audio/BackendSelection.h"
 #include "audio/pulse/TapGuard.h"
@@ -31,6 +32,27 @@ bool contains(const std::vector<std::string>& arguments, const char* flag) {
 }  // namespace
 
 Invocation dispatch(const std::vector<std::string>& arguments) {
+  // A command for the running instance never starts one: a missing name or number is an
+  // error it reports, not a reason to open the panel.
+  for (const auto& [flag, mode] :
+       {std::pair{"--mute", Mode::mute}, std::pair{"--unmute", Mode::unmute},
+        std::pair{"--toggle", Mode::toggle}}) {
+    if (contains(arguments, flag)) {
+      const auto* target = argumentAfter(arguments, flag);
+      return {mode, target ? *target : std::string()};
+    }
+  }
+  if (contains(arguments, "--volume")) {
+    const auto found = std::find(arguments.begin(), arguments.end(), "--volume");
+    Invocation invocation{Mode::volume, {}, {}};
+    if (std::next(found) != arguments.end()) {
+      invocation.argument = *std::next(found);
+      if (std::next(found, 2) != arguments.end()) {
+        invocation.value = *std::next(found, 2);
+      }
+    }
+    return invocation;
+  }
   if (const auto* target = argumentAfter(arguments, "--spike")) {
     return {Mode::spike, *target};
   }
@@ -61,6 +83,19 @@ int main(int argc, char** argv, ApplicationRunner runApplication) {
   QCoreApplication application(argc, argv);
   QCoreApplication::setApplicationName("Quellix");
   installTranslations(application);
+  switch (invocation.mode) {
+    case Mode::mute:
+      return ControlCommand::run(ControlCommand::Action::mute, invocation.argument);
+    case Mode::unmute:
+      return ControlCommand::run(ControlCommand::Action::unmute, invocation.argument);
+    case Mode::toggle:
+      return ControlCommand::run(ControlCommand::Action::toggle, invocation.argument);
+    case Mode::volume:
+      return ControlCommand::run(ControlCommand::Action::volume, invocation.argument,
+                                 invocation.value);
+    default:
+      break;
+  }
   quitOnTerminationSignals();
   QtMainQueue queue;
   // The backend's thread posts to the queue: it must be gone before the queue is.
@@ -76,7 +111,7 @@ int main(int argc, char** argv, ApplicationRunner runApplication) {
       return SpikeRunner::taps(context);
     case Mode::volset:
       return SpikeRunner::setVolume(context, invocation.argument);
-    case Mode::application:
+    default:
       break;
   }
   return 0;

@@ -8,11 +8,12 @@
 
 namespace quellix::QuellixMain {
 
-enum class Mode { spike, list, taps, volset, application };
+enum class Mode { spike, list, taps, volset, mute, unmute, toggle, volume, application };
 
 struct Invocation {
   Mode mode = Mode::application;
-  std::string argument;  // the target of --spike, the number of --volset
+  std::string argument;  // the target of --spike or of a control command, the number of --volset
+  std::string value;     // the number of --volume
 
   friend bool operator==(const Invocation&, const Invocation&) = default;
 };

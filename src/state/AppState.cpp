@@ -34,6 +34,10 @@ void AppState::startUp() {
   updates_ = UpdateChecker::create(queue, environment_.defaults, environment_.http, logs);
   launchAtLogin_.set(isEnabled(*environment_.loginItem));
   windows_ = std::make_unique<WindowCoordinator>();
+  control_ = std::make_unique<AppControl>(
+      queue, *monitor_, *muter_, *systemVolume_,
+      [workspace = environment_.workspace](pid_t pid) { return workspace->processName(pid); },
+      [workspace = environment_.workspace](pid_t pid) { return workspace->parentPID(pid); });
 
   // Set before the monitor starts, so its very first list already reaches the controller.
   monitor_->setOnChange([weakState = weak_from_this()](const std::vector<AudioApp>& apps) {

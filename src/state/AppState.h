@@ -9,6 +9,7 @@
 #include "engine/monitor/AudioProcessMonitor.h"
 #include "engine/muting/MuteController.h"
 #include "engine/volume/SystemVolumeController.h"
+#include "state/AppControl.h"
 #include "state/UpdateChecker.h"
 #include "state/WindowCoordinator.h"
 #include "support/DefaultsStore.h"
@@ -54,6 +55,7 @@ class AppState : public std::enable_shared_from_this<AppState> {
   SystemVolumeController& systemVolume() const { return *systemVolume_; }
   UpdateChecker& updates() const { return *updates_; }
   WindowCoordinator& windows() const { return *windows_; }
+  AppControl& control() const { return *control_; }
   MediaPlayers& mediaPlayers() const { return environment_.mediaPlayers; }
   MainQueue& queue() const { return environment_.queue; }
   const Observable<bool>& launchAtLogin() const { return launchAtLogin_; }
@@ -76,6 +78,7 @@ class AppState : public std::enable_shared_from_this<AppState> {
   std::shared_ptr<UpdateChecker> updates_;
   Observable<bool> launchAtLogin_{false};
   std::unique_ptr<WindowCoordinator> windows_;
+  std::unique_ptr<AppControl> control_;
   Logger logger_;
 };
 

@@ -30,6 +30,11 @@ TEST(Dispatch, FollowsThePrecedenceOfTheModes) {
       {{"--list=yes"}, {Mode::application, ""}},
       {{"--spike=Music"}, {Mode::application, ""}},
       {{"unrelated", "--taps"}, {Mode::taps, ""}},
+      {{"--mute", "Music", "--list"}, {Mode::mute, "Music"}},
+      {{"--list", "--unmute", "Music"}, {Mode::unmute, "Music"}},
+      {{"--toggle"}, {Mode::toggle, ""}},
+      {{"--volume", "Music", "30"}, {Mode::volume, "Music", "30"}},
+      {{"--volume", "Music"}, {Mode::volume, "Music", ""}},
   };
   for (const auto& c : cases) {
     std::vector<std::string> arguments = {"/usr/bin/quellix"};
@@ -41,6 +46,7 @@ TEST(Dispatch, FollowsThePrecedenceOfTheModes) {
     }
     EXPECT_EQ(invocation.mode, c.expected.mode) << shown;
     EXPECT_EQ(invocation.argument, c.expected.argument) << shown;
+    EXPECT_EQ(invocation.value, c.expected.value) << shown;
   }
 }
 

@@ -63,16 +63,15 @@ TEST_F(SpikeRunnerTest, TapListReportsCountAndIdentifiersAndEndsWithStatusOneOnF
 TEST_F(SpikeRunnerTest, VolumeSetTakesZeroToHundredAndReportsTruncatedPercentages) {
   EXPECT_EQ(SpikeRunner::setVolume(context, "50"), 0) << "no default output is no failure";
   const AudioObjectID device = addDefaultOutput();
-  for (const char* bad : {"100.5", "-1", " 5", "abc", "nan", "", "5 "}) {
-    EXPECT_EQ(SpikeRunner::setVolume(context, bad), 1) << bad;
-  }
+  // Refused numbers: the --volset integration test runs the program with each of them.
+  EXPECT_EQ(SpikeRunner::setVolume(context, "abc"), 1);
   EXPECT_EQ(sim->callCount(Call::setPropertyData), 0u);
   sim->setDeviceVolume(device, 0.499f);
   EXPECT_EQ(SpikeRunner::setVolume(context, "30"), 0);
   EXPECT_FLOAT_EQ(sim->device(device)->volume, 0.3f);
   EXPECT_EQ(SpikeRunner::setVolume(context, "100"), 0);
   std::vector<std::string> expected = {"Volume: 0 % → 0 % (adjustable=false)"};
-  expected.insert(expected.end(), 7, "--volset erwartet 0–100");
+  expected.push_back("--volset erwartet 0–100");
   expected.push_back("Volume: 49 % → 30 % (adjustable=true)");
   expected.push_back("Volume: 30 % → 100 % (adjustable=true)");
   EXPECT_EQ(logs->messages("Spike"), expected);

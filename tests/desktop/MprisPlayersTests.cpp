@@ -73,29 +73,16 @@ TEST(MprisPlayerChoiceTest, WithoutChangesTheLastChoiceStaysAndAChosenPlayerThat
   EXPECT_EQ(choice.current(), "b");
 }
 
+// What a capable player is asked for, the media keys tests show against mpv.
 TEST(MprisPlayerStateTest, APlayerIsOnlyAskedForWhatItSaysItCanDo) {
-  const MprisPlayerState able{.status = Status::playing,
-                              .canGoPrevious = true,
-                              .canGoNext = true,
-                              .canPlay = true,
-                              .canPause = true};
-  EXPECT_EQ(mprisMethodFor(MediaKey::playPause, able), "Pause");
-  EXPECT_EQ(mprisMethodFor(MediaKey::previous, able), "Previous");
-  EXPECT_EQ(mprisMethodFor(MediaKey::next, able), "Next");
-  for (const Status status : {Status::paused, Status::stopped}) {
-    auto halted = able;
-    halted.status = status;
-    EXPECT_EQ(mprisMethodFor(MediaKey::playPause, halted), "Play");
-  }
-
   const MprisPlayerState unable{.status = Status::playing};
   for (const auto key : {MediaKey::previous, MediaKey::playPause, MediaKey::next}) {
     EXPECT_EQ(mprisMethodFor(key, unable), std::nullopt);
   }
   // Able to play but not to pause: a playing player is left alone.
-  auto cannotPause = able;
-  cannotPause.canPause = false;
+  const MprisPlayerState cannotPause{.status = Status::playing, .canPlay = true};
   EXPECT_EQ(mprisMethodFor(MediaKey::playPause, cannotPause), std::nullopt);
+  EXPECT_EQ(mprisMethodFor(MediaKey::playPause, {.canPlay = true}), "Play") << "stopped";
 }
 
 TEST(MprisPlayersTest, WithoutABusEveryPressOnlySaysWhyInTheLog) {

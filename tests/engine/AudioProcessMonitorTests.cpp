@@ -54,7 +54,6 @@ TEST_F(AudioProcessMonitorTest, GroupsHelperProcessesUnderTheOwningApplication) 
   ASSERT_EQ(apps.size(), 1u);
   EXPECT_EQ(apps[0].id, 100);
   EXPECT_EQ(apps[0].name, "Browser");
-  EXPECT_EQ(apps[0].bundleID, "org.example.Browser");
   EXPECT_EQ(apps[0].key(), "org.example.Browser");
   EXPECT_EQ(apps[0].icon.themeName, "org.example.Browser");
   EXPECT_EQ(apps[0].processObjectIDs, (std::vector<AudioObjectID>{helper, service}));

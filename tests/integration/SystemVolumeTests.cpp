@@ -29,7 +29,7 @@ TEST_P(SystemVolumeIntegrationTest, VolsetSetsTheDefaultSinkAndRejectsBadNumbers
   EXPECT_EQ(runQuellix({"--volset", "30"}), 0);
   EXPECT_EQ(server->volumePercent(target), 30);
   EXPECT_EQ(server->volumePercent(other), 100);
-  for (const char* bad : {"100.5", "-1", " 5", "abc"}) {
+  for (const char* bad : {"100.5", "-1", " 5", "abc", "nan", "", "5 "}) {
     EXPECT_EQ(runQuellix({"--volset", bad}), 1) << bad;
   }
   EXPECT_EQ(server->volumePercent(target), 30);

@@ -169,13 +169,9 @@ TEST_F(UpdateCheckerNetworkTest, ASilentServerDoesNotHoldUpTheQueue) {
   ASSERT_TRUE(runUntil([&] { return http->finished == 1; }));
 }
 
-TEST_F(UpdateCheckerNetworkTest, TheClientHandsOnAnyBodyAndRefusesAnInvalidAddressLater) {
-  server.respond("/missing", 404, "text/html", "<p>gone</p>");
+// The error page row above shows that any body is handed on.
+TEST_F(UpdateCheckerNetworkTest, TheClientRefusesAnInvalidAddressLater) {
   std::optional<HttpClient::Reply> reply;
-  http->get(server.url("/missing"), seconds(5), [&](HttpClient::Reply r) { reply = r; });
-  ASSERT_TRUE(runUntil([&] { return reply.has_value(); }));
-  EXPECT_EQ(reply->body, "<p>gone</p>");
-
   for (const std::string address : {"", "no address", "http://", "http://[::1"}) {
     SCOPED_TRACE(address);
     reply.reset();

@@ -4,7 +4,6 @@
 
 #include "harness/AppStateFixture.h"
 #include "support/BuildInfo.h"
-#include "support/TextError.h"
 
 namespace quellix {
 namespace {
@@ -50,22 +49,6 @@ TEST(UpdateCheckerVersions, ComparesNumberByNumber) {
   for (const auto& row : rows) {
     EXPECT_EQ(UpdateChecker::isNewer(row.candidate, row.installed), row.newer)
         << '"' << row.candidate << "\" against \"" << row.installed << '"';
-  }
-}
-
-TEST(UpdateCheckerFeed, TakesTheVersionTextAndNothingElse) {
-  EXPECT_EQ(UpdateChecker::decodeFeed(R"({"version": "1.4.2", "url": "x", "size": 3})"), "1.4.2");
-  EXPECT_EQ(UpdateChecker::decodeFeed(R"({"version": " 2.0-beta "})"), " 2.0-beta ");
-  for (const std::string body : {"", "<html></html>", R"({"version": "1.2")", R"(["1.2"])",
-                                 R"("1.2")", R"({"Version": "1.2"})", R"({"version": 1.2})",
-                                 R"({"version": null})", R"({"version": ["1"]})"}) {
-    SCOPED_TRACE(body);
-    try {
-      UpdateChecker::decodeFeed(body);
-      ADD_FAILURE() << "decoded";
-    } catch (const TextError& error) {
-      EXPECT_NE(error.description().find("update feed"), std::string::npos) << error.description();
-    }
   }
 }
 

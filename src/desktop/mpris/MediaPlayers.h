@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/types.h>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,6 +21,9 @@ class MediaPlayers {
   // Acts on the current player, if there is one. Never waits for it, and never reports what a
   // player did; a press that cannot arrive only says why in the log.
   virtual void send(MediaKey key) = 0;
+
+  // The process of the player the buttons act on now, when there is one.
+  virtual std::optional<pid_t> currentPlayerProcess() { return std::nullopt; }
 
   // Why no player can be reached, or none when they can.
   virtual std::optional<std::string> unreachableReason() const = 0;

@@ -1,6 +1,7 @@
 #include "desktop/mpris/MprisPlayers.h"
 
 #include <QDBusArgument>
+#include <QDBusConnectionInterface>
 #include <QDBusError>
 #include <QDBusMessage>
 #include <QDBusPendingCall>
@@ -245,6 +246,22 @@ void MprisPlayers::press(MediaKey key, const QString& player) {
         }
         pressNext();
       });
+}
+
+std::optional<pid_t> MprisPlayers::currentPlayerProcess() {
+  const auto player = choice_.choose();
+  if (!player) {
+    return std::nullopt;
+  }
+  const auto owner = owners_.find(QString::fromStdString(*player));
+  if (owner == owners_.end()) {
+    return std::nullopt;
+  }
+  const auto pid = connection_.interface()->servicePid(owner->second);
+  if (!pid.isValid()) {
+    return std::nullopt;
+  }
+  return static_cast<pid_t>(pid.value());
 }
 
 }  // namespace quellix

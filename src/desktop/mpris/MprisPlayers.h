@@ -32,6 +32,7 @@ class MprisPlayers final : public QObject, public MediaPlayers {
 
   void send(MediaKey key) override;
   std::optional<std::string> unreachableReason() const override;
+  std::optional<pid_t> currentPlayerProcess() override;
 
   const MprisPlayerChoice& choice() const { return choice_; }
   // The players present when it connected are known.

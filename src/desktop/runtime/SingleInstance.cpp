@@ -11,7 +11,8 @@ constexpr int kHandOverTimeoutMs = 5000;
 
 }  // namespace
 
-SingleInstance::SingleInstance(QObject* parent) : QObject(parent) {}
+SingleInstance::SingleInstance(QObject* parent)
+    : QObject(parent), control_(new RemoteControlAdaptor(this)) {}
 
 SingleInstance::~SingleInstance() {
   release();
@@ -36,7 +37,9 @@ SingleInstance::Outcome SingleInstance::claim() {
   }
   // The object goes up before the name, so a start racing this one never finds the name
   // without someone answering behind it.
-  if (!bus.registerObject(kObjectPath, this, QDBusConnection::ExportScriptableSlots)) {
+  if (!bus.registerObject(
+          kObjectPath, this,
+          QDBusConnection::ExportScriptableSlots | QDBusConnection::ExportAdaptors)) {
     failure_ = bus.lastError().message();
     return Outcome::noSessionBus;
   }

@@ -3,6 +3,8 @@
 #include <QObject>
 #include <QString>
 
+#include "desktop/runtime/RemoteControlAdaptor.h"
+
 namespace quellix {
 
 // One running Quellix per session: the first start owns a name on the session bus, and a
@@ -30,6 +32,8 @@ class SingleInstance final : public QObject {
   // launches) becomes the one instance instead of handing over to a process on its way out.
   void release();
   const QString& failure() const { return failure_; }
+  // The control interface beside Activate; its requests go to the control once it is set.
+  RemoteControlAdaptor& control() const { return *control_; }
 
  public slots:
   // Called over the bus by a later start.
@@ -39,6 +43,7 @@ class SingleInstance final : public QObject {
   void activationRequested();
 
  private:
+  RemoteControlAdaptor* control_;  // a child: Qt finds adaptors among the children
   QString failure_;
   bool registered_ = false;
 };

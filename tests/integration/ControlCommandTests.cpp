@@ -1,0 +1,141 @@
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QDBusArgument>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "desktop/runtime/RemoteControl.h"
+#include "harness/DBusClient.h"
+#include "harness/DesktopSession.h"
+#include "harness/LevelMeter.h"
+
+namespace quellix {
+namespace {
+
+using testing::ChildProcess;
+
+constexpr auto kRecorderSettling = std::chrono::milliseconds(1500);
+constexpr auto kSilenceSettling = std::chrono::milliseconds(600);
+constexpr auto kLevelWindow = std::chrono::milliseconds(100);
+constexpr auto kStartTimeout = std::chrono::seconds(20);
+constexpr auto kExitTimeout = std::chrono::seconds(10);
+const QString kService = QStringLiteral("com.norvalin.Quellix");
+const QString kPath = QStringLiteral("/com/norvalin/Quellix");
+const QString kControl = QStringLiteral("com.norvalin.Quellix.Control");
+
+QCoreApplication& application() {
+  static int argc = 1;
+  static char name[] = "control_command_tests";
+  static char* argv[] = {name, nullptr};
+  static auto* app = new QCoreApplication(argc, argv);
+  return *app;
+}
+
+struct CommandResult {
+  std::optional<int> status;
+  std::string errorOutput;
+};
+
+// The program run from a script, against a session's running instance (or none).
+class ControlCommandTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    application();
+    session_ = std::make_unique<testing::DesktopSession>(testing::DesktopSession::Options{});
+    session_->play("com.example.alpha", "out1", 440.0);
+  }
+
+  CommandResult command(const std::vector<std::string>& arguments) {
+    std::vector<std::string> line = {QUELLIX_BINARY};
+    line.insert(line.end(), arguments.begin(), arguments.end());
+    const auto errors =
+        session_->scratchDir() / ("command-" + std::to_string(++commands_) + ".err");
+    ChildProcess process(line, {.outputFile = "/dev/null", .errorFile = errors.string()});
+    CommandResult result{process.wait(kExitTimeout), {}};
+    std::ifstream file(errors);
+    std::stringstream text;
+    text << file.rdbuf();
+    result.errorOutput = text.str();
+    return result;
+  }
+
+  RemoteAppList listed() {
+    const QDBusMessage answer =
+        testing::callAndWait(bus_, kService, kPath, kControl, QStringLiteral("ListApps"));
+    RemoteAppList apps;
+    if (answer.type() == QDBusMessage::ReplyMessage) {
+      answer.arguments().first().value<QDBusArgument>() >> apps;
+    }
+    return apps;
+  }
+
+  std::unique_ptr<testing::DesktopSession> session_;
+  QDBusConnection bus_{QString()};
+  int commands_ = 0;
+};
+
+TEST_F(ControlCommandTest, MutesTheNamedAppAtTheOutputAndRefusesWhatItCannotDo) {
+  const CommandResult alone = command({"--mute", "com.example.alpha"});
+  EXPECT_NE(alone.status, 0) << "no instance runs yet";
+  EXPECT_EQ(alone.errorOutput, "Quellix läuft nicht.\n");
+
+  const auto quellix = session_->startQuellix();
+  bus_ = testing::connectPrivately();
+  ASSERT_TRUE(session_->eventually([&] { return !listed().isEmpty(); }, kStartTimeout))
+      << "the instance never listed the player";
+
+  testing::DBusSignalRecorder appChanges(bus_, kService, kPath, kControl,
+                                         QStringLiteral("AppChanged"));
+  testing::MonitorRecording sink(session_->scratchDir() / "out1.raw", "out1.monitor");
+  std::this_thread::sleep_for(kRecorderSettling);
+  const CommandResult muted = command({"--mute", "com.example.alpha"});
+  EXPECT_EQ(muted.status, 0) << muted.errorOutput;
+  EXPECT_EQ(muted.errorOutput, "");
+  std::this_thread::sleep_for(kSilenceSettling);
+  const auto levels = sink.stop(kLevelWindow);
+  ASSERT_FALSE(levels.empty());
+  EXPECT_GT(levels.front(), testing::kHeardAboveDbfs) << "the player was not heard before";
+  EXPECT_LT(testing::medianOfLast(levels, 3), testing::kSilentBelowDbfs)
+      << "the player is still heard";
+
+  struct Case {
+    std::vector<std::string> arguments;
+    std::string line;
+  };
+  for (const Case& c : {
+           Case{{"--unmute", "nosuchapp"}, "Keine Anwendung „nosuchapp“ spielt gerade Ton.\n"},
+           Case{{"--volume", "com.example.alpha", "150"},
+                "Die Lautstärke muss eine Zahl von 0 bis 100 sein, nicht „150“.\n"},
+           Case{{"--volume", "com.example.alpha", "laut"},
+                "Die Lautstärke muss eine Zahl von 0 bis 100 sein, nicht „laut“.\n"},
+       }) {
+    SCOPED_TRACE(c.arguments.front() + " " + c.arguments.back());
+    const CommandResult refused = command(c.arguments);
+    EXPECT_NE(refused.status, 0);
+    EXPECT_EQ(refused.errorOutput, c.line);
+    const RemoteAppList apps = listed();
+    ASSERT_EQ(apps.size(), 1);
+    EXPECT_TRUE(apps.front().muted) << "a refused command changed the row";
+    EXPECT_EQ(apps.front().volume, 100u);
+  }
+
+  EXPECT_EQ(command({"--volume", "com.example.alpha", "30"}).status, 0);
+  EXPECT_EQ(command({"--toggle", "com.example.alpha"}).status, 0);
+  const RemoteAppList apps = listed();
+  ASSERT_EQ(apps.size(), 1);
+  EXPECT_FALSE(apps.front().muted);
+  EXPECT_EQ(apps.front().volume, 30u);
+  // The mute, the volume, the toggle: each told once, the refusals not at all.
+  EXPECT_TRUE(session_->eventually([&] { return appChanges.count() >= 3; }));
+  EXPECT_EQ(appChanges.count(), 3);
+
+  testing::callAndWait(bus_, kService, kPath, kControl, QStringLiteral("SetMasterMuted"), {true});
+  const QDBusMessage master =
+      testing::callAndWait(bus_, kService, kPath, kControl, QStringLiteral("GetMaster"));
+  EXPECT_TRUE(master.arguments().value(1).toBool()) << "the master mute was not set";
+}
+
+}  // namespace
+}  // namespace quellix
