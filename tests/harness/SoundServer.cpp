@@ -126,6 +126,12 @@ void SoundServer::stop() {
   }
 }
 
+void SoundServer::signal(int signal) {
+  for (const auto& process : processes_) {
+    process->signal(signal);
+  }
+}
+
 void SoundServer::startPulseAudio() {
   const auto script = runtimeDir_ / "quellix-test.pa";
   std::ofstream(script) << "load-module module-native-protocol-unix auth-anonymous=1\n"

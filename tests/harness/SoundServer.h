@@ -26,6 +26,8 @@ class SoundServer {
 
   void stop();
   void start();
+  // To each of its processes: SIGSTOP makes a server that hangs, SIGCONT brings it back.
+  void signal(int signal);
 
   std::string pactl(const std::vector<std::string>& arguments) const;
   // `sink`'s volume in percent, as pactl reports it for the first channel.

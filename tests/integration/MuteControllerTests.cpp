@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "audio/pulse/PulseBackend.h"
+#include "engine/volume/SystemVolumeController.h"
 #include "harness/ChildProcess.h"
 #include "harness/LevelMeter.h"
 #include "harness/ServerTest.h"
@@ -241,6 +242,39 @@ TEST_P(MuteControllerIntegrationTest, TappedSoundFollowsTheNewDefaultOutput) {
     EXPECT_NEAR(level(newDefault), kToneDbfs + kHalfGainDb + kTwoTonesDb, kLevelToleranceDb)
         << server->lastLevels();
   }
+}
+
+// A server that hangs holds up no call of the main thread; once it answers again the sound is
+// what the calls asked for, and each request it left unanswered in time failed with one line.
+TEST_P(MuteControllerIntegrationTest, AHungServerHoldsUpNoCallOfTheMainThread) {
+  if (GetParam() != testing::ServerSetup::pulseAudio) {
+    GTEST_SKIP() << "PipeWire's graph, stopped and continued, stays silent";
+  }
+  TestPlayerProcess first({.appID = "org.example.First"});
+  TestPlayerProcess second({.appID = "org.example.Second", .frequency = 660});
+  const AudioApp muted = waitForApp("org.example.First");
+  const AudioApp quieter = waitForApp("org.example.Second");
+  const auto master = SystemVolumeController::create(queue, *hardware, logs);
+  logs->clear();
+  server->signal(SIGSTOP);
+  const std::function<void()> calls[] = {
+      [&] { controller->toggle(muted); }, [&] { controller->setVolume(0.5f, quieter); },
+      [&] { master->setVolume(0.9); },    [&] { master->setMuted(true); },
+      [&] { master->setVolume(1.0); },  // and unmuted
+      [&] { controller->toggle(muted); },  // taken down behind its own creation
+      [&] { controller->toggle(muted); },
+  };
+  for (const auto& call : calls) {
+    const auto begin = std::chrono::steady_clock::now();
+    call();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(100));
+  }
+  // The tap's, the volume's and the mute's lane each time out, with one line each.
+  EXPECT_TRUE(eventually([&] { return logs->messages("AudioBackend").size() >= 3; }));
+  server->signal(SIGCONT);
+  EXPECT_TRUE(eventually([&] { return server->volumePercent("out1") == 100; }));
+  EXPECT_TRUE(eventually([&] { return backend->snapshot()->tapSinks.size() == 2; }));
+  EXPECT_NEAR(level(), kToneDbfs + kHalfGainDb, kLevelToleranceDb) << server->lastLevels();
 }
 
 QUELLIX_ON_EVERY_SERVER(MuteControllerIntegrationTest);

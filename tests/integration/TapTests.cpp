@@ -45,8 +45,12 @@ class TapTest : public testing::ServerTest {
   std::unique_ptr<ProcessMuteTap> tapPlayer(const TestPlayerProcess& player, float gain) {
     connectBackend();
     EXPECT_TRUE(testing::eventually([&] { return !objectsOf(player.pid()).empty(); }));
-    return std::make_unique<ProcessMuteTap>(*hardware, "Player", objectsOf(player.pid()), gain,
-                                            logs);
+    auto tap =
+        std::make_unique<ProcessMuteTap>(*hardware, "Player", objectsOf(player.pid()), gain, logs);
+    // The tap's calls return before its sound flows.
+    EXPECT_TRUE(
+        testing::eventually([&] { return gain == 0 || server->level() > kSilentBelowDbfs; }));
+    return tap;
   }
 
   bool nothingOfOursLeft() {

@@ -1,16 +1,12 @@
+// The connection: the main loop, the context, reconnecting, and the snapshot readers share.
 #include "audio/pulse/PulseBackend.h"
 #include "audio/pulse/PulseBackendParts.h"
 
 #include <pulse/pulseaudio.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cmath>
-#include <cstring>
+#include <thread>
 
-#include "audio/PropertyValue.h"
-#include "audio/pulse/LeftoverTaps.h"
-#include "audio/pulse/PulseRecords.h"
 #include "support/BuildInfo.h"
 
 namespace quellix {
@@ -18,14 +14,9 @@ namespace {
 
 using pulse::AudioSnapshot;
 using pulse::backendOf;
-using pulse::copyClient;
-using pulse::copySink;
-using pulse::copySinkInput;
-using pulse::copySourceOutput;
 using pulse::MainloopLock;
 
-// The initial view: sinks, sink inputs, source outputs, clients and the server's defaults.
-constexpr int kInitialListReplies = 5;
+constexpr auto kDrainPoll = std::chrono::milliseconds(10);
 
 }  // namespace
 
@@ -48,17 +39,37 @@ PulseBackend::PulseBackend(Options options, std::shared_ptr<LogSink> logs)
     : options_(std::move(options)),
       snapshot_(std::make_shared<const AudioSnapshot>()),
       serial_(nextBackendSerial.fetch_add(1)),
-      logger_(std::move(logs), "AudioBackend") {}
+      logger_(std::move(logs), "AudioBackend") {
+  runner_ = std::make_unique<OperationRunner>(
+      options_.operationTimeout, [] { return OperationRunner::Clock::now(); }, logger_);
+}
 
 PulseBackend::~PulseBackend() {
   if (mainloop_ == nullptr) {
     return;
   }
+  // A quit takes its taps down itself: what is still queued gets its time-out to be carried
+  // out, so that the guard finds nothing to clean up.
+  const auto deadline = std::chrono::steady_clock::now() + options_.operationTimeout;
+  while (std::chrono::steady_clock::now() < deadline) {
+    {
+      MainloopLock lock(mainloop_);
+      if (!ready_ || runner_->pendingCount() == 0) {
+        break;
+      }
+    }
+    std::this_thread::sleep_for(kDrainPoll);
+  }
   // With the thread stopped no callback can run any more; then the context can go.
   pa_threaded_mainloop_stop(mainloop_);
+  // Abandons what is still in flight while the context that issued it is there.
+  runner_.reset();
   dropContext();
-  if (retryEvent_ != nullptr) {
-    pa_threaded_mainloop_get_api(mainloop_)->time_free(retryEvent_);
+  pa_mainloop_api* api = pa_threaded_mainloop_get_api(mainloop_);
+  for (pa_time_event* event : {retryEvent_, deadlineEvent_}) {
+    if (event != nullptr) {
+      api->time_free(event);
+    }
   }
   pa_threaded_mainloop_free(mainloop_);
 }
@@ -185,7 +196,9 @@ void PulseBackend::onContextState(pa_context* context) {
       }
       ready_ = false;
       pendingListReplies_ = 0;
-      failPendingOperations();
+      runner_->failAll("the connection to the sound server is gone");
+      armDeadline();
+      abandonedTapUUIDs_.clear();
       moves_.clear();
       routeMoves_.clear();
       leftoversSwept_ = false;
@@ -213,265 +226,6 @@ void PulseBackend::onContextState(pa_context* context) {
     default:
       break;
   }
-}
-
-void PulseBackend::requestEverything() {
-  pendingListReplies_ = kInitialListReplies;
-  pa_operation_unref(pa_context_get_sink_info_list(
-      context_, &PulseBackend::listCallback<pa_sink_info, copySink, &pulse::PulseModel::applySink>,
-      this));
-  pa_operation_unref(pa_context_get_sink_input_info_list(
-      context_,
-      &PulseBackend::listCallback<pa_sink_input_info, copySinkInput,
-                                  &pulse::PulseModel::applySinkInput>,
-      this));
-  pa_operation_unref(pa_context_get_source_output_info_list(
-      context_,
-      &PulseBackend::listCallback<pa_source_output_info, copySourceOutput,
-                                  &pulse::PulseModel::applySourceOutput>,
-      this));
-  pa_operation_unref(pa_context_get_client_info_list(
-      context_,
-      &PulseBackend::listCallback<pa_client_info, copyClient, &pulse::PulseModel::applyClient>,
-      this));
-  pa_operation_unref(pa_context_get_server_info(context_, &PulseBackend::serverInfoCallback, this));
-}
-
-void PulseBackend::listReplyFinished() {
-  if (pendingListReplies_ <= 0 || --pendingListReplies_ > 0) {
-    return;
-  }
-  publish();
-  if (!leftoversSwept_) {
-    leftoversSwept_ = true;
-    removeLeftovers();
-  }
-  {
-    std::lock_guard lock(syncMutex_);
-    firstSyncDone_ = true;
-  }
-  syncCondition_.notify_all();
-}
-
-void PulseBackend::publish() {
-  if (pendingListReplies_ > 0) {
-    return;  // the first view is published whole
-  }
-  auto next = std::make_shared<const AudioSnapshot>(model_.snapshot(ready_));
-  std::shared_ptr<const AudioSnapshot> previous;
-  {
-    std::lock_guard lock(snapshotMutex_);
-    previous = std::exchange(snapshot_, next);
-    snapshotVersion_.fetch_add(1, std::memory_order_release);
-  }
-  snapshotChanged_.notify_all();
-  for (const auto& change : pulse::changesBetween(*previous, *next)) {
-    listeners_.fire(change.object, change.address);
-  }
-  if (ready_) {
-    keepStreamsOnTaps();
-    keepStreamsRouted();
-  }
-}
-
-void PulseBackend::subscriptionCallback(pa_context* context, pa_subscription_event_type_t eventType,
-                                        std::uint32_t index, void* userdata) {
-  backendOf(userdata)->onSubscription(context, static_cast<unsigned>(eventType), index);
-}
-
-void PulseBackend::onSubscription(pa_context* context, unsigned eventType, std::uint32_t index) {
-  if (context != context_) {
-    return;
-  }
-  const unsigned facility = eventType & PA_SUBSCRIPTION_EVENT_FACILITY_MASK;
-  const unsigned type = eventType & PA_SUBSCRIPTION_EVENT_TYPE_MASK;
-  using Kind = pulse::PulseModel::Kind;
-  std::optional<Kind> kind;
-  switch (facility) {
-    case PA_SUBSCRIPTION_EVENT_SINK:
-      kind = Kind::sink;
-      break;
-    case PA_SUBSCRIPTION_EVENT_SINK_INPUT:
-      kind = Kind::sinkInput;
-      break;
-    case PA_SUBSCRIPTION_EVENT_SOURCE_OUTPUT:
-      kind = Kind::sourceOutput;
-      break;
-    case PA_SUBSCRIPTION_EVENT_CLIENT:
-      kind = Kind::client;
-      break;
-    case PA_SUBSCRIPTION_EVENT_SERVER:
-      pa_operation_unref(
-          pa_context_get_server_info(context, &PulseBackend::serverInfoCallback, this));
-      return;
-    default:
-      return;
-  }
-  if (type == PA_SUBSCRIPTION_EVENT_REMOVE) {
-    model_.remove(*kind, index);
-    if (*kind == Kind::sinkInput) {
-      moves_.erase(index);
-      routeMoves_.erase(index);
-    }
-    publish();
-    return;
-  }
-  if (type == PA_SUBSCRIPTION_EVENT_NEW) {
-    model_.announce(*kind, index);
-  }
-  requestInfo(context, *kind, index);
-}
-
-void PulseBackend::requestInfo(pa_context* context, pulse::PulseModel::Kind kind,
-                               std::uint32_t index) {
-  using Kind = pulse::PulseModel::Kind;
-  pa_operation* operation = nullptr;
-  switch (kind) {
-    case Kind::sink:
-      operation = pa_context_get_sink_info_by_index(
-          context, index,
-          &PulseBackend::infoCallback<pa_sink_info, copySink, &pulse::PulseModel::applySink>, this);
-      break;
-    case Kind::sinkInput:
-      operation = pa_context_get_sink_input_info(
-          context, index,
-          &PulseBackend::infoCallback<pa_sink_input_info, copySinkInput,
-                                      &pulse::PulseModel::applySinkInput>,
-          this);
-      break;
-    case Kind::sourceOutput:
-      operation = pa_context_get_source_output_info(
-          context, index,
-          &PulseBackend::infoCallback<pa_source_output_info, copySourceOutput,
-                                      &pulse::PulseModel::applySourceOutput>,
-          this);
-      break;
-    case Kind::client:
-      operation = pa_context_get_client_info(
-          context, index,
-          &PulseBackend::infoCallback<pa_client_info, copyClient, &pulse::PulseModel::applyClient>,
-          this);
-      break;
-  }
-  if (operation != nullptr) {
-    pa_operation_unref(operation);
-  }
-}
-
-// Info replies: copy the record while the pointer is valid, apply it, publish. A reply to a
-// list request applies its records and publishes once, at the end of the list.
-template <typename Info, auto Copy, auto Apply>
-void PulseBackend::infoCallback(pa_context* context, const Info* info, int eol, void* userdata) {
-  PulseBackend* self = backendOf(userdata);
-  if (context == self->context_ && eol == 0 && info != nullptr) {
-    (self->model_.*Apply)(Copy(*info));
-    self->publish();
-  }
-}
-
-template <typename Info, auto Copy, auto Apply>
-void PulseBackend::listCallback(pa_context* context, const Info* info, int eol, void* userdata) {
-  PulseBackend* self = backendOf(userdata);
-  if (context != self->context_) {
-    return;
-  }
-  if (eol != 0) {
-    self->listReplyFinished();
-  } else if (info != nullptr) {
-    (self->model_.*Apply)(Copy(*info));
-  }
-}
-
-void PulseBackend::serverInfoCallback(pa_context* context, const pa_server_info* info,
-                                      void* userdata) {
-  PulseBackend* self = backendOf(userdata);
-  if (context != self->context_) {
-    return;
-  }
-  if (info != nullptr) {
-    self->model_.setDefaultSinkName(info->default_sink_name != nullptr ? info->default_sink_name
-                                                                       : "");
-  }
-  if (self->pendingListReplies_ > 0) {
-    self->listReplyFinished();
-  } else {
-    self->publish();
-  }
-}
-
-void PulseBackend::operationCallback(pa_context*, int success, void* userdata) {
-  auto* completion = static_cast<std::shared_ptr<Completion>*>(userdata);
-  (*completion)->finish(success != 0);
-  delete completion;
-}
-
-void PulseBackend::failPendingOperations() {
-  for (const auto& weak : pendingOperations_) {
-    if (auto completion = weak.lock()) {
-      completion->finish(false);
-    }
-  }
-  pendingOperations_.clear();
-}
-
-OSStatus PulseBackend::runOperation(const StartOperation& start) {
-  std::uint32_t unused = PA_INVALID_INDEX;
-  return runAnyOperation(
-      [&](pa_context* context, void* userdata) {
-        return start(context, &PulseBackend::operationCallback, userdata);
-      },
-      unused);
-}
-
-OSStatus PulseBackend::runIndexOperation(const StartIndexOperation& start, std::uint32_t& index) {
-  return runAnyOperation(
-      [&](pa_context* context, void* userdata) {
-        return start(context, &PulseBackend::indexOperationCallback, userdata);
-      },
-      index);
-}
-
-OSStatus PulseBackend::runAnyOperation(
-    const std::function<pa_operation*(pa_context*, void*)>& start, std::uint32_t& index) {
-  auto completion = std::make_shared<Completion>();
-  auto* userdata = new std::shared_ptr<Completion>(completion);
-  pa_operation* operation = nullptr;
-  {
-    MainloopLock lock(mainloop_);
-    if (!ready_ || context_ == nullptr) {
-      delete userdata;
-      return kAudioHardwareNotRunningError;
-    }
-    operation = start(context_, userdata);
-    if (operation == nullptr) {
-      delete userdata;
-      return kAudioHardwareUnspecifiedError;
-    }
-    std::erase_if(pendingOperations_, [](const auto& weak) { return weak.expired(); });
-    pendingOperations_.push_back(completion);
-  }
-  bool finished = false;
-  bool succeeded = false;
-  {
-    std::unique_lock lock(completion->mutex);
-    finished = completion->condition.wait_for(lock, options_.operationTimeout,
-                                              [&] { return completion->done; });
-    succeeded = completion->success;
-    index = completion->index;
-  }
-  {
-    MainloopLock lock(mainloop_);
-    // Under the lock the callback has either run (and freed its userdata) or never will.
-    if (pa_operation_get_state(operation) != PA_OPERATION_DONE) {
-      pa_operation_cancel(operation);
-      delete userdata;
-    }
-    pa_operation_unref(operation);
-  }
-  if (!finished) {
-    return kAudioHardwareNotRunningError;
-  }
-  return succeeded ? kAudioHardwareNoError : kAudioHardwareUnspecifiedError;
 }
 
 }  // namespace quellix

@@ -14,6 +14,7 @@
 
 #include "audio/AudioBackend.h"
 #include "audio/ListenerRegistry.h"
+#include "audio/OperationRunner.h"
 #include "audio/PropertyValue.h"
 #include "audio/pulse/PulseIOPath.h"
 #include "audio/pulse/PulseModel.h"
@@ -38,8 +39,9 @@ namespace quellix {
 // The audio hardware layer on a sound server that speaks the PulseAudio protocol (PulseAudio,
 // or PipeWire through pipewire-pulse). One context on a threaded main loop keeps a model of
 // the server current from its events; reads are answered from that model without a round
-// trip, and writes wait for the server with a time-out. A lost server is reconnected to by
-// itself.
+// trip. Writes and object creation never wait for the server: they update the model at once
+// and leave the request to an operation runner, which reports a failure in the log and has
+// the model re-read. A lost server is reconnected to by itself.
 class PulseBackend final : public AudioBackend {
  public:
   struct Options {
@@ -89,11 +91,9 @@ class PulseBackend final : public AudioBackend {
   OSStatus destroyIOProcID(AudioObjectID device, AudioDeviceIOProcID proc) override;
 
  private:
-  struct Completion;
-  using StartOperation =
-      std::function<pa_operation*(pa_context*, void (*)(pa_context*, int, void*), void*)>;
-  using StartIndexOperation =
-      std::function<pa_operation*(pa_context*, void (*)(pa_context*, std::uint32_t, void*), void*)>;
+  struct PendingReply;
+  using Finish = OperationRunner::Finish;
+  using InFlight = OperationRunner::InFlight;
 
   struct Tap {
     AudioObjectID id = kAudioObjectUnknown;
@@ -107,6 +107,7 @@ class PulseBackend final : public AudioBackend {
   };
   struct IOProc {
     AudioDeviceIOBlock block;
+    bool started = false;  // asked to run; its path may still be on its way
     std::unique_ptr<PulseIOPath> path;
   };
   struct Aggregate {
@@ -137,21 +138,29 @@ class PulseBackend final : public AudioBackend {
   void requestInfo(pa_context* context, pulse::PulseModel::Kind kind, std::uint32_t index);
   void listReplyFinished();
   void publish();
-  void failPendingOperations();
   void keepStreamsOnTaps();
   // Moves the streams of processes given an output device there, or to the default output
   // device while theirs is away.
   void keepStreamsRouted();
   void onRouteMoveDone(std::uint32_t sinkInput, bool success);
   void removeLeftovers();
+  void removeAbandonedTapSinks();
   void onMoveDone(std::uint32_t sinkInput, bool success);
 
-  bool waitForSnapshot(const std::function<bool(const pulse::AudioSnapshot&)>& condition,
-                       std::chrono::milliseconds timeout);
-  OSStatus runIndexOperation(const StartIndexOperation& start, std::uint32_t& index);
-  OSStatus runAnyOperation(const std::function<pa_operation*(pa_context*, void*)>& start,
-                           std::uint32_t& index);
-  OSStatus returnStreams(const Tap& tap);
+  // Operations, with the main loop's lock held (from any thread).
+  void submit(const std::string& lane, OperationRunner::Operation operation);
+  void armDeadline();
+  // The runner's handle on an issued request; `reply` is the userdata it was issued with.
+  InFlight track(pa_operation* operation, std::shared_ptr<PendingReply>* reply);
+  std::shared_ptr<PendingReply>* replyFor(Finish finish,
+                                          std::function<void(std::uint32_t)> onIndex = {});
+  void writeSink(std::uint32_t sinkIndex, const std::string& what,
+                 std::function<void(pulse::SinkInfo&)> optimistic,
+                 std::function<pa_operation*(pa_context*, std::shared_ptr<PendingReply>*)> issue);
+  InFlight takeDownTap(const Tap& tap, Finish finish);
+  InFlight launchIO(AudioObjectID device, AudioDeviceIOProcID proc, Finish finish);
+  static std::string tapLane(AudioObjectID tap);
+  // Sends a process's streams to a device ("": the default output) from now on.
   OSStatus routeProcess(SInt32 pid, std::string deviceUID);
 
   // The latest snapshot for a reader, without a lock while it has not changed.
@@ -159,9 +168,6 @@ class PulseBackend final : public AudioBackend {
   std::optional<PropertyValue> propertyValue(AudioObjectID object,
                                              const AudioObjectPropertyAddress& address,
                                              OSStatus& status) const;
-
-  // From the main thread: issue an operation and wait for its reply or the time-out.
-  OSStatus runOperation(const StartOperation& start);
 
   static void contextStateCallback(pa_context* context, void* userdata);
   static void subscriptionCallback(pa_context* context, pa_subscription_event_type_t eventType,
@@ -173,8 +179,10 @@ class PulseBackend final : public AudioBackend {
   template <typename Info, auto Copy, auto Apply>
   static void listCallback(pa_context* context, const Info* info, int eol, void* userdata);
   static void serverInfoCallback(pa_context* context, const pa_server_info* info, void* userdata);
-  static void operationCallback(pa_context* context, int success, void* userdata);
-  static void indexOperationCallback(pa_context* context, std::uint32_t index, void* userdata);
+  static void successReply(pa_context* context, int success, void* userdata);
+  static void indexReply(pa_context* context, std::uint32_t index, void* userdata);
+  static void deadlineCallback(pa_mainloop_api* api, pa_time_event* event, const struct timeval* tv,
+                               void* userdata);
   static void moveCallback(pa_context* context, int success, void* userdata);
 
   Options options_;
@@ -187,7 +195,10 @@ class PulseBackend final : public AudioBackend {
   int pendingListReplies_ = 0;
   bool ready_ = false;
   bool wasConnected_ = false;
-  std::vector<std::weak_ptr<Completion>> pendingOperations_;
+  std::unique_ptr<OperationRunner> runner_;
+  pa_time_event* deadlineEvent_ = nullptr;
+  // Taps taken down before the server told us their module: their sinks go once they show.
+  std::set<std::string> abandonedTapUUIDs_;
 
   std::map<std::uint32_t, Move> moves_;
   std::map<std::uint32_t, Move> routeMoves_;
@@ -208,7 +219,6 @@ class PulseBackend final : public AudioBackend {
   std::atomic<std::uint64_t> repeatedMoves_{0};
 
   mutable std::mutex snapshotMutex_;
-  std::condition_variable snapshotChanged_;
   std::shared_ptr<const pulse::AudioSnapshot> snapshot_;
   std::atomic<std::uint64_t> snapshotVersion_{0};
   const std::uint64_t serial_;

@@ -5,8 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <condition_variable>
-#include <mutex>
+#include <functional>
 
 #include "audio/pulse/PulseBackend.h"
 
@@ -64,24 +63,13 @@ inline pa_cvolume scaledVolume(const std::vector<std::uint32_t>& channels, Float
 
 namespace quellix {
 
-struct PulseBackend::Completion {
-  std::mutex mutex;
-  std::condition_variable condition;
-  bool done = false;
-  bool success = false;
-  std::uint32_t index = PA_INVALID_INDEX;
-
-  void finish(bool succeeded) {
-    {
-      std::lock_guard lock(mutex);
-      if (done) {
-        return;
-      }
-      done = true;
-      success = succeeded;
-    }
-    condition.notify_all();
-  }
+// The userdata of one issued request, shared with the runner's handle on it: the reply
+// frees it, or the handle does when the request is abandoned before its reply.
+struct PulseBackend::PendingReply {
+  PulseBackend* backend = nullptr;
+  Finish finish;
+  std::function<void(std::uint32_t)> onIndex;  // a creating request's new index
+  bool answered = false;
 };
 
 }  // namespace quellix

@@ -120,10 +120,25 @@ OSStatus PulseBackend::setPropertyData(AudioObjectID object,
     }
     Float32 volume = 0;
     std::memcpy(&volume, data, sizeof volume);
-    const pa_cvolume channels = scaledVolume(device->channelVolumes, volume);
-    return runOperation([&](pa_context* context, auto callback, void* userdata) {
-      return pa_context_set_sink_volume_by_index(context, sinkIndex, &channels, callback, userdata);
-    });
+    MainloopLock lock(mainloop_);
+    if (!ready_) {
+      return kAudioHardwareNotRunningError;
+    }
+    const auto sink = model_.sinks().find(sinkIndex);
+    if (sink == model_.sinks().end()) {
+      return kAudioHardwareBadObjectError;
+    }
+    const pa_cvolume channels = scaledVolume(sink->second.channelVolumes, volume);
+    writeSink(
+        sinkIndex, "Setting the volume",
+        [channels](pulse::SinkInfo& info) {
+          info.channelVolumes.assign(channels.values, channels.values + channels.channels);
+        },
+        [sinkIndex, channels](pa_context* context, auto* reply) {
+          return pa_context_set_sink_volume_by_index(context, sinkIndex, &channels,
+                                                     &PulseBackend::successReply, reply);
+        });
+    return kAudioHardwareNoError;
   }
   if (address == kMuteAddress) {
     if (size != sizeof(UInt32)) {
@@ -131,10 +146,20 @@ OSStatus PulseBackend::setPropertyData(AudioObjectID object,
     }
     UInt32 mute = 0;
     std::memcpy(&mute, data, sizeof mute);
-    return runOperation([&](pa_context* context, auto callback, void* userdata) {
-      return pa_context_set_sink_mute_by_index(context, sinkIndex, mute != 0 ? 1 : 0, callback,
-                                               userdata);
-    });
+    MainloopLock lock(mainloop_);
+    if (!ready_) {
+      return kAudioHardwareNotRunningError;
+    }
+    if (model_.sinks().count(sinkIndex) == 0) {
+      return kAudioHardwareBadObjectError;
+    }
+    writeSink(
+        sinkIndex, "Setting the mute", [mute](pulse::SinkInfo& info) { info.mute = mute != 0; },
+        [sinkIndex, mute](pa_context* context, auto* reply) {
+          return pa_context_set_sink_mute_by_index(context, sinkIndex, mute != 0 ? 1 : 0,
+                                                   &PulseBackend::successReply, reply);
+        });
+    return kAudioHardwareNoError;
   }
   return kAudioHardwareUnknownPropertyError;
 }

@@ -68,14 +68,9 @@ PulseIOPath* pathOf(void* userdata) {
 
 }  // namespace
 
-std::unique_ptr<PulseIOPath> PulseIOPath::start(Config config, OSStatus& status) {
+std::unique_ptr<PulseIOPath> PulseIOPath::launch(Config config) {
   std::unique_ptr<PulseIOPath> path(new PulseIOPath(std::move(config)));
-  if (!path->connect()) {
-    status = kAudioHardwareNotRunningError;
-    return nullptr;
-  }
-  status = kAudioHardwareNoError;
-  return path;
+  return path->connect() ? std::move(path) : nullptr;
 }
 
 PulseIOPath::PulseIOPath(Config config)
@@ -123,10 +118,7 @@ bool PulseIOPath::connect() {
   outputRate_ = rate;
   loop_.start(
       "quellix-io", [this] { beginConnecting(); }, [this] { onTick(); });
-  std::unique_lock lock(startupMutex_);
-  startupChanged_.wait_for(lock, config_.timeout,
-                           [this] { return startup_ != Startup::connecting; });
-  return startup_ == Startup::running;
+  return true;
 }
 
 void PulseIOPath::finishStartup(Startup outcome) {
@@ -137,7 +129,9 @@ void PulseIOPath::finishStartup(Startup outcome) {
     }
     startup_ = outcome;
   }
-  startupChanged_.notify_all();
+  if (outcome == Startup::failed && config_.onStartFailed) {
+    config_.onStartFailed();
+  }
 }
 
 void PulseIOPath::beginConnecting() {

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -35,7 +36,8 @@ class PulseIOPath {
     std::uint32_t sampleRate = 48000;
     AudioDeviceIOBlock block;
     std::chrono::milliseconds targetLatency{20};
-    std::chrono::milliseconds timeout{3000};
+    // For a launched path: called on the IO thread when its streams cannot connect.
+    std::function<void()> onStartFailed;
   };
 
   struct Statistics {
@@ -47,8 +49,8 @@ class PulseIOPath {
     double rateCorrection = 1.0;
   };
 
-  // Connects and starts both streams; null and a status when that fails.
-  static std::unique_ptr<PulseIOPath> start(Config config, OSStatus& status);
+  // Starts connecting on the IO thread and returns at once; null only when it cannot begin.
+  static std::unique_ptr<PulseIOPath> launch(Config config);
   ~PulseIOPath();
   PulseIOPath(const PulseIOPath&) = delete;
   PulseIOPath& operator=(const PulseIOPath&) = delete;
@@ -92,7 +94,6 @@ class PulseIOPath {
   Config config_;
   PacedMainloop loop_;
   std::mutex startupMutex_;
-  std::condition_variable startupChanged_;
   Startup startup_ = Startup::connecting;
   pa_context* context_ = nullptr;
   pa_stream* record_ = nullptr;

@@ -343,6 +343,9 @@ void MuteController::rebuildAllTaps() {
     }
   }
   if (following.empty()) {
+    // A tap that failed while there was no default output (its sink gone, the next one not
+    // yet reported) is built now that there is one.
+    reconcile(std::vector<AudioApp>(lastApps_));
     return;
   }
   logger_.info("Default-Output gewechselt — baue " + std::to_string(following.size()) +
