@@ -45,14 +45,21 @@ class RowButtonAccessible final : public QAccessibleWidget {
   explicit RowButtonAccessible(RowButton* button)
       : QAccessibleWidget(button, QAccessible::Button), button_(button) {}
 
+  // A row mutes and unmutes: a screen reader hears a check box that is checked while muted.
+  QAccessible::Role role() const override {
+    return button_->isCheckable() ? QAccessible::CheckBox : QAccessible::Button;
+  }
+
   QAccessible::State state() const override {
     QAccessible::State state = QAccessibleWidget::state();
+    state.checkable = button_->isCheckable();
+    state.checked = button_->isChecked();
     state.hasPopup = button_->row().hasContextMenu();
     return state;
   }
 
   QStringList actionNames() const override {
-    QStringList names{pressAction()};
+    QStringList names{button_->isCheckable() ? toggleAction() : pressAction()};
     if (button_->row().hasContextMenu()) {
       names << showMenuAction();
     }
@@ -67,7 +74,7 @@ class RowButtonAccessible final : public QAccessibleWidget {
   }
 
   void doAction(const QString& action) override {
-    if (action == pressAction()) {
+    if (action == pressAction() || action == toggleAction()) {
       button_->click();
     } else if (action == showMenuAction()) {
       button_->row().showContextMenu(button_->row().keyboardMenuPosition());

@@ -300,9 +300,10 @@ TEST_F(WholeProgramTest, EveryControlIsReachedFromTheApplicationAndWorksThroughI
   };
   const QString launch = QStringLiteral("Bei Anmeldung starten");
   const std::vector<Toggle> toggles = {
-      {alpha->name, [&] { return trayIcon() == "audio-volume-muted-symbolic"; }, true},
+      {alpha->name, [&] { return trayIcon() == "com.norvalin.quellix-speaker-muted-symbolic"; },
+       true},
       {launch, [&] { return entries() == 0; }, false},
-      {alpha->name, [&] { return trayIcon() == "audio-volume-high-symbolic"; }, false},
+      {alpha->name, [&] { return trayIcon() == "com.norvalin.quellix-speaker-symbolic"; }, false},
       {launch, [&] { return entries() == 1; }, true},
   };
   for (const Toggle& toggle : toggles) {
