@@ -49,10 +49,12 @@ OSStatus PulseBackend::createProcessTap(const CATapDescription& description,
   // A null sink renders as far ahead as its clients let it, up to two seconds: a player at its
   // default buffering moved onto it would have that much consumed at once, before the IO path
   // is there to ask for small blocks, and the path would then starve for as long. Without
-  // rewinds it renders at most 50 ms ahead.
+  // rewinds it renders at most 50 ms ahead. Below every real output in the session manager's
+  // choice of a default: when the default output goes, the new one must never be a tap.
   const std::string arguments =
       "sink_name=" + tap.sinkName + " rate=" + std::to_string(tap.sampleRate) +
-      " channels=2 format=float32le norewinds=1 sink_properties=\"device.description='" +
+      " channels=2 format=float32le norewinds=1 sink_properties=\"priority.session=-1 "
+      "device.description='" +
       sanitizedLabel(description.name()) + "' " + pulse::kTapOwnerProperty + "=" +
       std::to_string(::getpid()) + " " + pulse::kTapOwnerStartProperty + "=" +
       pulse::processStartTime(::getpid()) + " " + pulse::kTapUUIDProperty + "=" + tap.uuid + "\"";
