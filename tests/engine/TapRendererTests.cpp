@@ -127,16 +127,5 @@ TEST(TapRenderer, ReadsOnlyTheFirstInputBufferAndSkipsOutputsWithoutData) {
   EXPECT_EQ(empty.outputs[0][0], kUntouched);
 }
 
-TEST(TapRenderer, TheIOBlockReadsTheGainStoredLast) {
-  auto renderer = TapRenderer::create(0.0f);
-  const AudioDeviceIOBlock block = renderer->makeIOBlock();
-  Buffers buffers({{2, 2}}, {{2, 2}});
-  block(nullptr, &buffers.inList, nullptr, &buffers.outList, nullptr);
-  EXPECT_EQ(buffers.outputs[0][0], kUntouched);
-  renderer->setGain(0.25f);
-  block(nullptr, &buffers.inList, nullptr, &buffers.outList, nullptr);
-  EXPECT_EQ(buffers.outputs[0][0], buffers.inputs[0][0] * 0.25f);
-}
-
 }  // namespace
 }  // namespace quellix
