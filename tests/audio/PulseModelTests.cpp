@@ -103,32 +103,6 @@ TEST(PulseModel, ObjectIDsStayWhileTheirPIDHasStreamsAndAreNeverReused) {
       << "a PID that comes back is a new process object";
 }
 
-TEST(PulseModel, AReconnectClearsEverythingAndReaddsWithNewIDs) {
-  PulseModel model;
-  model.applyClient(client(1, "100"));
-  model.applySinkInput(stream(10, 1));
-  model.applySink(sink(0, "out1"));
-  model.setDefaultSinkName("out1");
-  const auto before = model.snapshot(true);
-
-  model.reset();
-  const auto gone = model.snapshot(false);
-  EXPECT_TRUE(gone.processes.empty());
-  EXPECT_TRUE(gone.devices.empty());
-  EXPECT_EQ(gone.defaultOutput, kAudioObjectUnknown);
-
-  // The new server hands out the same indices: they are not tombstoned.
-  model.applyClient(client(1, "100"));
-  model.applySinkInput(stream(10, 1));
-  model.applySink(sink(0, "out1"));
-  model.setDefaultSinkName("out1");
-  const auto after = model.snapshot(true);
-  ASSERT_EQ(after.processes.size(), 1u);
-  EXPECT_NE(after.processes[0].id, before.processes[0].id);
-  EXPECT_NE(after.devices[0].id, before.devices[0].id);
-  EXPECT_EQ(after.defaultOutput, after.devices[0].id);
-}
-
 TEST(PulseModel, TheVerifiedPIDWinsUnlessItIsTheProxys) {
   const StreamInfo native = stream(1, 1, false, {{"pipewire.sec.pid", "300"}});
   const ClientInfo sandboxed = client(
