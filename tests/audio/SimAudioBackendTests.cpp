@@ -60,23 +60,6 @@ TEST_F(SimAudioBackendTest, ARegistrationIsRemovedByItsHandlerObject) {
       << "a listener without a queue would run on a backend thread";
 }
 
-TEST_F(SimAudioBackendTest, AggregatesNeedAnExistingMainSubDeviceAndTap) {
-  addDefaultOutput("speakers");
-  AudioObjectID aggregate = 0;
-  EXPECT_EQ(
-      hardware.AudioHardwareCreateAggregateDevice(
-          {{kAudioAggregateDeviceUIDKey, "x"}, {kAudioAggregateDeviceMainSubDeviceKey, "gone"}},
-          &aggregate),
-      kAudioHardwareBadDeviceError);
-  EXPECT_EQ(hardware.AudioHardwareCreateAggregateDevice(
-                {{kAudioAggregateDeviceUIDKey, "x"},
-                 {kAudioAggregateDeviceMainSubDeviceKey, "speakers"},
-                 {kAudioAggregateDeviceTapListKey, {{{kAudioSubTapUIDKey, "no-such-tap"}}}}},
-                &aggregate),
-            kAudioHardwareBadObjectError);
-  EXPECT_TRUE(sim->aggregates().empty());
-}
-
 TEST(AudioHardwareWithoutBackend, EveryCallSaysTheSystemIsNotRunning) {
   AudioHardware hardware(nullptr);
   UInt32 size = 0;
