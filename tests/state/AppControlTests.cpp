@@ -71,9 +71,8 @@ TEST_F(AppControlTest, CommandsSetTheRowsStateAndBadInputChangesNothing) {
   EXPECT_TRUE(control.mute("Music").muted);
   EXPECT_TRUE(control.mute("Music").muted) << "muting twice keeps it muted";
   EXPECT_FALSE(control.unmute("music").muted);
-  control.setVolume("Music", 40);
-  EXPECT_NEAR(muter.tapGain("org.example.Music"), 0.4f, 1e-4);
 
+  // Refusals beyond what the control command tests send.
   const auto volumesBefore = muter.volumes().get();
   const double masterBefore = state->systemVolume().volume().get();
   struct Case {
@@ -83,7 +82,6 @@ TEST_F(AppControlTest, CommandsSetTheRowsStateAndBadInputChangesNothing) {
   };
   for (const Case& c : {
            Case{"ambiguous", [&] { control.mute("Player"); }, Kind::ambiguousApp},
-           Case{"above", [&] { control.setVolume("Music", 101); }, Kind::volumeOutOfRange},
            Case{"nan", [&] { control.setVolume("Music", std::nan("")); }, Kind::volumeOutOfRange},
            Case{"master", [&] { control.setMasterVolume(-1); }, Kind::volumeOutOfRange},
        }) {
