@@ -90,10 +90,6 @@ TEST_F(AppStateStartUpTest, LaunchAtLoginShowsWhatTheSystemReportsAfterEachAttem
   EXPECT_FALSE(state->launchAtLogin().get()) << "a refused registration springs back";
   EXPECT_EQ(logs->messages("AppState").size(), 1u);
 
-  loginItem->fails = false;
-  loginItem->status_ = LoginItemStatus::requiresApproval;
-  EXPECT_FALSE(state->launchAtLogin().get());
-  loginItem->fails = true;
   loginItem->statusAfterFailure = LoginItemStatus::enabled;
   state->setLaunchAtLogin(false);
   EXPECT_TRUE(state->launchAtLogin().get())
