@@ -29,18 +29,13 @@ struct Buffers {
       for (std::size_t i = 0; i < samples.size(); ++i) {
         samples[i] = 0.001f * static_cast<float>(i + 1) + (inputs.empty() ? 0.0f : 0.5f);
       }
+      // A moved vector keeps its storage, so the buffer's pointer stays good.
+      inBuffers.push_back({channels, static_cast<UInt32>(samples.size() * 4), samples.data()});
       inputs.push_back(std::move(samples));
     }
     for (const auto& [channels, frames] : outShapes) {
-      outputs.emplace_back(std::max<UInt32>(channels, 1) * frames, kUntouched);
-    }
-    for (std::size_t i = 0; i < inputs.size(); ++i) {
-      inBuffers.push_back(
-          {inShapes[i].first, static_cast<UInt32>(inputs[i].size() * 4), inputs[i].data()});
-    }
-    for (std::size_t i = 0; i < outputs.size(); ++i) {
-      outBuffers.push_back(
-          {outShapes[i].first, static_cast<UInt32>(outputs[i].size() * 4), outputs[i].data()});
+      auto& samples = outputs.emplace_back(std::max<UInt32>(channels, 1) * frames, kUntouched);
+      outBuffers.push_back({channels, static_cast<UInt32>(samples.size() * 4), samples.data()});
     }
     inList = {static_cast<UInt32>(inBuffers.size()), inBuffers.data()};
     outList = {static_cast<UInt32>(outBuffers.size()), outBuffers.data()};
@@ -72,7 +67,6 @@ TEST(TapRenderer, CopiesBitExactFromTheThresholdAndMultipliesBelowIt) {
   for (std::size_t i = 0; i < 200; ++i) {
     ASSERT_EQ(scaled.outputs[0][i], scaled.inputs[0][i] * 0.998f) << i;
   }
-  EXPECT_NE(std::memcmp(scaled.outputs[0].data(), scaled.inputs[0].data(), 800), 0);
 }
 
 TEST(TapRenderer, RemapsChannelsWithoutAUnityShortcut) {
