@@ -114,4 +114,32 @@ std::optional<PropertyValue> aggregatePropertyValue(const std::string& uid, Floa
   return std::nullopt;
 }
 
+OSStatus SnapshotBackend::getPropertyDataSize(AudioObjectID object,
+                                              const AudioObjectPropertyAddress& address, UInt32,
+                                              const void*, UInt32& outSize) {
+  OSStatus status = kAudioHardwareNoError;
+  const auto value = propertyValue(object, address, status);
+  if (!value) {
+    return status;
+  }
+  outSize = value->size();
+  return kAudioHardwareNoError;
+}
+
+OSStatus SnapshotBackend::getPropertyData(AudioObjectID object,
+                                          const AudioObjectPropertyAddress& address, UInt32,
+                                          const void*, UInt32& ioSize, void* outData) {
+  OSStatus status = kAudioHardwareNoError;
+  const auto value = propertyValue(object, address, status);
+  if (!value) {
+    return status;
+  }
+  return value->deliver(ioSize, outData);
+}
+
+bool SnapshotBackend::hasProperty(AudioObjectID object, const AudioObjectPropertyAddress& address) {
+  OSStatus status = kAudioHardwareNoError;
+  return propertyValue(object, address, status).has_value();
+}
+
 }  // namespace quellix

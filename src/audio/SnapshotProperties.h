@@ -5,10 +5,29 @@
 #include <string>
 #include <vector>
 
+#include "audio/AudioBackend.h"
 #include "audio/PropertyValue.h"
 #include "audio/pulse/PulseModel.h"
 
 namespace quellix {
+
+// A backend that answers every read from one function: the size, the data and whether the
+// property exists are three views of the same value.
+class SnapshotBackend : public AudioBackend {
+ public:
+  OSStatus getPropertyDataSize(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                               UInt32 qualifierSize, const void* qualifier, UInt32& outSize) final;
+  OSStatus getPropertyData(AudioObjectID object, const AudioObjectPropertyAddress& address,
+                           UInt32 qualifierSize, const void* qualifier, UInt32& ioSize,
+                           void* outData) final;
+  bool hasProperty(AudioObjectID object, const AudioObjectPropertyAddress& address) final;
+
+ protected:
+  // The value at `address`, or none with `status` saying why.
+  virtual std::optional<PropertyValue> propertyValue(AudioObjectID object,
+                                                     const AudioObjectPropertyAddress& address,
+                                                     OSStatus& status) const = 0;
+};
 
 // The property answers a backend gives from its model of the server, the same for every
 // server: the system object, processes and devices of `snapshot`, and the backend's own taps

@@ -648,34 +648,6 @@ std::optional<PropertyValue> PipeWireBackend::propertyValue(
   return std::nullopt;
 }
 
-OSStatus PipeWireBackend::getPropertyDataSize(AudioObjectID object,
-                                              const AudioObjectPropertyAddress& address, UInt32,
-                                              const void*, UInt32& outSize) {
-  OSStatus status = kAudioHardwareNoError;
-  const auto value = propertyValue(object, address, status);
-  if (!value) {
-    return status;
-  }
-  outSize = value->size();
-  return kAudioHardwareNoError;
-}
-
-OSStatus PipeWireBackend::getPropertyData(AudioObjectID object,
-                                          const AudioObjectPropertyAddress& address, UInt32,
-                                          const void*, UInt32& ioSize, void* outData) {
-  OSStatus status = kAudioHardwareNoError;
-  auto value = propertyValue(object, address, status);
-  if (!value) {
-    return status;
-  }
-  return value->deliver(ioSize, outData);
-}
-
-bool PipeWireBackend::hasProperty(AudioObjectID object, const AudioObjectPropertyAddress& address) {
-  OSStatus status = kAudioHardwareNoError;
-  return propertyValue(object, address, status).has_value();
-}
-
 namespace {
 
 // Props with the given channel volumes or mute, into `builder`.

@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "audio/AudioBackend.h"
 #include "audio/ListenerRegistry.h"
 #include "audio/PropertyValue.h"
+#include "audio/SnapshotProperties.h"
 #include "audio/pulse/PulseModel.h"
 #include "support/Logger.h"
 
@@ -32,7 +32,7 @@ namespace quellix {
 // keeps, so processes, devices and the default output mean the same on both. A tap is a
 // virtual sink of our own in the graph; its IO plays what that sink captures to the output in
 // the same graph cycle, with the IO block run in the realtime process callback.
-class PipeWireBackend final : public AudioBackend {
+class PipeWireBackend final : public SnapshotBackend {
  public:
   struct Options {
     std::chrono::milliseconds startupWait{3000};
@@ -47,16 +47,9 @@ class PipeWireBackend final : public AudioBackend {
   bool isConnected() const;
   std::shared_ptr<const pulse::AudioSnapshot> snapshot() const;
 
-  OSStatus getPropertyDataSize(AudioObjectID object, const AudioObjectPropertyAddress& address,
-                               UInt32 qualifierSize, const void* qualifier,
-                               UInt32& outSize) override;
-  OSStatus getPropertyData(AudioObjectID object, const AudioObjectPropertyAddress& address,
-                           UInt32 qualifierSize, const void* qualifier, UInt32& ioSize,
-                           void* outData) override;
   OSStatus setPropertyData(AudioObjectID object, const AudioObjectPropertyAddress& address,
                            UInt32 qualifierSize, const void* qualifier, UInt32 size,
                            const void* data) override;
-  bool hasProperty(AudioObjectID object, const AudioObjectPropertyAddress& address) override;
   OSStatus addPropertyListener(AudioObjectID object, const AudioObjectPropertyAddress& address,
                                MainQueue* queue,
                                AudioObjectPropertyListenerBlock listener) override;
@@ -114,7 +107,7 @@ class PipeWireBackend final : public AudioBackend {
   bool roundTrip();
   std::optional<PropertyValue> propertyValue(AudioObjectID object,
                                              const AudioObjectPropertyAddress& address,
-                                             OSStatus& status) const;
+                                             OSStatus& status) const override;
   OSStatus returnStreams(Tap& tap);
   void stopIO(Tap& tap);
 

@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "audio/AudioBackend.h"
 #include "audio/ListenerRegistry.h"
 #include "audio/OperationRunner.h"
 #include "audio/PropertyValue.h"
+#include "audio/SnapshotProperties.h"
 #include "audio/pulse/PulseIOPath.h"
 #include "audio/pulse/PulseModel.h"
 #include "support/Logger.h"
@@ -42,7 +42,7 @@ namespace quellix {
 // trip. Writes and object creation never wait for the server: they update the model at once
 // and leave the request to an operation runner, which reports a failure in the log and has
 // the model re-read. A lost server is reconnected to by itself.
-class PulseBackend final : public AudioBackend {
+class PulseBackend final : public SnapshotBackend {
  public:
   struct Options {
     std::string server;  // empty: the usual one ($PULSE_SERVER, then the runtime dir)
@@ -63,16 +63,9 @@ class PulseBackend final : public AudioBackend {
   // The IO statistics of a started aggregate device, if it has an IO path.
   std::optional<PulseIOPath::Statistics> ioStatistics(AudioObjectID aggregate) const;
 
-  OSStatus getPropertyDataSize(AudioObjectID object, const AudioObjectPropertyAddress& address,
-                               UInt32 qualifierSize, const void* qualifier,
-                               UInt32& outSize) override;
-  OSStatus getPropertyData(AudioObjectID object, const AudioObjectPropertyAddress& address,
-                           UInt32 qualifierSize, const void* qualifier, UInt32& ioSize,
-                           void* outData) override;
   OSStatus setPropertyData(AudioObjectID object, const AudioObjectPropertyAddress& address,
                            UInt32 qualifierSize, const void* qualifier, UInt32 size,
                            const void* data) override;
-  bool hasProperty(AudioObjectID object, const AudioObjectPropertyAddress& address) override;
   OSStatus addPropertyListener(AudioObjectID object, const AudioObjectPropertyAddress& address,
                                MainQueue* queue,
                                AudioObjectPropertyListenerBlock listener) override;
@@ -167,7 +160,7 @@ class PulseBackend final : public AudioBackend {
   const pulse::AudioSnapshot& currentSnapshot() const;
   std::optional<PropertyValue> propertyValue(AudioObjectID object,
                                              const AudioObjectPropertyAddress& address,
-                                             OSStatus& status) const;
+                                             OSStatus& status) const override;
 
   static void contextStateCallback(pa_context* context, void* userdata);
   static void subscriptionCallback(pa_context* context, pa_subscription_event_type_t eventType,

@@ -62,34 +62,6 @@ std::optional<PropertyValue> PulseBackend::propertyValue(AudioObjectID object,
   return std::nullopt;
 }
 
-OSStatus PulseBackend::getPropertyDataSize(AudioObjectID object,
-                                           const AudioObjectPropertyAddress& address, UInt32,
-                                           const void*, UInt32& outSize) {
-  OSStatus status = kAudioHardwareNoError;
-  const auto value = propertyValue(object, address, status);
-  if (!value) {
-    return status;
-  }
-  outSize = value->size();
-  return kAudioHardwareNoError;
-}
-
-OSStatus PulseBackend::getPropertyData(AudioObjectID object,
-                                       const AudioObjectPropertyAddress& address, UInt32,
-                                       const void*, UInt32& ioSize, void* outData) {
-  OSStatus status = kAudioHardwareNoError;
-  auto value = propertyValue(object, address, status);
-  if (!value) {
-    return status;
-  }
-  return value->deliver(ioSize, outData);
-}
-
-bool PulseBackend::hasProperty(AudioObjectID object, const AudioObjectPropertyAddress& address) {
-  OSStatus status = kAudioHardwareNoError;
-  return propertyValue(object, address, status).has_value();
-}
-
 OSStatus PulseBackend::setPropertyData(AudioObjectID object,
                                        const AudioObjectPropertyAddress& address, UInt32,
                                        const void*, UInt32 size, const void* data) {
