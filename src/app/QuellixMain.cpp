@@ -1,6 +1,8 @@
 #include "app/QuellixMain.h"
 
 #include <QCoreApplication>
+#include <QDBusError>
+#include <QDBusMessage>
 #include <algorithm>
 
 #include "app/ControlCommand.h"
@@ -69,6 +71,11 @@ Invocation dispatch(const std::vector<std::string>& arguments) {
 }
 
 int main(int argc, char** argv, ApplicationRunner runApplication) {
+  // Qt's D-Bus thread reports every failed call to its own listeners in a queued signal whose
+  // argument types Qt does not register itself: unnamed, each failure prints two warnings,
+  // into a script's error output when it is the command line that was refused.
+  qRegisterMetaType<QDBusError>();
+  qRegisterMetaType<QDBusMessage>();
   const std::shared_ptr<LogSink> logs = makeSystemLogSink();
   const Invocation invocation = dispatch(std::vector<std::string>(argv, argv + argc));
   // Taps outlive a program that ends; the guard removes them then. It must be forked while
