@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 #include "desktop/runtime/RemoteControl.h"
 #include "harness/DBusClient.h"
@@ -89,15 +88,16 @@ TEST_F(ControlCommandTest, MutesTheNamedAppAtTheOutputAndRefusesWhatItCannotDo) 
 
   testing::DBusSignalRecorder appChanges(bus_, kService, kPath, kControl,
                                          QStringLiteral("AppChanged"));
+  // Waited for by what the recorder delivered, which a loaded machine holds up for seconds.
   testing::MonitorRecording sink(session_->scratchDir() / "out1.raw", "out1.monitor");
-  std::this_thread::sleep_for(kRecorderSettling);
+  ASSERT_TRUE(session_->eventually([&] { return sink.hasRecorded(kRecorderSettling); }));
   const CommandResult muted = command({"--mute", "com.example.alpha"});
   EXPECT_EQ(muted.status, 0) << muted.errorOutput;
   EXPECT_EQ(muted.errorOutput, "");
-  std::this_thread::sleep_for(kSilenceSettling);
+  ASSERT_TRUE(session_->eventually(
+      [&] { return sink.hasRecorded(kRecorderSettling + kSilenceSettling * 2); }));
   const auto levels = sink.stop(kLevelWindow);
-  ASSERT_FALSE(levels.empty());
-  // The recorder delivers silence until it has settled, so the loudest window stands for
+  // Its first windows can be silence from before it settled, so the loudest one stands for
   // "before"; the last ones are after the command.
   EXPECT_GT(*std::max_element(levels.begin(), levels.end()), testing::kHeardAboveDbfs)
       << "the player was not heard before: " << testing::describeLevels(levels);
