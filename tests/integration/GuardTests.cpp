@@ -85,11 +85,29 @@ class GuardTest : public testing::ServerTest {
     ASSERT_TRUE(testing::eventually([&] {
       return server->pactl({"list", "short", "sinks"}).find(sink) != std::string::npos;
     }));
-    // The player's stream may not be up yet, and PipeWire applies a move a little later.
-    std::vector<testing::SoundServer::SinkInput> streams;
-    ASSERT_TRUE(testing::eventually([&] { return !(streams = server->sinkInputs()).empty(); }));
-    server->pactl({"move-sink-input", streams.front().index, sink});
-    ASSERT_TRUE(testing::eventually([&] { return !everyStreamOnOut1(); }));
+    // The player's stream may not be up yet, PipeWire applies a move a little later, and a
+    // loaded machine's session manager can drop one made while it still sets the stream up:
+    // moved again until it sticks.
+    constexpr auto kMoveAgainAfter = std::chrono::milliseconds(500);
+    auto lastMove = std::chrono::steady_clock::time_point();
+    ASSERT_TRUE(testing::eventually([&] {
+      const auto streams = server->sinkInputs();
+      if (streams.empty()) {
+        return false;
+      }
+      if (streams.front().sink == sink) {
+        return true;
+      }
+      if (std::chrono::steady_clock::now() - lastMove > kMoveAgainAfter) {
+        lastMove = std::chrono::steady_clock::now();
+        try {
+          server->pactl({"move-sink-input", streams.front().index, sink});
+        } catch (const std::exception&) {
+          // gone meanwhile; the next look finds its successor
+        }
+      }
+      return false;
+    }));
   }
 
   testing::TemporaryDirectory preferences;
