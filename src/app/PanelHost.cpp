@@ -41,6 +41,10 @@ PanelHost::PanelHost(std::unique_ptr<QWidget> content) : content_(content.releas
     if (focus != nullptr && focus == windowHandle()) {
       hasFocus_ = true;
     } else if (hasFocus_) {
+      // News of the focus the panel lost when it hid last, arriving after it showed again.
+      if (isVisible() && holdsInputFocus(*this).value_or(false)) {
+        return;
+      }
       hasFocus_ = false;
       hideOnFocusLoss();
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 class QWidget;
 
 namespace quellix {
@@ -9,5 +11,10 @@ namespace quellix {
 // stale time, and a window manager that prevents focus stealing refuses it when the user has
 // used another window since. Does nothing on other platforms or without a window manager.
 void activateForUser(QWidget& window);
+
+// Whether the X server gives `window` the keyboard focus right now; nothing where there is no
+// X server to ask. Qt reports a focus loss up to a moment late, after it has waited for a
+// focus-in that did not come in time; the server's answer tells such news from the present.
+std::optional<bool> holdsInputFocus(const QWidget& window);
 
 }  // namespace quellix

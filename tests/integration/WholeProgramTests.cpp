@@ -186,6 +186,8 @@ class PanelClicksTest : public WholeProgramTest,
                         public ::testing::WithParamInterface<const char*> {};
 
 TEST_P(PanelClicksTest, EveryRowClickToggles) {
+  // Qt reports a lost focus after waiting this long for it to come back.
+  constexpr auto kLateFocusNews = std::chrono::milliseconds(800);
   DesktopSession::Options options;
   if (*GetParam() != '\0') {
     if (QStandardPaths::findExecutable(QString::fromLatin1(GetParam())).isEmpty()) {
@@ -208,11 +210,19 @@ TEST_P(PanelClicksTest, EveryRowClickToggles) {
   EXPECT_EQ(toggles, kClicks);
   EXPECT_TRUE(panelShown());
 
-  // Escape still closes it, and where a window manager hands the focus on, so does a click on
-  // another window. Under openbox the panel reopened after Escape is sometimes hidden again at
-  // once by the late news of its earlier focus loss: not yet fixed, so not asserted there.
+  // Escape still closes it, and a panel opened again at once stays open, though the news that
+  // hiding took its focus arrives after it showed again.
+  for (int round = 0; round < 5; ++round) {
+    session_->display().key("Escape");
+    ASSERT_TRUE(session_->eventually([&] { return !panelShown(); })) << "Escape left it open";
+    tray_->activate(kTrayClick);
+    ASSERT_TRUE(session_->eventually([&] { return panelShown(); }));
+    session_->eventually([] { return false; }, kLateFocusNews);
+    EXPECT_TRUE(panelShown()) << "hidden again after reopening, round " << round;
+  }
+  // Where a window manager hands the focus on, a click on another window closes it.
   session_->display().key("Escape");
-  EXPECT_TRUE(session_->eventually([&] { return !panelShown(); })) << "Escape left it open";
+  ASSERT_TRUE(session_->eventually([&] { return !panelShown(); }));
   if (options.windowManager == std::vector<std::string>{"xfwm4"}) {
     ChildProcess other({"xmessage", "-geometry", "300x100+100+600", "elsewhere"},
                        {.outputFile = (session_->scratchDir() / "xmessage.log").string()});
