@@ -9,6 +9,7 @@
 #include "desktop/runtime/RemoteControl.h"
 #include "harness/DBusClient.h"
 #include "harness/DesktopSession.h"
+#include "harness/FakeShortcutPortal.h"
 #include "harness/LevelMeter.h"
 
 namespace quellix {
@@ -139,6 +140,48 @@ TEST_F(ControlCommandTest, MutesTheNamedAppAtTheOutputAndRefusesWhatItCannotDo) 
   const QDBusMessage master =
       testing::callAndWait(bus_, kService, kPath, kControl, QStringLiteral("GetMaster"));
   EXPECT_TRUE(master.arguments().value(1).toBool()) << "the master mute was not set";
+}
+
+// The desktop's shortcuts, bound through its portal: one silences the media player that plays
+// now (mpv with its MPRIS plugin, beside a player without one), the other brings back all.
+TEST_F(ControlCommandTest, ShortcutsSilenceTheCurrentPlayerAndBringBackAll) {
+  bus_ = testing::connectPrivately();
+  testing::FakeShortcutPortal portal(bus_);
+  const auto tone = session_->scratchDir() / "mpris.wav";
+  testing::runProgram({"sox", "-n", "-r", "48000", "-c", "2", tone.string(), "synth", "1", "sine",
+                       "660", "vol", "0.5"});
+  // Launched from an entry of its own, as a desktop launches it; the shell becomes the player.
+  const auto entry = session_->scratchDir() / "data" / "applications" / "com.example.beta.desktop";
+  std::ofstream(entry) << "[Desktop Entry]\nType=Application\nName=beta\nExec=mpv\n";
+  ChildProcess player({"sh", "-c",
+                       "exec env GIO_LAUNCHED_DESKTOP_FILE=\"$0\" GIO_LAUNCHED_DESKTOP_FILE_PID=$$ "
+                       "mpv --no-video --no-config --ao=pulse --loop-file=inf --no-terminal "
+                       "--script=/usr/lib/mpv-mpris/mpris.so \"$1\"",
+                       entry.string(), tone.string()},
+                      {.outputFile = (session_->scratchDir() / "mpris-player.log").string()});
+  const auto quellix = session_->startQuellix();
+  ASSERT_TRUE(session_->eventually(
+      [&] { return listed().size() == 2 && portal.boundIds.size() == 2; }, kStartTimeout))
+      << "the instance never listed both players or bound its shortcuts";
+  const auto muted = [&](bool alpha, bool mpris) {
+    const RemoteAppList apps = listed();
+    return apps.size() == 2 && std::all_of(apps.begin(), apps.end(), [&](const RemoteApp& app) {
+             return app.muted == (app.id == QStringLiteral("com.example.alpha") ? alpha : mpris);
+           });
+  };
+
+  portal.activate(QStringLiteral("toggle-current-player"));
+  EXPECT_TRUE(session_->eventually([&] { return muted(false, true); }))
+      << "the media player was not silenced alone; " << [&] {
+           std::string rows;
+           for (const RemoteApp& app : listed()) {
+             rows += app.id.toStdString() + (app.muted ? " muted " : " heard ");
+           }
+           return rows;
+         }();
+  ASSERT_EQ(command({"--mute", "com.example.alpha"}).status, 0);
+  portal.activate(QStringLiteral("unmute-all"));
+  EXPECT_TRUE(session_->eventually([&] { return muted(false, false); })) << "not all came back";
 }
 
 }  // namespace
