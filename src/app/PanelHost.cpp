@@ -34,21 +34,13 @@ PanelHost::PanelHost(std::unique_ptr<QWidget> content) : content_(content.releas
   setWindowTitle(QStringLiteral("Quellix"));
   setAttribute(Qt::WA_DeleteOnClose, false);
   setMode(Mode::window);
-  // Followed on the application, not through the window's own activation events: a panel
-  // shown again before Qt heard that hiding took its focus is never told it is active, and
-  // so never that it is not any more.
-  QObject::connect(qGuiApp, &QGuiApplication::focusWindowChanged, this, [this](QWindow* focus) {
-    if (focus != nullptr && focus == windowHandle()) {
-      hasFocus_ = true;
-    } else if (hasFocus_) {
-      // News of the focus the panel lost when it hid last, arriving after it showed again.
-      if (isVisible() && holdsInputFocus(*this).value_or(false)) {
-        return;
-      }
-      hasFocus_ = false;
-      hideOnFocusLoss();
-    }
-  });
+  // On X11 from the server's own focus events, in their order; elsewhere from Qt.
+  x11Focus_ = X11FocusFollower::forWindow(*this, [this](bool focused) { followFocus(focused); });
+  if (!x11Focus_) {
+    QObject::connect(qGuiApp, &QGuiApplication::focusWindowChanged, this, [this](QWindow* focus) {
+      followFocus(focus != nullptr && focus == windowHandle());
+    });
+  }
   if (compositorPlacesPopups()) {
     sway_ = SwayPanelPlacement::forSession();
   }
@@ -87,8 +79,10 @@ void PanelHost::present(QPoint anchor) {
   show();
   place();
   raise();
-  hasFocus_ =
-      QGuiApplication::focusWindow() != nullptr && QGuiApplication::focusWindow() == windowHandle();
+  // The server tells of the focus a shown window gets; Qt's view may still be that of the
+  // panel before it last hid, and a loss it reports late belongs to that one.
+  hasFocus_ = !x11Focus_ && QGuiApplication::focusWindow() != nullptr &&
+              QGuiApplication::focusWindow() == windowHandle();
   activateWindow();
   if (mode_ == Mode::popup) {
     activateForUser(*this);
@@ -112,6 +106,15 @@ void PanelHost::dismiss() {
   hide();
   // Hiding takes the focus away on the way: that was this dismissal, not another window.
   hiddenByFocusLoss_.invalidate();
+}
+
+void PanelHost::followFocus(bool focused) {
+  if (focused) {
+    hasFocus_ = true;
+  } else if (hasFocus_) {
+    hasFocus_ = false;
+    hideOnFocusLoss();
+  }
 }
 
 void PanelHost::hideOnFocusLoss() {

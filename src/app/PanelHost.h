@@ -9,6 +9,7 @@
 namespace quellix {
 
 class SwayPanelPlacement;
+class X11FocusFollower;
 
 // Holds the panel: a frameless window next to the tray icon where a tray exists, an ordinary
 // window where none does. Closing either only hides it; the content lives on.
@@ -44,6 +45,7 @@ class PanelHost final : public QWidget {
  private:
   void place();
   void dismiss();
+  void followFocus(bool focused);
   void hideOnFocusLoss();
   void placeOnSway();
   static bool compositorPlacesPopups();
@@ -52,10 +54,11 @@ class PanelHost final : public QWidget {
   Mode mode_ = Mode::window;
   QPoint anchor_;
   bool placed_ = false;
-  // Whether the panel's window has the focus, as Qt last said.
+  // Whether the panel's window has had the focus since it last showed and still has it.
   bool hasFocus_ = false;
   // Since the panel last hid because another window took the focus.
   QElapsedTimer hiddenByFocusLoss_;
+  std::unique_ptr<X11FocusFollower> x11Focus_;
   std::unique_ptr<SwayPanelPlacement> sway_;
   QTimer swayRetry_;
   int swayAttemptsLeft_ = 0;

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 namespace quellix {
 namespace {
@@ -48,17 +49,42 @@ void activateForUser(QWidget& window) {
   xcb_flush(connection);
 }
 
-std::optional<bool> holdsInputFocus(const QWidget& window) {
-  xcb_connection_t* connection = x11Connection();
-  if (connection == nullptr || !window.testAttribute(Qt::WA_WState_Created)) {
-    return std::nullopt;
+std::unique_ptr<X11FocusFollower> X11FocusFollower::forWindow(
+    const QWidget& window, std::function<void(bool focused)> changed) {
+  if (x11Connection() == nullptr) {
+    return nullptr;
   }
-  const std::unique_ptr<xcb_get_input_focus_reply_t, decltype(&std::free)> focus(
-      xcb_get_input_focus_reply(connection, xcb_get_input_focus(connection), nullptr), &std::free);
-  if (!focus) {
-    return std::nullopt;
+  return std::unique_ptr<X11FocusFollower>(new X11FocusFollower(window, std::move(changed)));
+}
+
+X11FocusFollower::X11FocusFollower(const QWidget& window, std::function<void(bool focused)> changed)
+    : window_(window), changed_(std::move(changed)) {
+  qGuiApp->installNativeEventFilter(this);
+}
+
+X11FocusFollower::~X11FocusFollower() {
+  qGuiApp->removeNativeEventFilter(this);
+}
+
+bool X11FocusFollower::nativeEventFilter(const QByteArray& eventType, void* message, qintptr*) {
+  if (eventType != "xcb_generic_event_t") {
+    return false;
   }
-  return focus->focus == static_cast<xcb_window_t>(window.winId());
+  const auto* event = static_cast<const xcb_generic_event_t*>(message);
+  const auto type = event->response_type & ~0x80;
+  if (type != XCB_FOCUS_IN && type != XCB_FOCUS_OUT) {
+    return false;
+  }
+  // Focus-in and focus-out share one layout.
+  const auto* focus = reinterpret_cast<const xcb_focus_in_event_t*>(event);
+  // The window's id changes when Qt recreates it; one not created yet has none.
+  const WId current = window_.internalWinId();
+  if (current == 0 || focus->event != static_cast<xcb_window_t>(current) ||
+      focus->detail == XCB_NOTIFY_DETAIL_POINTER) {
+    return false;  // the pointer over the window while the focus is elsewhere: no news
+  }
+  changed_(type == XCB_FOCUS_IN);
+  return false;  // Qt follows the focus as well
 }
 
 }  // namespace quellix

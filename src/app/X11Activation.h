@@ -1,6 +1,8 @@
 #pragma once
 
-#include <optional>
+#include <QAbstractNativeEventFilter>
+#include <functional>
+#include <memory>
 
 class QWidget;
 
@@ -12,9 +14,24 @@ namespace quellix {
 // used another window since. Does nothing on other platforms or without a window manager.
 void activateForUser(QWidget& window);
 
-// Whether the X server gives `window` the keyboard focus right now; nothing where there is no
-// X server to ask. Qt reports a focus loss up to a moment late, after it has waited for a
-// focus-in that did not come in time; the server's answer tells such news from the present.
-std::optional<bool> holdsInputFocus(const QWidget& window);
+// Tells when the X server gives a window the keyboard focus and takes it away, in the order
+// the server sends it. Qt smooths the same news: it waits a moment after a focus loss for a
+// focus-in to follow, so a window hidden and shown again within that moment hears of the old
+// loss only after it showed, and never of the new focus.
+class X11FocusFollower final : public QAbstractNativeEventFilter {
+ public:
+  // Nothing where the application does not run on X11.
+  static std::unique_ptr<X11FocusFollower> forWindow(const QWidget& window,
+                                                     std::function<void(bool focused)> changed);
+  ~X11FocusFollower() override;
+
+  bool nativeEventFilter(const QByteArray& eventType, void* message, qintptr* result) override;
+
+ private:
+  X11FocusFollower(const QWidget& window, std::function<void(bool focused)> changed);
+
+  const QWidget& window_;
+  std::function<void(bool focused)> changed_;
+};
 
 }  // namespace quellix
